@@ -1,0 +1,53 @@
+# Thin wrapper around CMake. `make` builds into build/, `make test` runs
+# everything (also under ASan+UBSan), `make m32` proves the 32-bit build.
+BUILD      ?= build
+ASAN_BUILD ?= build-asan
+M32_BUILD  ?= build-m32
+JOBS       ?= $(shell nproc)
+CMAKE_GEN  := -G Ninja
+
+.PHONY: all build deps test test-native test-asan m32 lint format demo bench clean install
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build:
+	@test -f $(BUILD)/build.ninja || cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: deps
+	$(MAKE) test-native
+	$(MAKE) test-asan
+
+test-native: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 600
+
+test-asan:
+	@test -f $(ASAN_BUILD)/build.ninja || cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DHERON_SANITIZE=ON
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=0 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS) --timeout 900 -LE bench
+
+m32: deps
+	@test -f $(M32_BUILD)/build.ninja || cmake -S . -B $(M32_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_M32=ON
+	cmake --build $(M32_BUILD) -j $(JOBS)
+	ctest --test-dir $(M32_BUILD) --output-on-failure -j $(JOBS) -L unit
+
+lint: build
+	bash scripts/lint.sh $(BUILD)
+
+format:
+	find platform src app tools tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+bench: build
+	bash bench/run.sh $(BUILD)
+
+demo: deps build
+	bash scripts/demo.sh $(BUILD)
+
+install: build
+	cmake --install $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD) $(M32_BUILD)

@@ -1,0 +1,42 @@
+// Small helpers shared by the runtime and the tools.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "Beacon/Platform.h"
+
+namespace Beacon {
+
+// Seconds since the epoch, with sub-microsecond resolution.
+double time();
+
+// A mapping could not be made or resized.
+class MemoryResourceException : public std::runtime_error {
+ public:
+  explicit MemoryResourceException(const std::string& what) : std::runtime_error(what) {}
+  [[noreturn]] static void throwException(const std::string& what);
+};
+
+namespace Util {
+
+// The command line of `pid` with its NUL separators as blanks and no
+// trailing blank; "" when it cannot be read (vanished process, kernel
+// thread, no rights). `procRoot` lets tests point it at a fake /proc.
+std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot = "/proc");
+
+// The 8 bytes of a magic in memory (file) order as text; bytes that are not
+// printable ASCII show as '.'.
+std::string decodeMagic(unsigned long long magic);
+
+// The 8-byte magic that `text` (exactly 8 characters) has in file order.
+constexpr unsigned long long encodeMagic(const char (&text)[9]) {
+  unsigned long long value = 0;
+  for (int i = 7; i >= 0; --i) {
+    value = (value << 8) | static_cast<unsigned char>(text[i]);
+  }
+  return value;
+}
+
+}  // namespace Util
+}  // namespace Beacon

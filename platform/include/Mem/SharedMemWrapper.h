@@ -1,0 +1,75 @@
+// One shared-memory file and its mapping. Owns the descriptor and the
+// mapping; both are released by the destructor.
+//
+// Mode 1 (ReadOnly) opens O_RDONLY and maps PROT_READ: the reader side never
+// writes, locks or creates. Mode 0 (ReadWrite) is the writer's. A mapping is
+// never made larger than the file is at that moment, so touching mapped
+// memory cannot raise SIGBUS unless the file shrinks afterwards (table files
+// never shrink).
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "Beacon/Debuggable.h"
+
+namespace Mem {
+
+enum class Mode : unsigned { ReadWrite = 0, ReadOnly = 1 };
+
+class SharedMemWrapper : public Beacon::Debuggable {
+ public:
+  SharedMemWrapper(Beacon::Platform::DebugHandler& handler, std::string path);
+  ~SharedMemWrapper() override;
+  SharedMemWrapper(const SharedMemWrapper&) = delete;
+  SharedMemWrapper& operator=(const SharedMemWrapper&) = delete;
+
+  virtual const std::string& name() const { return path_; }
+  // Real size of the file now; 0 when it is absent or unreadable.
+  std::size_t memSize() const;
+  // Maps the file again at `size` bytes; the new base, or nullptr (with
+  // lastError set) when the file is shorter or the call fails. The old
+  // mapping stays valid on failure.
+  virtual const void* remap(std::size_t size);
+  const std::string& lastError() const { return lastError_; }
+
+  const void* base() const { return base_; }
+  void* writableBase() const { return mode_ == Mode::ReadWrite ? base_ : nullptr; }
+  std::size_t mappedSize() const { return size_; }
+  bool isOpen() const { return fd_ >= 0; }
+
+  // Writer side: creates the file (it must not exist) at `size` bytes.
+  static bool createFile(const std::string& path, std::size_t size, std::string& error);
+  // Writer side: grows the file to `size` bytes (never shrinks it).
+  bool extend(std::size_t size);
+
+ protected:
+  const void* map(std::size_t size, Mode mode);
+
+ private:
+  bool open(Mode mode);
+  void unmap();
+
+  std::string path_;
+  int fd_ = -1;
+  void* base_ = nullptr;
+  std::size_t size_ = 0;
+  Mode mode_ = Mode::ReadOnly;
+  std::string lastError_;
+};
+
+// Adds attach(): open and map in one call, as the readers use it.
+template <typename T>
+class Tracked : public T {
+ public:
+  using T::T;
+  // Opens the file in `mode` and maps `size` bytes. Returns the base, or
+  // nullptr when the file is missing, shorter than `size`, or cannot be
+  // mapped. `address` is a hint only.
+  const void* attach(unsigned size, Mode mode, const void* address) {
+    (void)address;
+    return this->map(size, mode);
+  }
+};
+
+}  // namespace Mem

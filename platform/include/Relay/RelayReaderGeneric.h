@@ -1,0 +1,48 @@
+// Read-only attachment to a table's two notification-queue files.
+//
+// Lifecycle: construct -> initialize() true -> any number of scan() calls ->
+// destroy. After a failed initialize() only destruction is allowed. All
+// fields are plain values and pointers into the mappings the base owns.
+// Single-threaded; the writer changes the memory at any moment, so every
+// shared word is loaded once into a local before it is tested or printed.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <sstream>
+#include <vector>
+
+#include "Relay/RelayTable.h"
+
+namespace Relay {
+
+template <typename Slot>
+class RelayReaderGeneric : public RelayTable<Slot> {
+ public:
+  using Base = RelayTable<Slot>;
+  using Header = typename Base::Header;
+  using Notification = typename Base::Notification;
+  using RelayTableId = typename Base::RelayTableId;
+
+  RelayReaderGeneric(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool writer);
+  ~RelayReaderGeneric() override = default;
+
+  bool initialize();
+  void resizeRelay(RelayTableId id);
+  // A copy of table id's header, taken with single loads of its words.
+  Header header(RelayTableId id) const;
+  void formatIndividualRelayHeader(const Header& header, std::ostream& out) const;
+
+  void scan(std::ostream& out, bool activeOnly);
+  void printQueue(RelayTableId id, std::vector<Notification> (&snapshot)[2], bool activeOnly,
+                  std::ostringstream& out);
+
+ protected:
+  std::uint64_t switchSnapshot_ = 0;
+  const Header* header_[2] = {nullptr, nullptr};
+  const Mem::VersionedRef<unsigned>* notificationsRef_[2] = {nullptr, nullptr};
+  std::uint32_t currentPos_[2] = {0, 0};
+  Mem::VersionedRef<unsigned> cachedNotifications_[2] = {{0xFFFFFFFFU, 0}, {0xFFFFFFFFU, 0}};
+};
+
+}  // namespace Relay

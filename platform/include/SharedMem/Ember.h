@@ -1,0 +1,59 @@
+// The `ember` file: 64 bytes of restart identity that the writer keeps
+// mapped read-write and shared, and heartbeats. Shadows map it read-only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "Beacon/Debuggable.h"
+#include "Mem/RootPath.h"
+#include "Mem/SharedMemWrapper.h"
+#include "SharedMem/EmberId.h"
+#include "SharedMem/OwnerFile.h"
+
+namespace SharedMem {
+
+struct alignas(8) EmberHeader {
+  static constexpr unsigned long long kMagic = 0x5245424d454e5248ULL;  // "HRNEMBER"
+  static constexpr std::uint32_t kVersion = 1;
+
+  std::uint64_t magic;
+  std::uint32_t version;
+  EmberId current;
+  std::uint32_t writerPid;
+  std::uint32_t restarts;
+  std::uint64_t startedNs;
+  std::uint64_t heartbeatNs;
+  std::uint64_t reserved[3];
+};
+
+static_assert(sizeof(EmberHeader) == 64, "ember is 64 bytes");
+static_assert(offsetof(EmberHeader, version) == 8, "ember layout");
+static_assert(offsetof(EmberHeader, current) == 12, "ember layout");
+static_assert(offsetof(EmberHeader, writerPid) == 16, "ember layout");
+static_assert(offsetof(EmberHeader, restarts) == 20, "ember layout");
+static_assert(offsetof(EmberHeader, startedNs) == 24, "ember layout");
+static_assert(offsetof(EmberHeader, heartbeatNs) == 32, "ember layout");
+
+// Reader: copies the header out of the file (pread, read-only).
+LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out);
+
+// Writer: creates the ember on first start, or takes it over on a restart
+// (bumping instanceId and restarts), and keeps it mapped read-write.
+class EmberWriter : public Beacon::Debuggable {
+ public:
+  EmberWriter(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root);
+  bool open(std::string& error);
+  EmberId id() const;
+  void heartbeat();
+
+ private:
+  Mem::RootPath root_;
+  Mem::Tracked<Mem::SharedMemWrapper> file_;
+  EmberHeader* header_ = nullptr;
+};
+
+std::uint64_t nowNs();
+
+}  // namespace SharedMem

@@ -1,0 +1,66 @@
+#include "Beacon/Util.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "Beacon/Trace.h"
+
+namespace Beacon {
+
+double time() {
+  struct timespec now {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+void MemoryResourceException::throwException(const std::string& what) { throw MemoryResourceException(what); }
+
+namespace Util {
+
+std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot) {
+  std::string path = fmt::format("{}/{}/cmdline", procRoot, pid);
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    fmtrace(handler, 5, "Util", "readPidCmdline", __LINE__, "Util", "cannot open {}", path);
+    return "";
+  }
+  std::string text;
+  char buffer[4096];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      break;
+    }
+    text.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  for (char& c : text) {
+    if (c == '\0') {
+      c = ' ';
+    }
+  }
+  while (!text.empty() && text.back() == ' ') {
+    text.pop_back();
+  }
+  return text;
+}
+
+std::string decodeMagic(unsigned long long magic) {
+  std::string text(8, '.');
+  for (std::size_t i = 0; i < 8; ++i) {
+    auto byte = static_cast<unsigned char>((magic >> (8 * i)) & 0xFFU);
+    if (byte >= 0x20 && byte < 0x7F) {
+      text[i] = static_cast<char>(byte);
+    }
+  }
+  return text;
+}
+
+}  // namespace Util
+}  // namespace Beacon

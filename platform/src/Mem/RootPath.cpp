@@ -1,0 +1,63 @@
+#include "Mem/RootPath.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+#include "Beacon/Trace.h"
+
+namespace Mem {
+
+std::ostream& operator<<(std::ostream& out, const RootPath& root) { return out << root.path(); }
+
+std::string canonical(const std::string& path) {
+  char resolved[PATH_MAX];
+  if (!path.empty() && ::realpath(path.c_str(), resolved) != nullptr) {
+    return resolved;
+  }
+  return path;
+}
+
+std::string OrbRootPath::collectionRoot() {
+  const char* env = std::getenv("HERON_ROOT");
+  std::string root = (env != nullptr && *env != '\0') ? env : "/dev/shm/heron";
+  if (std::getenv("Q7_CHROOT") != nullptr) {
+    char cwd[PATH_MAX];
+    if (::getcwd(cwd, sizeof cwd) != nullptr) {
+      std::string base(cwd);
+      if (!base.empty() && base.back() == '/') {
+        base.pop_back();
+      }
+      root = base + (root.front() == '/' ? "" : "/") + root;
+    }
+  }
+  while (root.size() > 1 && root.back() == '/') {
+    root.pop_back();
+  }
+  return canonical(root);
+}
+
+namespace {
+
+std::string resolve(const std::string& path) {
+  if (path.empty()) {
+    return OrbRootPath::collectionRoot();
+  }
+  if (path.front() == '/') {
+    return canonical(path);
+  }
+  return canonical(OrbRootPath::collectionRoot() + "/" + path);
+}
+
+}  // namespace
+
+OrbRootPath::OrbRootPath(Beacon::Platform::DebugHandler& handler, const std::string& path, bool verbose)
+    : RootPath(resolve(path)) {
+  if (verbose) {
+    Beacon::fmtrace(handler, 5, "RootPath", "OrbRootPath", __LINE__, "OrbRootPath", "{} resolves to {}", path,
+                    this->path());
+  }
+}
+
+}  // namespace Mem

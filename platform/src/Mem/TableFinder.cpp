@@ -1,0 +1,96 @@
+#include "Mem/TableFinder.h"
+
+#include <fnmatch.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "Beacon/DirNode.h"
+#include "Beacon/Trace.h"
+#include "SharedMem/OwnerFile.h"
+
+namespace Mem {
+
+namespace {
+
+// Deep enough for any sane naming scheme, shallow enough that a bind-mount
+// loop cannot keep the walk going.
+constexpr int kMaxDepth = 32;
+
+bool isTableOfKind(Beacon::Platform::DebugHandler& handler, const std::string& dir, SharedMem::SharedMemType kind) {
+  SharedMem::OwnerFile owner(handler, RootPath(dir), false);
+  return owner.status() == SharedMem::LoadStatus::Ok && owner.sharedMemType() == kind;
+}
+
+}  // namespace
+
+TableFinder::TableFinder(Beacon::Platform::DebugHandler& handler, const RootPath& root)
+    : handler_(handler), root_(root) {}
+
+void TableFinder::walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
+                       std::vector<std::string>& names, int depth) const {
+  if (depth > kMaxDepth) {
+    return;
+  }
+  Beacon::DirNode node(handler_, dir);
+  if (!node.isOpen()) {
+    return;
+  }
+  std::vector<std::string> children;
+  while (const struct dirent* entry = node.readEntry()) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
+      continue;
+    }
+    std::string child = dir + "/" + entry->d_name;
+    struct stat st {};
+    // lstat: a symlinked directory is not followed.
+    if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      continue;
+    }
+    children.emplace_back(entry->d_name);
+  }
+  for (const std::string& name : children) {
+    std::string childDir = dir + "/" + name;
+    std::string childName = relative.empty() ? name : relative + "/" + name;
+    if (isTableOfKind(handler_, childDir, kind)) {
+      names.push_back(childName);
+    }
+    walk(childDir, childName, kind, names, depth + 1);
+  }
+}
+
+void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {
+  matches_.clear();
+  std::string pattern = expr != nullptr ? expr : "";
+  const std::string& root = root_.path();
+
+  if (!pattern.empty() && pattern.front() == '/') {
+    std::string absolute = canonical(pattern);
+    if (absolute.size() > root.size() && absolute.compare(0, root.size(), root) == 0 && absolute[root.size()] == '/') {
+      pattern = absolute.substr(root.size() + 1);
+    } else {
+      // Outside the root: the path names a table by itself, or nothing.
+      if (isTableOfKind(handler_, absolute, kind)) {
+        matches_.push_back(pattern);
+      }
+      return;
+    }
+  }
+
+  std::vector<std::string> names;
+  walk(root, "", kind, names, 0);
+  std::sort(names.begin(), names.end());
+
+  bool glob = pattern.find_first_of("*?[") != std::string::npos;
+  for (const std::string& name : names) {
+    bool match = glob ? ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0 : name.compare(0, pattern.size(), pattern) == 0;
+    if (match) {
+      matches_.push_back(name);
+    }
+  }
+  Beacon::fmtrace(handler_, 5, "TableFinder", "find", __LINE__, "TableFinder", "{} of {} tables match '{}'",
+                  matches_.size(), names.size(), pattern);
+}
+
+}  // namespace Mem

@@ -1,0 +1,83 @@
+#include "SharedMem/Ember.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include "Beacon/Util.h"
+
+namespace SharedMem {
+
+static_assert(EmberHeader::kMagic == Beacon::Util::encodeMagic("HRNEMBER"), "ember magic");
+
+std::uint64_t nowNs() {
+  struct timespec now {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out) {
+  std::string path = root.fullPath("ember");
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return LoadStatus::NotReady;
+  }
+  EmberHeader loaded{};
+  ssize_t n = ::pread(fd, &loaded, sizeof loaded, 0);
+  ::close(fd);
+  if (n != static_cast<ssize_t>(sizeof loaded)) {
+    return LoadStatus::NotReady;
+  }
+  if (loaded.magic != EmberHeader::kMagic) {
+    return LoadStatus::Corrupt;
+  }
+  if (loaded.version != EmberHeader::kVersion) {
+    return LoadStatus::Incompatible;
+  }
+  out = loaded;
+  return LoadStatus::Ok;
+}
+
+EmberWriter::EmberWriter(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root)
+    : Beacon::Debuggable(handler), root_(root), file_(handler, root.fullPath("ember")) {}
+
+bool EmberWriter::open(std::string& error) {
+  std::string path = root_.fullPath("ember");
+  bool fresh = ::access(path.c_str(), F_OK) != 0;
+  if (fresh && !Mem::SharedMemWrapper::createFile(path, sizeof(EmberHeader), error)) {
+    return false;
+  }
+  if (file_.attach(sizeof(EmberHeader), Mem::Mode::ReadWrite, nullptr) == nullptr) {
+    error = path + ": " + file_.lastError();
+    return false;
+  }
+  header_ = static_cast<EmberHeader*>(file_.writableBase());
+  auto pid = static_cast<std::uint32_t>(::getpid());
+  if (fresh || header_->magic != EmberHeader::kMagic) {
+    header_->version = EmberHeader::kVersion;
+    header_->current = EmberId{static_cast<std::uint16_t>(pid & 0xFFFFU), 0};
+    header_->restarts = 0;
+  } else {
+    // A restart on the same table: a new instance of the same identity.
+    header_->current = EmberId{static_cast<std::uint16_t>(pid & 0xFFFFU),
+                               static_cast<std::uint16_t>(header_->current.instanceId + 1U)};
+    header_->restarts = header_->restarts + 1U;
+  }
+  header_->writerPid = pid;
+  header_->startedNs = nowNs();
+  header_->heartbeatNs = header_->startedNs;
+  // The magic last: a reader that sees it sees the rest.
+  __atomic_store_n(&header_->magic, EmberHeader::kMagic, __ATOMIC_RELEASE);
+  return true;
+}
+
+EmberId EmberWriter::id() const { return header_ != nullptr ? header_->current : EmberId{0, 0}; }
+
+void EmberWriter::heartbeat() {
+  if (header_ != nullptr) {
+    __atomic_store_n(&header_->heartbeatNs, nowNs(), __ATOMIC_RELEASE);
+  }
+}
+
+}  // namespace SharedMem

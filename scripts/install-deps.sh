@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian packages a fresh machine lacks. Idempotent: does
+# nothing (not even apt-get update) when everything is present.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ g++-multilib make
+  libfmt-dev googletest libgtest-dev libbenchmark-dev
+  clang-tidy cppcheck clang-format
+  psmisc lsof strace util-linux procps man-db
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+echo "installing: ${missing[*]}"
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+  SUDO=sudo
+fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,320 @@
+// Heron::main, printTable and Heron::printHeron.
+#include "HeronScanner.h"
+
+#include <getopt.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "Beacon/Trace.h"
+#include "HeronClientScanner.h"
+#include "Mem/TableFinder.h"
+#include "SharedMem/OwnerFile.h"
+#include "readers/QuarryHelperScanner.h"
+#include "readers/RelayHelperScanner.h"
+
+namespace {
+
+// The one process-wide handler. It must exist before any ordinary static
+// object of the program is built, hence the explicit priority.
+__attribute__((init_priority(60000))) std::shared_ptr<Beacon::Platform::DebugHandler> heronHandler =
+    Beacon::Platform::getDebugHandler("HeronScanner", false);
+
+constexpr const char* kDescription =
+    "Description:\n"
+    "   heron is a simple utility that passively walks a Heron collection,\n"
+    "   printing the elements in a nice and orderly fashion.\n"
+    "\n";
+
+constexpr const char* kUsage =
+    "Usage:\n"
+    "   heron [OPTIONS] [EXPR]\n"
+    "\n"
+    "   where OPTIONS are optional flags described below, and EXPR is a\n"
+    "   heron collection name, or the full path to a specific collection.\n"
+    "\n"
+    "   -a                  Dump the contents of regions and relay queues\n"
+    "   -d                  Like -s, but with per-region detail sorted by entry\n"
+    "                          size and then by regionId\n"
+    "   -e                  Enable printing of empty entries\n"
+    "   -f <FILE>           Direct output towards a file\n"
+    "   -q                  Dump the contents of the relay queues\n"
+    "   -R                  Dump the contents of the Regions\n"
+    "   -r <REGION_ID>      Dump the contents of the Region with id REGION_ID\n"
+    "   -s                  Print various interesting stats about the collection\n"
+    "                          as well as headers of important files\n"
+    "   -p                  Pretty-print the hierarchy\n"
+    "   -j                  Print the hierarchy as JSON\n"
+    "   -O                  Sort region output by entrySize then by occupancy\n"
+    "   --who, -w           Prints info about processes that are attached to the\n"
+    "                       given collection\n"
+    "   --what, -c <PID>    Prints tables that have a client with the given PID\n"
+    "   --who-all, -A       Prints per-collection info about processes that are\n"
+    "                       attached to every heron collection\n"
+    "\n"
+    "Help:\n"
+    "   --help, -h          Display this helper and exit\n"
+    "\n";
+
+void printHelp() {
+  std::cout << kDescription;
+  std::cout << kUsage;
+  std::cout.flush();
+}
+
+using RelayHeader = Heron::RelayHelperScanner::Header;
+
+// The statistics section: owner header, relay headers, allocator statistics.
+void printStatistics(std::ostream& out, const SharedMem::OwnerFile& owner, Heron::RelayHelperScanner& relay,
+                     Heron::QuarryHelperScanner& quarry, bool detail, bool sortByOccupancy) {
+  SharedMem::OwnerFile::Header ownerHeader{};
+  if (owner.header(ownerHeader)) {
+    out << ownerHeader.toPrettyString() << '\n';
+  } else {
+    out << "OwnerFile information unavailable" << '\n';
+  }
+
+  std::ostringstream saved;
+  saved.copyfmt(out);
+  const RelayHeader primary = relay.header(Heron::RelayHelperScanner::PRIMARY);
+  const RelayHeader secondary = relay.header(Heron::RelayHelperScanner::SECONDARY);
+  out << "Relay headers:" << " (" << 88 << " bytes in primary, " << 88 << " bytes in secondary)\n";
+  out << "\tepoch[ PRIMARY ]: " << primary.epoch[Heron::RelayHelperScanner::PRIMARY] << "\n";
+  out << "\tepoch[ SECONDARY ]: " << primary.epoch[Heron::RelayHelperScanner::SECONDARY] << "\n";
+  out << "\tLatest writer sequence:" << primary.latestWriterSequence << "\n";
+  out << "\tNumber of connected readers: " << primary.connectedReaders << "\n";
+  out << "\tCurrent table: " << (primary.currentTable != 0 ? "Secondary" : "Primary") << " (version: 0x";
+  out << std::hex << std::setfill('0') << std::setw(8) << primary.tableVersion << ")\n";
+  out << "\tPrimary:";
+  relay.formatIndividualRelayHeader(primary, out);
+  out << "\tSecondary:";
+  relay.formatIndividualRelayHeader(secondary, out);
+  out << "\n";
+  out.copyfmt(saved);
+  // The region scanner appends to the same file: everything so far must be
+  // in it first.
+  out.flush();
+
+  quarry.printStats(detail, sortByOccupancy);
+}
+
+}  // namespace
+
+namespace Heron {
+
+Beacon::Platform::DebugHandler& debugHandler() { return *heronHandler; }
+
+int printHeron(const std::string& typeName, const Mem::RootPath& /*root*/, std::ostream* /*out*/, Style /*style*/) {
+  std::cerr << "No knowledge of root type:" << typeName << std::endl;
+  return 1;
+}
+
+int main(int argc, char** argv) {
+  std::string outputFile;
+  bool who = false;
+  bool stats = false;
+  bool regions = false;
+  std::unordered_set<unsigned> regionIds;
+  bool detail = false;
+  bool sortByOccupancy = false;
+  bool printEmpty = false;
+  bool queues = false;
+  Style style = Text;
+  int pid = 0;
+  bool whoAll = false;
+
+  static const struct option longOptions[] = {
+      {"help", no_argument, nullptr, 'h'},
+      {"what", required_argument, nullptr, 'c'},
+      {"who", no_argument, nullptr, 'w'},
+      {"who-all", no_argument, nullptr, 'A'},
+      {nullptr, 0, nullptr, 0},
+  };
+
+  int option = 0;
+  while ((option = getopt_long(argc, argv, "adef:wc:AhjqRr:spO", longOptions, nullptr)) != -1) {
+    switch (option) {
+      case 'a':
+        queues = true;
+        regions = true;
+        break;
+      case 'R':
+        regions = true;
+        break;
+      case 'q':
+        queues = true;
+        break;
+      case 's':
+        stats = true;
+        break;
+      case 'd':
+        detail = true;
+        break;
+      case 'e':
+        printEmpty = true;
+        break;
+      case 'O':
+        sortByOccupancy = true;
+        break;
+      case 'w':
+        who = true;
+        break;
+      case 'A':
+        whoAll = true;
+        break;
+      case 'j':
+        style = Json;
+        break;
+      case 'p':
+        style = Pretty;
+        break;
+      case 'f':
+        outputFile = optarg;
+        break;
+      case 'r':
+        // No error checking by design: garbage is 0, negatives wrap.
+        regionIds.insert(static_cast<unsigned>(std::strtol(optarg, nullptr, 10)));
+        regions = true;
+        break;
+      case 'c': {
+        int value = 0;
+        try {
+          value = std::stoi(optarg);
+        } catch (const std::exception& e) {
+          std::cerr << fmt::format("Error obtaining client with PID {}:{}\n", optarg, e.what()) << std::flush;
+          return 1;
+        }
+        if (value <= 0) {
+          std::cerr << fmt::format("{} is an invalid PID \n", value) << std::flush;
+          return 1;
+        }
+        pid = value;
+        break;
+      }
+      default:  // -h, --help, an unknown option or a missing argument
+        printHelp();
+        return 0;
+    }
+  }
+
+  std::string expr = optind < argc ? argv[optind] : "";
+  Beacon::Platform::DebugHandler& handler = debugHandler();
+  Mem::OrbRootPath root(handler, "", false);
+
+  if (pid != 0 || whoAll) {
+    std::ofstream file;
+    std::ostream* out = &std::cout;
+    if (!outputFile.empty()) {
+      file.open(outputFile, std::ios::out);
+      if (!file) {
+        std::cerr << "Error opening " << outputFile << std::endl;
+        return 1;
+      }
+      out = &file;
+    }
+    HeronClientScanner scanner(out, root, "");
+    return whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(pid);
+  }
+
+  Mem::TableFinder finder(handler, root);
+  finder.find(expr.c_str(), SharedMem::Table);
+  const std::vector<std::string>& matches = finder.matches();
+  if (matches.empty()) {
+    std::cerr << "No table was found in " << root << std::endl;
+    if (std::getenv("Q7_CHROOT") != nullptr) {
+      std::cerr << "The utility must be run from the same directory "
+                << "as the executable that produces the table." << std::endl;
+    }
+    return 1;
+  }
+  if (matches.size() == 1) {
+    std::cerr << "Table Name: " << matches.front() << std::endl << std::endl;
+    return printTable(outputFile, matches.front().c_str(), who, stats, regions, regionIds, detail, sortByOccupancy,
+                      printEmpty, queues, style);
+  }
+  if (!expr.empty() && expr.back() != '*') {
+    for (const std::string& match : matches) {
+      if (match == expr) {
+        std::cerr << "Exact match found. There are other matches. "
+                  << "To see the other matches, try using the following:" << std::endl;
+        std::cerr << "    '" << expr << "*'" << std::endl;
+        return printTable(outputFile, expr.c_str(), who, stats, regions, regionIds, detail, sortByOccupancy,
+                          printEmpty, queues, style);
+      }
+    }
+  }
+  std::cerr << "More than one table was found. "
+            << "Try again using one of the following tables:" << std::endl;
+  for (const std::string& match : matches) {
+    std::cerr << "  - " << match << std::endl;
+  }
+  return 1;
+}
+
+}  // namespace Heron
+
+int printTable(const std::string& outputFile, const char* tableName, bool who, bool stats, bool regions,
+               const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
+               bool queues, Heron::Style style) {
+  std::ofstream file;
+  std::ostream* out = &std::cout;
+  if (!outputFile.empty()) {
+    file.open(outputFile, std::ios::out);
+    if (!file) {
+      std::cerr << "Error opening " << outputFile << std::endl;
+      return 1;
+    }
+    out = &file;
+  }
+
+  Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
+  Mem::OrbRootPath root(handler, std::string(tableName), true);
+  SharedMem::OwnerFile owner(handler, root, false);
+
+  if (style != Heron::Text) {
+    std::string typeName = owner.typeName();
+    if (typeName.empty()) {
+      std::cerr << "Failed to fetch type of root, rootPath:" << root << std::endl;
+      return 1;
+    }
+    return Heron::printHeron(typeName, root, out, style);
+  }
+
+  if (who) {
+    Heron::HeronClientScanner scanner(out, root, tableName);
+    return scanner.doGetClientInfo(false);
+  }
+
+  Heron::QuarryHelperScanner quarry(handler, root, outputFile);
+  if (!quarry.initialize()) {
+    std::cerr << "Failed to initialize QuarryScanner" << std::endl;
+    return 1;
+  }
+  Heron::RelayHelperScanner relay(handler, root, false);
+  if (!relay.initialize()) {
+    std::cerr << "Failed to initialize RelayReaderGeneric" << std::endl;
+    return 1;
+  }
+
+  if (stats || detail) {
+    printStatistics(*out, owner, relay, quarry, detail, sortByOccupancy);
+    return 0;
+  }
+  if (regions) {
+    out->flush();
+    quarry.scanRegions(regionIds, printEmpty);
+    if (file.is_open()) {
+      // The region scanner appended to the file through its own stream.
+      file.seekp(0, std::ios::end);
+    }
+  }
+  if (queues) {
+    relay.scan(*out, !printEmpty);
+  }
+  return 0;
+}

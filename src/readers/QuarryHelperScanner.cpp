@@ -1,0 +1,7 @@
+#include "readers/QuarryHelperScanner.h"
+
+namespace Heron {
+
+void QuarryHelperScanner::fillHeader(Model::HeaderInfo&) {}
+
+}  // namespace Heron

@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include "Beacon/Platform.h"
+#include "Beacon/Trace.h"
+
+namespace {
+
+struct Counted {
+  int* formats;
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<Counted> : fmt::formatter<int> {
+  template <typename Context>
+  auto format(const Counted& c, Context& ctx) const {
+    ++*c.formats;
+    return fmt::formatter<int>::format(*c.formats, ctx);
+  }
+};
+
+TEST(TraceMask, SingleMaskAppliesToEveryComponent) {
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("0x221", "HeronScanner"), 0x221U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("0x221", "QuarryReader"), 0x221U);
+}
+
+TEST(TraceMask, PerComponentMasks) {
+  const char* spec = "HeronScanner=0x221,QuarryReader=0x20";
+  EXPECT_EQ(Beacon::Platform::parseTraceMask(spec, "HeronScanner"), 0x221U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask(spec, "QuarryReader"), 0x20U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask(spec, "Other"), 0U);
+}
+
+TEST(TraceMask, MalformedIsZero) {
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("banana", "HeronScanner"), 0U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("HeronScanner=zz", "HeronScanner"), 0U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("", "HeronScanner"), 0U);
+}
+
+TEST(Trace, DisabledLevelFormatsNothing) {
+  Beacon::Platform::DebugHandler handler("TraceTest", 1U << 3);
+  int formats = 0;
+  Beacon::fmtrace(handler, 5, "TraceTest", "test", __LINE__, "TraceTest", "{}", Counted{&formats});
+  EXPECT_EQ(formats, 0);
+  testing::internal::CaptureStderr();
+  Beacon::fmtrace(handler, 3, "TraceTest", "test", __LINE__, "TraceTest", "value {}", Counted{&formats});
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(formats, 1);
+  EXPECT_NE(err.find("TraceTest::test"), std::string::npos) << err;
+  EXPECT_NE(err.find("value 1"), std::string::npos) << err;
+}
+
+TEST(Trace, OneHandlerPerComponent) {
+  auto a = Beacon::Platform::getDebugHandler("SameName", false);
+  auto b = Beacon::Platform::getDebugHandler("SameName", false);
+  auto c = Beacon::Platform::getDebugHandler("OtherName", false);
+  EXPECT_EQ(a.get(), b.get());
+  EXPECT_NE(a.get(), c.get());
+}
+
+TEST(TraceDeathTest, FatalAssertionPrintsMessageAndLocation) {
+  EXPECT_DEATH(Beacon::fmassert(false, "Src", "fn", 42, "Cls", "broken {}", 7), "FATAL Cls::fn \\(Src:42\\): broken 7");
+}
