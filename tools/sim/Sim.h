@@ -28,7 +28,11 @@ Beacon::Platform::DebugHandler& handler();
 bool createQueues(const Mem::RootPath& table, const Options& options, std::string& error);
 bool createAllocator(const Mem::RootPath& table, const Options& options, std::string& error);
 
+// Each command returns the process exit status.
 int commandCreate(const std::string& name, const Options& options);
 int commandRemove(const std::string& name, const Options& options);
+int commandWrite(const std::string& name, const Options& options);
+int commandShadow(const std::string& name, const Options& options);
+int commandDemo(const Options& options);
 
 }  // namespace Sim

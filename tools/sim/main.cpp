@@ -78,12 +78,27 @@ int main(int argc, char** argv) {
     }
   }
 
-  if (command == "create" || command == "remove") {
-    if (name.empty()) {
-      std::cerr << "heron-sim " << command << ": a table name is required\n";
-      return 2;
+  if (command == "demo") {
+    if (!name.empty()) {
+      options.positional.insert(options.positional.begin(), name);
     }
-    return command == "create" ? Sim::commandCreate(name, options) : Sim::commandRemove(name, options);
+    return Sim::commandDemo(options);
+  }
+  using Command = int (*)(const std::string&, const Sim::Options&);
+  static const std::pair<const char*, Command> commands[] = {
+      {"create", Sim::commandCreate},
+      {"remove", Sim::commandRemove},
+      {"write", Sim::commandWrite},
+      {"shadow", Sim::commandShadow},
+  };
+  for (const auto& entry : commands) {
+    if (command == entry.first) {
+      if (name.empty()) {
+        std::cerr << "heron-sim " << command << ": a table name is required\n";
+        return 2;
+      }
+      return entry.second(name, options);
+    }
   }
   std::cerr << "heron-sim: unknown command '" << command << "'\n" << kUsage;
   return 2;
