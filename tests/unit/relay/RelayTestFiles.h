@@ -29,12 +29,17 @@ inline Beacon::Platform::DebugHandler& handler() {
   return *shared;
 }
 
-// A fresh directory that is removed (with its files) on destruction.
+// A fresh directory that is removed (with its files) on destruction. On
+// tmpfs (/dev/shm) when there is one, like real tables, else in /tmp.
 class TempDir {
  public:
   TempDir() {
-    char pattern[] = "/tmp/heron-relay-test.XXXXXX";
-    const char* made = ::mkdtemp(pattern);
+    char shm[] = "/dev/shm/heron-relay-test.XXXXXX";
+    char tmp[] = "/tmp/heron-relay-test.XXXXXX";
+    const char* made = ::mkdtemp(shm);
+    if (made == nullptr) {
+      made = ::mkdtemp(tmp);
+    }
     path_ = made != nullptr ? made : "";
   }
   ~TempDir() {
