@@ -375,6 +375,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
     }
     fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}\n", id, h.unitSize, units,
                    copy.usedUnits, copy.generation);
+    fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
     std::size_t next = 0;  // index into copy.used
     for (std::uint32_t unit = 0; unit < units; ++unit) {
       const bool used = next < copy.used.size() && copy.used[next] == unit;

@@ -112,7 +112,8 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
     out.attempts = attempt + 1;
     const std::uint64_t before = __atomic_load_n(&h.generation, __ATOMIC_ACQUIRE);
-    if ((before & 1U) != 0) {
+    const bool last = attempt + 1 == attempts;
+    if ((before & 1U) != 0 && !last) {
       ::sched_yield();
       continue;
     }
@@ -142,7 +143,7 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
     }
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     const std::uint64_t after = __atomic_load_n(&h.generation, __ATOMIC_RELAXED);
-    if (after == before) {
+    if (after == before && (before & 1U) == 0) {
       out.consistent = true;
       return;
     }
