@@ -187,21 +187,28 @@ void RelayReaderGeneric<Slot>::formatIndividualRelayHeader(const Header& header,
 template <typename Slot>
 bool RelayReaderGeneric<Slot>::collect(RelayTableId id, std::vector<Notification>& into) const {
   const unsigned count = cachedNotifications_[id].value;
-  into.reserve(count);
   const void* primary = header_[Base::PRIMARY];
   const void* own = header_[id];
   // Slot i is at notifications + 12 + 12 * i (byte 84 + 12 * i).
   const char* slots = reinterpret_cast<const char*>(notificationsRef_[id]) + Base::kSlotSize;
   const std::uint32_t version = Shared::low(switchSnapshot_);
   const std::uint32_t position = currentPos_[id];
+  // Sized to the whole capacity up front and written in place: the same
+  // result as clearing and appending slot by slot, without the vector's
+  // bookkeeping in the loop, and without re-initialising the elements of a
+  // vector reused from an earlier attempt (only a restart shortens it).
+  into.reserve(count);
+  into.resize(count);
+  Notification* target = into.data();
   for (unsigned i = 0; i < count; ++i) {
-    // Checked before each copy: the slot copied last is not re-checked.
-    if (Shared::load32(primary, Shared::kSwitchWord) != version ||
-        Shared::load32(own, Shared::kCurrentPos) != position) {
+    if (Shared::load32Relaxed(primary, Shared::kSwitchWord) != version ||
+        Shared::load32Relaxed(own, Shared::kCurrentPos) != position) {
+      into.resize(i);
       return false;
     }
-    const char* slot = slots + Base::kSlotSize * i;
-    into.push_back(Notification{Shared::load32(slot, 0), Shared::load32(slot, 4), Shared::load32(slot, 8)});
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    std::memcpy(target + i, slots + Base::kSlotSize * i, Base::kSlotSize);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
   }
   return true;
 }
@@ -229,15 +236,22 @@ unsigned RelayReaderGeneric<Slot>::attempt(std::vector<Notification> (&snapshot)
     currentPos_[Base::SECONDARY] = Shared::load32(header_[Base::SECONDARY], Shared::kCurrentPos);
     const std::uint32_t table = Shared::high(switchSnapshot_);
 
-    snapshot[Base::PRIMARY].clear();
-    if ((!activeOnly || table == Base::PRIMARY) && !collect(Base::PRIMARY, snapshot[Base::PRIMARY])) {
-      ++restarts;
-      continue;
+    // collect clears (resizes) the vector it fills.
+    if (!activeOnly || table == Base::PRIMARY) {
+      if (!collect(Base::PRIMARY, snapshot[Base::PRIMARY])) {
+        ++restarts;
+        continue;
+      }
+    } else {
+      snapshot[Base::PRIMARY].clear();
     }
-    snapshot[Base::SECONDARY].clear();
-    if ((!activeOnly || table == Base::SECONDARY) && !collect(Base::SECONDARY, snapshot[Base::SECONDARY])) {
-      ++restarts;
-      continue;
+    if (!activeOnly || table == Base::SECONDARY) {
+      if (!collect(Base::SECONDARY, snapshot[Base::SECONDARY])) {
+        ++restarts;
+        continue;
+      }
+    } else {
+      snapshot[Base::SECONDARY].clear();
     }
     return restarts;
   }
