@@ -3,6 +3,7 @@
 #include "Relay/RelayReaderGeneric.h"
 
 #include <fmt/format.h>
+#include <sys/mman.h>
 
 #include <cstring>
 #include <iomanip>
@@ -28,6 +29,7 @@ unsigned clampSize(std::size_t size) {
 }
 
 // Lines are formatted into this buffer and handed to the report in chunks.
+template <typename Notification>
 class LineBuffer {
  public:
   explicit LineBuffer(std::ostream& out) : out_(out) {}
@@ -50,12 +52,48 @@ class LineBuffer {
     }
   }
 
-  static constexpr std::size_t kLineMax = 128;
+  // "pos: " and 10 + "  |  " + the slot's text + "\n".
+  static constexpr std::size_t kLineMax = 20 + Notification::kDumpMax + 1;
 
  private:
   std::ostream& out_;
   std::size_t used_ = 0;
   char buffer_[64 * 1024];
+};
+
+// Reports of more lines than this get their room reserved.
+constexpr std::size_t kLargeReport = 4096;
+
+// Anonymous memory for a large report, on huge pages where the kernel
+// allows it; empty when size is 0 or the mapping fails.
+class ReportBuffer {
+ public:
+  explicit ReportBuffer(std::size_t size) {
+    if (size == 0) {
+      return;
+    }
+    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (base == MAP_FAILED) {
+      return;
+    }
+    ::madvise(base, size, MADV_HUGEPAGE);
+    base_ = static_cast<char*>(base);
+    size_ = size;
+  }
+  ~ReportBuffer() {
+    if (base_ != nullptr) {
+      ::munmap(base_, size_);
+    }
+  }
+  ReportBuffer(const ReportBuffer&) = delete;
+  ReportBuffer& operator=(const ReportBuffer&) = delete;
+
+  char* data() const { return base_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  char* base_ = nullptr;
+  std::size_t size_ = 0;
 };
 
 // "pos: " + index left-aligned in 10 blanks + "  |  ".
@@ -267,10 +305,24 @@ void RelayReaderGeneric<Slot>::scan(std::ostream& out, bool activeOnly) {
   const unsigned restarts = attempt(snapshot, activeOnly, &report);
   const double end = Beacon::time();
 
+  // A large report gets its room up front, in one mapping of huge pages:
+  // grown by doubling, a report of millions of lines would be copied and
+  // faulted in again and again. Should the estimate fall short, the stream
+  // moves the text to its own storage and goes on there.
+  const std::size_t lines = snapshot[Base::PRIMARY].size() + snapshot[Base::SECONDARY].size();
+  ReportBuffer room(lines > kLargeReport ? 4096 + lines * LineBuffer<Notification>::kLineMax : 0);
+  if (room.data() != nullptr) {
+    report.rdbuf()->pubsetbuf(room.data(), static_cast<std::streamsize>(room.size()));
+  }
   printQueue(Base::PRIMARY, snapshot, activeOnly, report);
   printQueue(Base::SECONDARY, snapshot, activeOnly, report);
   report << "Relay scanned in " << (end - start) << " seconds\nRestarted " << restarts << " times";
-  out << report.rdbuf();
+  const std::streamoff written = report.tellp();
+  if (room.data() != nullptr && written >= 0 && static_cast<std::size_t>(written) <= room.size()) {
+    out.write(room.data(), written);
+  } else {
+    out << report.rdbuf();
+  }
   out << std::endl;
 }
 
@@ -296,7 +348,7 @@ void RelayReaderGeneric<Slot>::printQueue(RelayTableId id, std::vector<Notificat
   const std::size_t count = slots.size();
   const std::uint32_t position = currentPos_[id];
   {
-    LineBuffer lines(out);
+    LineBuffer<Notification> lines(out);
     for (std::size_t i = 0; i < count; ++i) {
       if (activeOnly) {
         if (i >= position) {
