@@ -1,7 +1,8 @@
-// Seeded random input: 100,000 headers for Header::validate, and 20,000
-// queue pairs for the reader's initialize (and a scan when it succeeds): random bytes, and valid headers with the
-// magic, version, capacity or file size disturbed. The expected verdict comes from an independent model of the format;
-// nothing may fault.
+// Seeded random input: 100,000 headers for Header::validate, and 10,000
+// queue pairs for the reader's initialize (and a scan when it succeeds):
+// random bytes, and valid headers with the magic, version, capacity or file
+// size disturbed. The expected verdict comes from an independent model of
+// the format; nothing may fault.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -156,7 +157,9 @@ TEST(RelayRandomInput, ValidateAgreesWithTheFormatOnOneHundredThousandHeaders) {
     ++verdicts[static_cast<int>(expected)];
     // validate reads the 88 bytes of the record; the file size is separate.
     alignas(8) char record[88] = {};
-    std::memcpy(record, bytes.data(), std::min<std::size_t>(bytes.size(), 88));
+    if (!bytes.empty()) {
+      std::memcpy(record, bytes.data(), std::min<std::size_t>(bytes.size(), 88));
+    }
     const auto* header = reinterpret_cast<const Header*>(record);
     std::string error;
     bool valid = header->validate(RelayTest::handler(), static_cast<unsigned>(bytes.size()), 0, error);
@@ -171,7 +174,7 @@ TEST(RelayRandomInput, ValidateAgreesWithTheFormatOnOneHundredThousandHeaders) {
   }
 }
 
-TEST(RelayRandomInput, InitializeAndScanNeverFaultOnTwentyThousandQueues) {
+TEST(RelayRandomInput, InitializeAndScanNeverFaultOnTenThousandQueues) {
   RelayTest::TempDir temp;
   std::string dir = temp.table("t");
   Mem::RootPath root(dir);
@@ -181,8 +184,8 @@ TEST(RelayRandomInput, InitializeAndScanNeverFaultOnTwentyThousandQueues) {
   {
     StderrToFile redirect(temp.path() + "/stderr");
     // Each case costs some thirty system calls (files rewritten, opened,
-    // mapped, remapped, unmapped): twenty thousand keep the test to seconds.
-    for (int i = 0; i < 20000; ++i) {
+    // mapped, remapped, unmapped): ten thousand keep the test to seconds.
+    for (int i = 0; i < 10000; ++i) {
       std::vector<char> primary = randomFile(rng);
       std::vector<char> secondary = randomFile(rng);
       ASSERT_TRUE(overwrite(dir + "/relay.1", primary));

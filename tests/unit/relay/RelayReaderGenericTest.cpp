@@ -710,3 +710,26 @@ TEST_F(RelayReaderTest, WriterFilesHeaderCopyShowsTheSwitch) {
   EXPECT_EQ(first.epoch[0], 15U);
   EXPECT_EQ(first.epoch[1], 16U);
 }
+
+TEST_F(RelayReaderTest, LargeReportIsWholeAndInOrder) {
+  // More lines than the reserved-room threshold: the report is built in
+  // its own buffer and written in one piece.
+  std::string error;
+  Relay::RelayWriter writer(RelayTest::handler(), root);
+  ASSERT_TRUE(writer.create(6000, SharedMem::EmberId{1, 0}, error)) << error;
+  for (std::uint32_t i = 0; i < 9000; ++i) {
+    writer.append(Quarry::Offset::encode(1, i), i);
+  }
+  Reader reader(RelayTest::handler(), root, false);
+  ASSERT_TRUE(reader.initialize());
+  std::string report = scan(reader, false);
+  EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 7 + 6000 + 1 + 7 + 6000 + 1 + 2);
+  EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U);
+  EXPECT_NE(report.find("\npos: 5999        |  seq: 6000        offset: 0x0010176f (1:5999)        size: 5999\n\n"
+                        "Secondary relay queue (active)\n"),
+            std::string::npos);
+  EXPECT_NE(report.find("\npos: 2999        |  seq: 9000        offset: 0x00102327 (1:8999)        size: 8999\n"
+                        "pos: 3000        |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"),
+            std::string::npos);
+  EXPECT_TRUE(std::regex_match(timing(report), kTimingZero)) << timing(report);
+}
