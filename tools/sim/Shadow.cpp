@@ -1,10 +1,11 @@
-// heron-sim shadow NAME [--rw] [--duration SECONDS]
+// heron-sim shadow NAME [NAME...] [--rw] [--duration SECONDS]
 //
-// Maps the table's relay.1 and ember files and waits, so that the client
+// Maps each named table's relay.1 and ember files and waits, so that the client
 // reports have a real process to find. By default the mappings are read-only
 // (O_RDONLY, PROT_READ), as a reader's are; with --rw they are read-write and
 // shared, as the writer's are (for tests of the writer role; nothing is
-// written). Prints "shadow PID attached to PATH" once mapped, then waits for
+// written). Prints "shadow PID attached to PATH" for each table once all are
+// mapped, then waits for
 // SIGTERM or SIGINT, or for --duration seconds.
 #include <fcntl.h>
 #include <signal.h>
@@ -16,6 +17,9 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "Sim.h"
 
@@ -76,8 +80,6 @@ int commandShadow(const std::string& name, const Options& options) {
     return 2;
   }
   const bool readWrite = options.has("rw");
-  Mem::OrbRootPath root(handler(), name, false);
-
   // Block the stop signals before anything else, so none is lost between
   // the announcement and the wait.
   sigset_t stopSignals;
@@ -86,14 +88,27 @@ int commandShadow(const std::string& name, const Options& options) {
   sigaddset(&stopSignals, SIGINT);
   sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  Mapping relay;
-  Mapping ember;
-  std::string error;
-  if (!relay.map(root.fullPath("relay.1"), readWrite, error) || !ember.map(root.fullPath("ember"), readWrite, error)) {
-    std::cerr << "heron-sim shadow: " << error << '\n';
-    return 1;
+  std::vector<std::string> names{name};
+  names.insert(names.end(), options.positional.begin(), options.positional.end());
+  std::vector<std::string> paths;
+  // Two mappings per table, released when the command returns.
+  std::vector<std::unique_ptr<Mapping>> mappings;
+  for (const std::string& tableName : names) {
+    Mem::OrbRootPath root(handler(), tableName, false);
+    for (const char* file : {"relay.1", "ember"}) {
+      mappings.push_back(std::make_unique<Mapping>());
+      std::string error;
+      if (!mappings.back()->map(root.fullPath(file), readWrite, error)) {
+        std::cerr << "heron-sim shadow: " << error << '\n';
+        return 1;
+      }
+    }
+    paths.push_back(root.path());
   }
-  std::cout << "shadow " << ::getpid() << " attached to " << root.path() << std::endl;
+  for (const std::string& path : paths) {
+    std::cout << "shadow " << ::getpid() << " attached to " << path << '\n';
+  }
+  std::cout.flush();
 
   if (duration == 0) {
     int signal = 0;
