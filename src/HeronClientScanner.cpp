@@ -53,6 +53,14 @@ unsigned countComponents(const std::string& path) {
 // The two bytes that mark a writer's mapping.
 bool isReadWrite(const std::string& permissions) { return permissions.compare(0, 2, "rw") == 0; }
 
+// False when `line` cannot name a heron file: neither name occurs in it.
+// Used to pass over such lines without tokenizing them, which is only done
+// while the per-line traces are off (they would show the skipped lines).
+bool mayNameHeronFile(const std::string& line) {
+  const char* text = line.data();
+  return ::memmem(text, line.size(), "relay.1", 7) != nullptr || ::memmem(text, line.size(), "ember", 5) != nullptr;
+}
+
 bool headerComplete(const Model::HeaderInfo& info) {
   constexpr std::uint64_t na = Model::HeaderInfo::kNotAvailable;
   return info.primaryNotifications != na && info.secondaryNotifications != na && info.numRegions != na &&
@@ -213,10 +221,11 @@ void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vecto
   }
   const std::string targetPaths[2] = {rootPath.fullPath(heronFileTypes[0]), rootPath.fullPath(heronFileTypes[1])};
 
+  const bool traceLines = handler.enabled(9);
   std::string line;
   while (stream.good()) {
     std::getline(stream, line);
-    if (line.empty()) {
+    if (line.empty() || (!traceLines && !mayNameHeronFile(line))) {
       continue;
     }
     const std::string region = getToken(line, 6, " ");
@@ -282,10 +291,11 @@ void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, Tab
     return;
   }
 
+  const bool traceLines = handler.enabled(9);
   std::string line;
   while (stream.good()) {
     std::getline(stream, line);
-    if (line.empty()) {
+    if (line.empty() || (!traceLines && !mayNameHeronFile(line))) {
       continue;
     }
     const std::string region = getToken(line, 6, " ");
