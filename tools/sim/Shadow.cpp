@@ -1,6 +1,7 @@
 // heron-sim shadow NAME [NAME...] [--rw] [--duration SECONDS]
 //
-// Maps each named table's relay.1 and ember files and waits, so that the client
+// Maps each named table's relay.1 and ember (when the table has one yet)
+// files and waits, so that the client
 // reports have a real process to find. By default the mappings are read-only
 // (O_RDONLY, PROT_READ), as a reader's are; with --rw they are read-write and
 // shared, as the writer's are (for tests of the writer role; nothing is
@@ -96,6 +97,11 @@ int commandShadow(const std::string& name, const Options& options) {
   for (const std::string& tableName : names) {
     Mem::OrbRootPath root(handler(), tableName, false);
     for (const char* file : {"relay.1", "ember"}) {
+      // A table whose writer never ran has no ember yet: nothing to map.
+      struct stat status {};
+      if (std::strcmp(file, "ember") == 0 && ::stat(root.fullPath(file).c_str(), &status) != 0) {
+        continue;
+      }
       mappings.push_back(std::make_unique<Mapping>());
       std::string error;
       if (!mappings.back()->map(root.fullPath(file), readWrite, error)) {
