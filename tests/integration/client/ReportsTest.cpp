@@ -423,6 +423,19 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
     auto what = heron({"-c", steadyPid});
     ASSERT_EQ(what.status, 0) << what.err;
     EXPECT_EQ(what.out, steadyWhat);
+    // The latest churn client: if listed at all, then only under "churn".
+    std::istringstream started(ClientTest::readAll(pidFile));
+    std::string latest;
+    for (std::string word; started >> word;) {
+      latest = word;
+    }
+    if (!latest.empty()) {
+      auto churner = heron({"-c", latest});
+      ASSERT_EQ(churner.status, 0) << churner.err;
+      for (const auto& listed : blocks(churner.out)) {
+        EXPECT_EQ(listed.first, "churn") << churner.out;
+      }
+    }
     ++runs;
   }
   std::set<int> churnPids;
