@@ -33,7 +33,7 @@ constexpr const char* kClass = "HeronClientScanner";
 constexpr std::size_t kTokenStackBuffer = 512;
 
 // Reading buffer of a maps file: the kernel hands out large chunks when asked.
-constexpr std::size_t kMapsReadBuffer = 64 * 1024;
+constexpr std::size_t kMapsReadBuffer = std::size_t{64} * 1024;
 
 // Number of non-empty '/'-separated components of `path`.
 unsigned countComponents(const std::string& path) {
