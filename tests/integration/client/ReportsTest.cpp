@@ -389,12 +389,14 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
       pid_t client = ::fork();
       if (client == 0) {
         OwnMapping mapping(relay, false);
-        ::usleep(static_cast<useconds_t>(2000 + (i * 7919) % 20000));
+        // Lives 20 to 120 ms: short, but long enough that a loaded machine
+        // still has some alive while heron runs.
+        ::usleep(static_cast<useconds_t>(20000 + (i * 7919) % 100000));
         ::_exit(mapping.mapped() ? 0 : 1);
       }
       std::fprintf(pids, "%d\n", client);
       std::fflush(pids);
-      ::usleep(3000);
+      ::usleep(5000);
       while (::waitpid(-1, nullptr, WNOHANG) > 0) {
       }
     }
