@@ -389,9 +389,10 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
       pid_t client = ::fork();
       if (client == 0) {
         OwnMapping mapping(relay, false);
-        // Lives 20 to 120 ms: short, but long enough that a loaded machine
-        // still has some alive while heron runs.
-        ::usleep(static_cast<useconds_t>(20000 + (i * 7919) % 100000));
+        // Lives 0.2 to 1.2 s: short, but long enough that a slow heron (a
+        // sanitizer build on a loaded machine) still finds some alive when
+        // it reaches them, late in its walk of /proc.
+        ::usleep(static_cast<useconds_t>(200000 + (i * 7919) % 1000000));
         ::_exit(mapping.mapped() ? 0 : 1);
       }
       std::fprintf(pids, "%d\n", client);
