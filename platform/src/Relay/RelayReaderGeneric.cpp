@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
@@ -58,7 +59,7 @@ class LineBuffer {
  private:
   std::ostream& out_;
   std::size_t used_ = 0;
-  char buffer_[64 * 1024];
+  char buffer_[64 * 1024] = {};
 };
 
 // Reports of more lines than this get their room reserved.
@@ -68,15 +69,15 @@ constexpr std::size_t kLargeReport = 4096;
 // bytes) before it is first touched: first touches of thousands of small
 // pages cost more than the copy itself. Small ranges are left alone.
 void adviseHugePages(const void* data, std::size_t bytes) {
-  constexpr std::uintptr_t kPage = 4096;
+  constexpr std::size_t kPage = 4096;
   if (bytes < (4U << 20)) {
     return;
   }
-  auto start = (reinterpret_cast<std::uintptr_t>(data) + kPage - 1) & ~(kPage - 1);
-  auto end = (reinterpret_cast<std::uintptr_t>(data) + bytes) & ~(kPage - 1);
-  if (end > start) {
-    ::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
-  }
+  const std::size_t misalignment = reinterpret_cast<std::uintptr_t>(data) % kPage;
+  const std::size_t skip = misalignment == 0 ? 0 : kPage - misalignment;
+  const std::size_t length = (bytes - skip) / kPage * kPage;
+  char* start = static_cast<char*>(const_cast<void*>(data)) + skip;
+  ::madvise(start, length, MADV_HUGEPAGE);
 }
 
 // Anonymous memory for a large report, on huge pages where the kernel
@@ -113,7 +114,7 @@ class ReportBuffer {
 
 // "pos: " + index left-aligned in 10 blanks + "  |  ".
 std::size_t putPosition(char* out, std::uint32_t index) {
-  std::memcpy(out, "pos: ", 5);
+  std::copy_n("pos: ", 5, out);
   char digits[10];
   std::size_t n = 0;
   do {
@@ -127,7 +128,7 @@ std::size_t putPosition(char* out, std::uint32_t index) {
   while (at < 15) {
     out[at++] = ' ';
   }
-  std::memcpy(out + at, "  |  ", 5);
+  std::copy_n("  |  ", 5, out + at);
   return at + 5;
 }
 
@@ -250,9 +251,9 @@ bool RelayReaderGeneric<Slot>::collect(RelayTableId id, std::vector<Notification
   // result as clearing and appending slot by slot, without the vector's
   // bookkeeping in the loop, and without re-initialising the elements of a
   // vector reused from an earlier attempt (only a restart shortens it).
-  const Notification* before = into.data();
+  const std::size_t had = into.capacity();
   into.reserve(count);
-  if (into.data() != before) {
+  if (into.capacity() != had) {
     adviseHugePages(into.data(), sizeof(Notification) * static_cast<std::size_t>(count));
   }
   into.resize(count);
@@ -337,7 +338,7 @@ void RelayReaderGeneric<Slot>::scan(std::ostream& out, bool activeOnly) {
   printQueue(Base::SECONDARY, snapshot, activeOnly, report);
   report << "Relay scanned in " << (end - start) << " seconds\nRestarted " << restarts << " times";
   const std::streamoff written = report.tellp();
-  if (room.data() != nullptr && written >= 0 && static_cast<std::size_t>(written) <= room.size()) {
+  if (room.data() != nullptr && written > 0 && static_cast<std::size_t>(written) <= room.size()) {
     out.write(room.data(), written);
   } else {
     out << report.rdbuf();
