@@ -47,7 +47,11 @@ bool createAllocator(const Mem::RootPath& table, const Options& options, std::st
       return false;
     }
     if (writer.createRegion(static_cast<std::uint32_t>(unitSize), static_cast<std::uint32_t>(unitCount), error) == 0) {
-      error = "--regions " + item + ": " + error;
+      std::string message = "--regions ";
+      message += item;
+      message += ": ";
+      message += error;
+      error = message;
       return false;
     }
     if (comma == std::string::npos) {

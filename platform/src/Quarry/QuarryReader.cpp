@@ -180,8 +180,8 @@ namespace {
 // The scanner's own output: the named file, appended to, or standard output.
 class Output {
  public:
-  explicit Output(const std::string& name) {
-    if (!name.empty()) {
+  explicit Output(const std::string& name) : named_(!name.empty()) {
+    if (named_) {
       file_.open(name, std::ios::out | std::ios::app);
       if (!file_) {
         std::cerr << "Error opening " << name << std::endl;
@@ -189,10 +189,12 @@ class Output {
     }
   }
   ~Output() { stream().flush(); }
-  bool good() { return stream().good(); }
-  std::ostream& stream() { return file_.is_open() ? static_cast<std::ostream&>(file_) : std::cout; }
+  // A file that could not be opened swallows the output (the failure was
+  // reported); it never falls back to standard output.
+  std::ostream& stream() { return named_ ? static_cast<std::ostream&>(file_) : std::cout; }
 
  private:
+  bool named_;
   std::ofstream file_;
 };
 

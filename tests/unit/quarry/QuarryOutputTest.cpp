@@ -230,3 +230,17 @@ TEST_F(QuarryOutputTest, ScanAppendsToTheOutputFile) {
   }
   EXPECT_EQ(scan({2}, false), std::string("before\n") + kRegionTwo);
 }
+
+TEST_F(QuarryOutputTest, UnopenableOutputFileIsReportedAndNothingGoesToStandardOutput) {
+  buildSmallTable();
+  const std::string missing = dir_ + "/no/such/dir/out.txt";
+  Scanner scanner(handler_, root_, missing);
+  ASSERT_TRUE(scanner.initialize());
+  ::testing::internal::CaptureStdout();
+  ::testing::internal::CaptureStderr();
+  scanner.printStats(true, false);
+  scanner.scanRegions({}, false);
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(err, "Error opening " + missing + "\nError opening " + missing + "\n");
+}

@@ -125,9 +125,11 @@ TEST_F(QuarryWriterTest, FullRegionAllocatesTombstone) {
 TEST_F(QuarryWriterTest, AllocateFittingPicksTheSmallestUnitThatHolds) {
   const std::uint32_t big = region(4096, 2);
   const std::uint32_t small = region(64, 1);
-  EXPECT_EQ(Offset::regionId(writer_->allocateFitting("x", 40)), small);
-  EXPECT_EQ(Offset::regionId(writer_->allocateFitting("x", 40)), big);
-  EXPECT_EQ(writer_->allocateFitting("x", 5000), Offset::TOMBSTONED);
+  const std::string forty(40, 'x');
+  const std::string tooBig(5000, 'x');
+  EXPECT_EQ(Offset::regionId(writer_->allocateFitting(forty.data(), forty.size())), small);
+  EXPECT_EQ(Offset::regionId(writer_->allocateFitting(forty.data(), forty.size())), big);
+  EXPECT_EQ(writer_->allocateFitting(tooBig.data(), tooBig.size()), Offset::TOMBSTONED);
 }
 
 TEST_F(QuarryWriterTest, DeleteRegionRemovesTheFileAndCountsItsUnitsReleased) {

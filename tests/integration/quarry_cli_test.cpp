@@ -1,0 +1,416 @@
+// The region allocator through the real binaries: heron-sim create makes the
+// table, a QuarryWriter fills its regions, heron prints them.
+//
+// The dump road also initialises the relay reader; tests that need it skip
+// when heron-sim create made no relay.1 file.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Beacon/Platform.h"
+#include "Mem/RootPath.h"
+#include "Quarry/Offset.h"
+#include "Quarry/QuarryWriter.h"
+
+namespace {
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string binary(const char* name) {
+  const char* dir = std::getenv("HERON_BIN");
+  return std::string(dir != nullptr ? dir : "build/bin") + "/" + name;
+}
+
+class QuarryCli : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/quarry-cli-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    root_ = pattern;
+    ::setenv("HERON_ROOT", root_.c_str(), 1);
+  }
+  void TearDown() override {
+    std::string command = "rm -rf '" + root_ + "'";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  }
+
+  Outcome run(const std::string& arguments) {
+    const std::string out = root_ + "/.stdout";
+    const std::string err = root_ + "/.stderr";
+    const std::string command = "HERON_ROOT='" + root_ + "' " + arguments + " >'" + out + "' 2>'" + err + "'";
+    Outcome result;
+    const int raw = std::system(command.c_str());
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+    result.out = readFile(out);
+    result.err = readFile(err);
+    return result;
+  }
+  Outcome heron(const std::string& arguments) { return run(binary("heron") + " " + arguments); }
+
+  std::string table(const std::string& name) const { return root_ + "/" + name; }
+  bool hasRelay(const std::string& name) const {
+    struct stat st {};
+    return ::stat((table(name) + "/relay.1").c_str(), &st) == 0;
+  }
+
+  // Table "t": regions 1 (16 x 4: alpha, gamma; beta released) and
+  // 2 (8 x 2: 01234567).
+  void makeSmallTable() {
+    Outcome created = run(binary("heron-sim") + " create t --regions 16x4,8x2");
+    ASSERT_EQ(created.status, 0) << created.err;
+    Beacon::Platform::DebugHandler handler("QuarryCli", 0);
+    Quarry::QuarryWriter writer(handler, Mem::RootPath(table("t")));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_NE(writer.allocate(1, "alpha", 5), Quarry::Offset::TOMBSTONED);
+    ASSERT_NE(writer.allocate(1, "beta", 4), Quarry::Offset::TOMBSTONED);
+    ASSERT_NE(writer.allocate(1, "gamma", 5), Quarry::Offset::TOMBSTONED);
+    ASSERT_TRUE(writer.release(Quarry::Offset::encode(1, 1)));
+    ASSERT_NE(writer.allocate(2, "0123456789", 10), Quarry::Offset::TOMBSTONED);
+  }
+
+  std::string root_;
+};
+
+const char* const kRegionOne =
+    "Region 1: entry size 16, units 4, used 2, generation 8\n"
+    "  offset        unit    size  preview\n"
+    "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
+    "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n";
+const char* const kRegionTwo =
+    "Region 2: entry size 8, units 2, used 1, generation 2\n"
+    "  offset        unit    size  preview\n"
+    "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n";
+const char* const kRegionOneWithEmpty =
+    "Region 1: entry size 16, units 4, used 2, generation 8\n"
+    "  offset        unit    size  preview\n"
+    "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
+    "  0x00100001       1      16  empty\n"
+    "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n"
+    "  0x00100003       3      16  empty\n";
+const char* const kRegionTwoWithEmpty =
+    "Region 2: entry size 8, units 2, used 1, generation 2\n"
+    "  offset        unit    size  preview\n"
+    "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n"
+    "  0x00200001       1       8  empty\n";
+// 16x4 and 8x2 units: one page each; region 1 holds 32 of 64 bytes, region 2
+// 8 of 16: 40 of 80 bytes, 50 %; both unit areas touched, no page free.
+const char* const kTotals =
+    "Region allocator statistics\n"
+    "  regions       2\n"
+    "  bytes         80\n"
+    "  used          40\n"
+    "  free          40\n"
+    "  pages free    0\n"
+    "  occupancy     50%\n"
+    "  allocations   4\n"
+    "  releases      1\n";
+const char* const kRows =
+    "  region  entry size     units      used  occupancy  free pages         bytes\n"
+    "       2           8         2         1        50%           0            16\n"
+    "       1          16         4         2        50%           0            64\n";
+
+std::string withoutTiming(const std::string& text) {
+  std::istringstream lines(text);
+  std::string line;
+  std::string kept;
+  while (std::getline(lines, line)) {
+    if (line.compare(0, 16, "Relay scanned in") != 0) {
+      kept += line + "\n";
+    }
+  }
+  return kept;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+  return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+}  // namespace
+
+TEST_F(QuarryCli, SimCreateMakesTheAllocatorAndTheRegionsAsked) {
+  Outcome created = run(binary("heron-sim") + " create t --regions 64x256,4096x32");
+  ASSERT_EQ(created.status, 0) << created.err;
+  struct stat st {};
+  EXPECT_EQ(::stat((table("t") + "/quarry").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 64);
+  ASSERT_EQ(::stat((table("t") + "/region.1").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 4096 + 16384);
+  ASSERT_EQ(::stat((table("t") + "/region.2").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 4096 + 32 * 4096);
+  EXPECT_NE(::stat((table("t") + "/region.3").c_str(), &st), 0);
+}
+
+TEST_F(QuarryCli, SimCreateMakesADefaultMixOfRegions) {
+  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  struct stat st {};
+  EXPECT_EQ(::stat((table("t") + "/region.3").c_str(), &st), 0);
+}
+
+TEST_F(QuarryCli, SimCreateRefusesABadRegionList) {
+  Outcome created = run(binary("heron-sim") + " create t --regions 64by256");
+  EXPECT_EQ(created.status, 1);
+  EXPECT_NE(created.err.find("--regions"), std::string::npos) << created.err;
+}
+
+TEST_F(QuarryCli, MissingAllocatorFailsToInitialize) {
+  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  ASSERT_EQ(::unlink((table("t") + "/quarry").c_str()), 0);
+  Outcome r = heron("-s t");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "Table Name: t\n\nFailed to initialize QuarryScanner\n");
+  EXPECT_EQ(r.out, "");
+}
+
+TEST_F(QuarryCli, DamagedAllocatorFailsToInitialize) {
+  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  {
+    std::ofstream damaged(table("t") + "/quarry", std::ios::binary | std::ios::trunc);
+    damaged << std::string(64, '\x5a');
+  }
+  for (const char* options : {"-s", "-R", "-d", "-a", ""}) {
+    Outcome r = heron(std::string(options) + " t");
+    EXPECT_EQ(r.status, 1) << options;
+    EXPECT_EQ(r.err, "Table Name: t\n\nFailed to initialize QuarryScanner\n") << options;
+  }
+}
+
+TEST_F(QuarryCli, TruncatedAllocatorFailsToInitialize) {
+  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  ASSERT_EQ(::truncate((table("t") + "/quarry").c_str(), 10), 0);
+  Outcome r = heron("-R t");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Failed to initialize QuarryScanner"), std::string::npos);
+}
+
+TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome r = heron("-s t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
+  EXPECT_NE(r.out.find("Relay headers:"), std::string::npos);
+  EXPECT_LT(r.out.find("Relay headers:"), r.out.find("Region allocator statistics"));
+}
+
+TEST_F(QuarryCli, DetailAddsTheRegionRows) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome r = heron("-d t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(endsWith(r.out, std::string(kTotals) + kRows)) << r.out;
+}
+
+TEST_F(QuarryCli, SortByOccupancyWithStats) {
+  Outcome created = run(binary("heron-sim") + " create t --regions 64x100,64x100,16x10");
+  ASSERT_EQ(created.status, 0) << created.err;
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  {
+    Beacon::Platform::DebugHandler handler("QuarryCli", 0);
+    Quarry::QuarryWriter writer(handler, Mem::RootPath(table("t")));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    for (int i = 0; i < 50; ++i) writer.allocate(1);
+    for (int i = 0; i < 10; ++i) writer.allocate(2);
+    for (int i = 0; i < 5; ++i) writer.allocate(3);
+  }
+  const std::string rowsByOccupancy =
+      "  region  entry size     units      used  occupancy  free pages         bytes\n"
+      "       3          16        10         5        50%           0           160\n"
+      "       2          64       100        10        10%           1          6400\n"
+      "       1          64       100        50        50%           1          6400\n";
+  Outcome r = heron("-s -O t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(endsWith(r.out, rowsByOccupancy)) << r.out;
+  Outcome d = heron("-d t");
+  EXPECT_TRUE(endsWith(d.out,
+                       "       3          16        10         5        50%           0           160\n"
+                       "       1          64       100        50        50%           1          6400\n"
+                       "       2          64       100        10        10%           1          6400\n"))
+      << d.out;
+}
+
+TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome r = heron("-s -q t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
+  EXPECT_EQ(r.out.find("Region 1:"), std::string::npos);
+}
+
+TEST_F(QuarryCli, RegionsDumpEveryRegion) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome r = heron("-R t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, std::string(kRegionOne) + kRegionTwo);
+}
+
+TEST_F(QuarryCli, RegionsWithEmptyEntries) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome r = heron("-R -e t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, std::string(kRegionOneWithEmpty) + kRegionTwoWithEmpty);
+}
+
+TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome two = heron("-r 2 t");
+  EXPECT_EQ(two.status, 0) << two.err;
+  EXPECT_EQ(two.out, kRegionTwo);
+  Outcome both = heron("-r 2 -r 1 -r 2 t");
+  EXPECT_EQ(both.out, std::string(kRegionOne) + kRegionTwo);
+  Outcome missing = heron("-r 7 t");
+  EXPECT_EQ(missing.out, "Region 7: not found\n");
+}
+
+TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  Outcome r = heron("-a t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  const std::string regions = std::string(kRegionOne) + kRegionTwo;
+  EXPECT_EQ(r.out.compare(0, regions.size(), regions), 0) << r.out;
+}
+
+TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  const std::string file = root_ + "/stats.txt";
+  {
+    std::ofstream stale(file);
+    stale << std::string(10000, 'x') << '\n';  // truncated by heron first
+  }
+  Outcome toFile = heron("-f " + file + " -d t");
+  EXPECT_EQ(toFile.status, 0) << toFile.err;
+  EXPECT_EQ(toFile.out, "");
+  Outcome toStdout = heron("-d t");
+  EXPECT_EQ(readFile(file), toStdout.out);
+  EXPECT_TRUE(endsWith(readFile(file), std::string(kTotals) + kRows));
+}
+
+TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  const std::string file = root_ + "/dump.txt";
+  Outcome toFile = heron("-f " + file + " -a t");
+  EXPECT_EQ(toFile.status, 0) << toFile.err;
+  Outcome toStdout = heron("-a t");
+  // The queue scan's timing line differs from run to run.
+  EXPECT_EQ(withoutTiming(readFile(file)), withoutTiming(toStdout.out));
+  const std::string regions = std::string(kRegionOne) + kRegionTwo;
+  EXPECT_EQ(readFile(file).compare(0, regions.size(), regions), 0);
+}
+
+TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_EQ(::truncate((table("t") + "/region.1").c_str(), 100), 0);
+  Outcome r = heron("-R t");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, std::string("Region 1: file is 100 bytes, header claims 8192; skipped\n") + kRegionTwo);
+}
+
+namespace {
+
+// 16 printable bytes: a write's sequence number and a check over it.
+std::string livePayload(std::uint32_t sequence) {
+  std::uint32_t h = sequence * 2654435761U ^ 0x5A5A5A5AU;
+  char text[17];
+  std::snprintf(text, sizeof text, "%08x%08x", sequence, h ^ (h >> 13));
+  return std::string(text, 16);
+}
+
+[[noreturn]] void liveWriter(const std::string& tableDir, std::chrono::milliseconds duration) {
+  Beacon::Platform::DebugHandler handler("LiveWriter", 0);
+  Quarry::QuarryWriter writer(handler, Mem::RootPath(tableDir));
+  std::string error;
+  if (!writer.open(error)) {
+    ::_exit(2);
+  }
+  std::mt19937 random(5);
+  std::vector<std::uint32_t> live;
+  std::uint32_t sequence = 0;
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (std::chrono::steady_clock::now() < end) {
+    const unsigned op = random() % 100;
+    std::vector<std::uint32_t> ids = writer.regionIds();
+    if (op < 3 || ids.empty()) {
+      if (ids.size() < 16) writer.createRegion(16U << (random() % 4), 8 + random() % 64, error);
+    } else if (op < 6) {
+      writer.deleteRegion(ids[random() % ids.size()]);
+    } else if (op < 65) {
+      const std::string text = livePayload(++sequence);
+      const std::uint32_t offset = writer.allocate(ids[random() % ids.size()], text.data(), text.size());
+      if (offset != Quarry::Offset::TOMBSTONED) live.push_back(offset);
+    } else if (!live.empty()) {
+      const std::size_t at = random() % live.size();
+      writer.release(live[at]);
+      live[at] = live.back();
+      live.pop_back();
+    }
+  }
+  ::_exit(0);
+}
+
+}  // namespace
+
+TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
+  ASSERT_EQ(run(binary("heron-sim") + " create t --regions 16x64,64x64").status, 0);
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    liveWriter(table("t"), std::chrono::milliseconds(2000));
+  }
+  unsigned runs = 0;
+  unsigned entries = 0;
+  int status = 0;
+  const char* options[] = {"-s", "-d", "-R", "-s -O"};
+  while (::waitpid(child, &status, WNOHANG) == 0) {
+    Outcome r = heron(std::string(options[runs % 4]) + " t");
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::istringstream lines(r.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+      if (line.compare(0, 4, "  0x") != 0) continue;
+      const std::size_t open = line.find('|');
+      ASSERT_NE(open, std::string::npos) << line;
+      const std::string text = line.substr(open + 1, 16);
+      unsigned sequence = 0;
+      ASSERT_EQ(std::sscanf(text.c_str(), "%8x", &sequence), 1) << line;
+      EXPECT_EQ(text, livePayload(sequence)) << line;
+      ++entries;
+    }
+    ++runs;
+  }
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_GT(runs, 4U);
+  EXPECT_GT(entries, 0U);
+}
