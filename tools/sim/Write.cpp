@@ -9,6 +9,7 @@
 // ember is heartbeaten every 100 ms. Stops on SIGINT, SIGTERM, SIGHUP or
 // after --duration seconds, and prints one summary line.
 #include <signal.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -98,6 +99,11 @@ int commandWrite(const std::string& name, const Options& options) {
   StopSignals stop;
   Mem::OrbRootPath root(handler(), name, false);
   std::string error;
+  struct stat st {};
+  if (::stat(root.fullPath("owner").c_str(), &st) != 0) {
+    std::cerr << "heron-sim write: no table at " << root << " (heron-sim create it first)\n";
+    return 1;
+  }
   SharedMem::EmberWriter ember(handler(), root);
   if (!ember.open(error)) {
     std::cerr << "heron-sim write: " << error << '\n';

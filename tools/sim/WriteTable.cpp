@@ -1,7 +1,5 @@
 #include "WriteTable.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -150,11 +148,6 @@ WriteTable::WriteTable(Beacon::Platform::DebugHandler& handler, const Mem::RootP
 WriteTable::~WriteTable() = default;
 
 bool WriteTable::open(SharedMem::EmberId, std::string& error) {
-  struct stat st {};
-  if (::stat(impl_->root.fullPath("owner").c_str(), &st) != 0) {
-    error = "no table at " + impl_->root.path() + " (heron-sim create it first)";
-    return false;
-  }
   if (!impl_->relay.open(error) || !impl_->quarry.open(error)) {
     return false;
   }

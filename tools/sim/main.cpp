@@ -16,6 +16,13 @@ constexpr const char* kUsage =
     "  create NAME [--type N] [--type-name TEXT] [--capacity N] [--regions SPEC]\n"
     "                 create a table under $HERON_ROOT (default /dev/shm/heron)\n"
     "  remove NAME    remove a table's files and directory\n"
+    "  write NAME [--rate N | --flat-out] [--duration S] [--grow-every N] [--max-capacity N]\n"
+    "             [--region-every N] [--live N] [--payload-max N]\n"
+    "                 become the table's writer; prints \"writer PID attached to PATH\" once mapped\n"
+    "                 and stops on SIGINT, SIGTERM or after --duration seconds\n"
+    "  demo [--duration S] [--keep] [--rate N]\n"
+    "                 a live demo collection: tables, a writer and shadows each; Ctrl-C stops\n"
+    "                 it and removes what it created unless --keep\n"
     "\n"
     "All commands honour HERON_ROOT.\n";
 
