@@ -14,21 +14,33 @@ WORK=$(mktemp -d "${TMPDIR:-/tmp}/heron-bench.XXXXXX")
 export HERON_ROOT=$WORK/root
 mkdir -p "$HERON_ROOT"
 LOOP_PID=""
-trap '[[ -n $LOOP_PID ]] && kill $LOOP_PID 2>/dev/null; rm -rf "$WORK"' EXIT
+trap 'if [[ -n $LOOP_PID ]]; then kill $LOOP_PID 2>/dev/null || true; fi; rm -rf "$WORK"' EXIT
 
 "$BIN/heron-sim" create bench >/dev/null
 
-# One timed writer run; prints its rate (notifications a second).
+# The writer on one CPU and the reports on another where there are two, so
+# that the comparison shows interference through the shared files and caches
+# rather than two programs taking turns on one CPU.
+PIN_WRITER=()
+PIN_REPORTS=()
+if command -v taskset >/dev/null && [[ $(nproc) -ge 2 ]]; then
+  PIN_WRITER=(taskset -c 1)
+  PIN_REPORTS=(taskset -c 0)
+fi
+
+# One timed writer run; prints "wall-rate cpu-rate" (notifications a second
+# of elapsed time and of the writer's own CPU time).
 writer_rate() {
-  "$BIN/heron-sim" write bench --flat-out --duration "$EACH" | sed -n 's/.*(\([0-9][0-9]*\)\/s).*/\1/p'
+  "${PIN_WRITER[@]}" "$BIN/heron-sim" write bench --flat-out --duration "$EACH" |
+    sed -n 's/.*(\([0-9][0-9]*\)\/s, \([0-9][0-9]*\)\/s of cpu).*/\1 \2/p'
 }
 
 reports() {
   local n=0
   while :; do
-    "$BIN/heron" -q bench >/dev/null 2>&1
-    "$BIN/heron" -s bench >/dev/null 2>&1
-    "$BIN/heron" -A >/dev/null 2>&1
+    "$BIN/heron" -q bench >/dev/null 2>&1 || true
+    "$BIN/heron" -s bench >/dev/null 2>&1 || true
+    "$BIN/heron" -A >/dev/null 2>&1 || true
     n=$((n + 3))
     echo "$n" >"$WORK/reports"
   done
@@ -41,16 +53,20 @@ loaded=()
 total_reports=0
 for ((i = 1; i <= PAIRS; i++)); do
   alone+=("$(writer_rate)")
-  reports &
+  "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
   LOOP_PID=$!
   loaded+=("$(writer_rate)")
-  kill "$LOOP_PID" 2>/dev/null
+  kill "$LOOP_PID" 2>/dev/null || true
   wait "$LOOP_PID" 2>/dev/null || true
   LOOP_PID=""
   total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
-  echo "pair $i: alone ${alone[-1]}/s, with reports ${loaded[-1]}/s"
+  echo "pair $i: alone ${alone[-1]}, with reports ${loaded[-1]} (wall/s cpu/s)"
 done
-a=$(printf '%s\n' "${alone[@]}" | median)
-l=$(printf '%s\n' "${loaded[@]}" | median)
-echo "heron reports run while loaded: $total_reports ($(( total_reports / (PAIRS * EACH) ))/s)"
-awk -v a="$a" -v l="$l" 'BEGIN {printf "writer alone: %d/s  with heron -q/-s/-A in a loop: %d/s  ratio: %.1f %%\n", a, l, 100 * l / a}'
+echo "heron reports run while loaded: $total_reports ($((total_reports / (PAIRS * EACH)))/s)"
+echo "cpus: $(nproc), load average: $(cut -d' ' -f1-3 /proc/loadavg), pinned: ${PIN_WRITER[*]:-no}"
+for col in 1 2; do
+  a=$(printf '%s\n' "${alone[@]}" | cut -d' ' -f$col | median)
+  l=$(printf '%s\n' "${loaded[@]}" | cut -d' ' -f$col | median)
+  what=$([[ $col -eq 1 ]] && echo "per second" || echo "per cpu-second of the writer")
+  awk -v a="$a" -v l="$l" -v w="$what" 'BEGIN {printf "appends %s: alone %d, with heron -q/-s/-A in a loop %d, ratio %.1f %%\n", w, a, l, 100 * l / a}'
+done

@@ -165,8 +165,16 @@ int commandWrite(const std::string& name, const Options& options) {
     }
   }
   double seconds = static_cast<double>(monotonicNs() - started) / 1e9;
+  struct timespec cpu {};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
+  double cpuSeconds = static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
+  auto perSecond = [appended](double span) {
+    return static_cast<unsigned long long>(span > 0 ? static_cast<double>(appended) / span : 0);
+  };
+  // The rate per second of the writer's own CPU time leaves out the time
+  // other processes took the CPU away.
   std::cout << "writer " << ::getpid() << " appended " << appended << " notifications in " << seconds << " s ("
-            << static_cast<unsigned long long>(seconds > 0 ? static_cast<double>(appended) / seconds : 0) << "/s)"
+            << perSecond(seconds) << "/s, " << perSecond(cpuSeconds) << "/s of cpu)"
             << (stop.signal() != 0 ? std::string(", stopped by ") + ::strsignal(stop.signal()) : "") << std::endl;
   table.close();
   return failed ? 1 : 0;
