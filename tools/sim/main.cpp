@@ -23,6 +23,9 @@ constexpr const char* kUsage =
     "  demo [--duration S] [--keep] [--rate N]\n"
     "                 a live demo collection: tables, a writer and shadows each; Ctrl-C stops\n"
     "                 it and removes what it created unless --keep\n"
+    "  shadow NAME [NAME...] [--rw] [--duration SECONDS]\n"
+    "                 map each table's relay.1 and ember read-only (--rw: read-write,\n"
+    "                 as a writer) and wait for SIGTERM/SIGINT or SECONDS\n"
     "\n"
     "All commands honour HERON_ROOT.\n";
 
