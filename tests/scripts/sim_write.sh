@@ -28,6 +28,11 @@ grep -q 'epoch\[ SECONDARY \]: [1-9]' "$WORK/s.txt" || fail "the queue never swi
 # Restart: a new instance of the same table.
 start_writer w --rate 100
 [[ $(word "$ember" 14 2) == 1 && $(word "$ember" 20 4) == 1 ]] || fail "restart did not bump instance and restarts"
+# A second writer on a table that has a live one is refused.
+status=0
+"$SIM" write w --rate 100 >/dev/null 2>"$WORK/second.txt" || status=$?
+[[ $status -eq 1 ]] && grep -q "already has a writer (pid $WRITER_PID)" "$WORK/second.txt" ||
+  fail "a second writer was not refused: status $status, $(cat "$WORK/second.txt")"
 kill -INT "$WRITER_PID"
 status=0
 wait "$WRITER_PID" || status=$?

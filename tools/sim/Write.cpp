@@ -104,6 +104,14 @@ int commandWrite(const std::string& name, const Options& options) {
     std::cerr << "heron-sim write: no table at " << root << " (heron-sim create it first)\n";
     return 1;
   }
+  // One writer per table: refuse while another one is alive and beating.
+  SharedMem::EmberHeader previous{};
+  if (SharedMem::readEmber(root, previous) == SharedMem::LoadStatus::Ok && previous.writerPid != 0 &&
+      static_cast<pid_t>(previous.writerPid) != ::getpid() && ::kill(static_cast<pid_t>(previous.writerPid), 0) == 0 &&
+      SharedMem::nowNs() - __atomic_load_n(&previous.heartbeatNs, __ATOMIC_RELAXED) < 2000000000ULL) {
+    std::cerr << "heron-sim write: " << root << " already has a writer (pid " << previous.writerPid << ")\n";
+    return 1;
+  }
   SharedMem::EmberWriter ember(handler(), root);
   if (!ember.open(error)) {
     std::cerr << "heron-sim write: " << error << '\n';
