@@ -68,6 +68,7 @@ int DemoProcesses::start(const std::string& role, const std::string& table, cons
   argvText.push_back("heron-sim");
   argvText.insert(argvText.end(), args.begin(), args.end());
   std::vector<char*> argv;
+  argv.reserve(argvText.size() + 1);
   for (std::string& text : argvText) {
     argv.push_back(&text[0]);
   }
