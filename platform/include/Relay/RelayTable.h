@@ -128,6 +128,9 @@ inline std::uint64_t load64(const void* base, std::size_t at) {
 inline std::uint32_t load32(const void* base, std::size_t at) {
   return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
 }
+inline std::uint32_t load32Relaxed(const void* base, std::size_t at) {
+  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_RELAXED);
+}
 inline void store64(void* base, std::size_t at, std::uint64_t value) {
   __atomic_store_n(reinterpret_cast<std::uint64_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
 }

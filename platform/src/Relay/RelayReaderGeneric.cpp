@@ -3,7 +3,9 @@
 #include "Relay/RelayReaderGeneric.h"
 
 #include <fmt/format.h>
+#include <sys/mman.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
@@ -28,6 +30,7 @@ unsigned clampSize(std::size_t size) {
 }
 
 // Lines are formatted into this buffer and handed to the report in chunks.
+template <typename Notification>
 class LineBuffer {
  public:
   explicit LineBuffer(std::ostream& out) : out_(out) {}
@@ -50,17 +53,68 @@ class LineBuffer {
     }
   }
 
-  static constexpr std::size_t kLineMax = 128;
+  // "pos: " and 10 + "  |  " + the slot's text + "\n".
+  static constexpr std::size_t kLineMax = 20 + Notification::kDumpMax + 1;
 
  private:
   std::ostream& out_;
   std::size_t used_ = 0;
-  char buffer_[64 * 1024];
+  char buffer_[64 * 1024] = {};
+};
+
+// Reports of more lines than this get their room reserved.
+constexpr std::size_t kLargeReport = 4096;
+
+// Asks for huge pages for the whole pages of fresh memory [data, data +
+// bytes) before it is first touched: first touches of thousands of small
+// pages cost more than the copy itself. Small ranges are left alone.
+void adviseHugePages(const void* data, std::size_t bytes) {
+  constexpr std::size_t kPage = 4096;
+  if (bytes < (4U << 20)) {
+    return;
+  }
+  const std::size_t misalignment = reinterpret_cast<std::uintptr_t>(data) % kPage;
+  const std::size_t skip = misalignment == 0 ? 0 : kPage - misalignment;
+  const std::size_t length = (bytes - skip) / kPage * kPage;
+  char* start = static_cast<char*>(const_cast<void*>(data)) + skip;
+  ::madvise(start, length, MADV_HUGEPAGE);
+}
+
+// Anonymous memory for a large report, on huge pages where the kernel
+// allows it; empty when size is 0 or the mapping fails.
+class ReportBuffer {
+ public:
+  explicit ReportBuffer(std::size_t size) {
+    if (size == 0) {
+      return;
+    }
+    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (base == MAP_FAILED) {
+      return;
+    }
+    ::madvise(base, size, MADV_HUGEPAGE);
+    base_ = static_cast<char*>(base);
+    size_ = size;
+  }
+  ~ReportBuffer() {
+    if (base_ != nullptr) {
+      ::munmap(base_, size_);
+    }
+  }
+  ReportBuffer(const ReportBuffer&) = delete;
+  ReportBuffer& operator=(const ReportBuffer&) = delete;
+
+  char* data() const { return base_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  char* base_ = nullptr;
+  std::size_t size_ = 0;
 };
 
 // "pos: " + index left-aligned in 10 blanks + "  |  ".
 std::size_t putPosition(char* out, std::uint32_t index) {
-  std::memcpy(out, "pos: ", 5);
+  std::copy_n("pos: ", 5, out);
   char digits[10];
   std::size_t n = 0;
   do {
@@ -74,7 +128,7 @@ std::size_t putPosition(char* out, std::uint32_t index) {
   while (at < 15) {
     out[at++] = ' ';
   }
-  std::memcpy(out + at, "  |  ", 5);
+  std::copy_n("  |  ", 5, out + at);
   return at + 5;
 }
 
@@ -187,21 +241,32 @@ void RelayReaderGeneric<Slot>::formatIndividualRelayHeader(const Header& header,
 template <typename Slot>
 bool RelayReaderGeneric<Slot>::collect(RelayTableId id, std::vector<Notification>& into) const {
   const unsigned count = cachedNotifications_[id].value;
-  into.reserve(count);
   const void* primary = header_[Base::PRIMARY];
   const void* own = header_[id];
   // Slot i is at notifications + 12 + 12 * i (byte 84 + 12 * i).
   const char* slots = reinterpret_cast<const char*>(notificationsRef_[id]) + Base::kSlotSize;
   const std::uint32_t version = Shared::low(switchSnapshot_);
   const std::uint32_t position = currentPos_[id];
+  // Sized to the whole capacity up front and written in place: the same
+  // result as clearing and appending slot by slot, without the vector's
+  // bookkeeping in the loop, and without re-initialising the elements of a
+  // vector reused from an earlier attempt (only a restart shortens it).
+  const std::size_t had = into.capacity();
+  into.reserve(count);
+  if (into.capacity() != had) {
+    adviseHugePages(into.data(), sizeof(Notification) * static_cast<std::size_t>(count));
+  }
+  into.resize(count);
+  Notification* target = into.data();
   for (unsigned i = 0; i < count; ++i) {
-    // Checked before each copy: the slot copied last is not re-checked.
-    if (Shared::load32(primary, Shared::kSwitchWord) != version ||
-        Shared::load32(own, Shared::kCurrentPos) != position) {
+    if (Shared::load32Relaxed(primary, Shared::kSwitchWord) != version ||
+        Shared::load32Relaxed(own, Shared::kCurrentPos) != position) {
+      into.resize(i);
       return false;
     }
-    const char* slot = slots + Base::kSlotSize * i;
-    into.push_back(Notification{Shared::load32(slot, 0), Shared::load32(slot, 4), Shared::load32(slot, 8)});
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    std::memcpy(target + i, slots + Base::kSlotSize * i, Base::kSlotSize);
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
   }
   return true;
 }
@@ -229,15 +294,22 @@ unsigned RelayReaderGeneric<Slot>::attempt(std::vector<Notification> (&snapshot)
     currentPos_[Base::SECONDARY] = Shared::load32(header_[Base::SECONDARY], Shared::kCurrentPos);
     const std::uint32_t table = Shared::high(switchSnapshot_);
 
-    snapshot[Base::PRIMARY].clear();
-    if ((!activeOnly || table == Base::PRIMARY) && !collect(Base::PRIMARY, snapshot[Base::PRIMARY])) {
-      ++restarts;
-      continue;
+    // collect clears (resizes) the vector it fills.
+    if (!activeOnly || table == Base::PRIMARY) {
+      if (!collect(Base::PRIMARY, snapshot[Base::PRIMARY])) {
+        ++restarts;
+        continue;
+      }
+    } else {
+      snapshot[Base::PRIMARY].clear();
     }
-    snapshot[Base::SECONDARY].clear();
-    if ((!activeOnly || table == Base::SECONDARY) && !collect(Base::SECONDARY, snapshot[Base::SECONDARY])) {
-      ++restarts;
-      continue;
+    if (!activeOnly || table == Base::SECONDARY) {
+      if (!collect(Base::SECONDARY, snapshot[Base::SECONDARY])) {
+        ++restarts;
+        continue;
+      }
+    } else {
+      snapshot[Base::SECONDARY].clear();
     }
     return restarts;
   }
@@ -253,10 +325,24 @@ void RelayReaderGeneric<Slot>::scan(std::ostream& out, bool activeOnly) {
   const unsigned restarts = attempt(snapshot, activeOnly, &report);
   const double end = Beacon::time();
 
+  // A large report gets its room up front, in one mapping of huge pages:
+  // grown by doubling, a report of millions of lines would be copied and
+  // faulted in again and again. Should the estimate fall short, the stream
+  // moves the text to its own storage and goes on there.
+  const std::size_t lines = snapshot[Base::PRIMARY].size() + snapshot[Base::SECONDARY].size();
+  ReportBuffer room(lines > kLargeReport ? 4096 + lines * LineBuffer<Notification>::kLineMax : 0);
+  if (room.data() != nullptr) {
+    report.rdbuf()->pubsetbuf(room.data(), static_cast<std::streamsize>(room.size()));
+  }
   printQueue(Base::PRIMARY, snapshot, activeOnly, report);
   printQueue(Base::SECONDARY, snapshot, activeOnly, report);
   report << "Relay scanned in " << (end - start) << " seconds\nRestarted " << restarts << " times";
-  out << report.rdbuf();
+  const std::streamoff written = report.tellp();
+  if (room.data() != nullptr && written > 0 && static_cast<std::size_t>(written) <= room.size()) {
+    out.write(room.data(), written);
+  } else {
+    out << report.rdbuf();
+  }
   out << std::endl;
 }
 
@@ -282,7 +368,7 @@ void RelayReaderGeneric<Slot>::printQueue(RelayTableId id, std::vector<Notificat
   const std::size_t count = slots.size();
   const std::uint32_t position = currentPos_[id];
   {
-    LineBuffer lines(out);
+    LineBuffer<Notification> lines(out);
     for (std::size_t i = 0; i < count; ++i) {
       if (activeOnly) {
         if (i >= position) {

@@ -1,0 +1,455 @@
+// `heron -s`, `-q`, `-q -e`, `-a` end to end on tables made by heron-sim and
+// changed by the queue writer or by hand: the relay headers block, the
+// queue dump, and the messages and statuses for broken queue files.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "Quarry/Offset.h"
+#include "Relay/RelayWriter.h"
+#include "unit/relay/RelayTestFiles.h"
+
+namespace {
+
+using RelayTest::Header;
+using RelayTest::Table;
+
+std::string binary(const char* name) {
+  const char* dir = std::getenv("HERON_BIN");
+  return std::string(dir != nullptr ? dir : "build/bin") + "/" + name;
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+struct Result {
+  std::string out;
+  std::string err;
+  bool exited = false;  // false: ended by a signal
+  int status = -1;
+};
+
+const std::regex kTimingZero("Relay scanned in [0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
+
+class RelayCli : public ::testing::Test {
+ protected:
+  // Creates table `name` with heron-sim; false when the table cannot be
+  // dumped end to end (no region allocator file).
+  bool create(const std::string& name, unsigned capacity) {
+    Result made = run(binary("heron-sim") + " create " + name + " --capacity " + std::to_string(capacity));
+    EXPECT_EQ(made.status, 0) << made.err;
+    struct stat st {};
+    return ::stat((dir(name) + "/quarry").c_str(), &st) == 0;
+  }
+  std::string dir(const std::string& name) const { return temp.path() + "/" + name; }
+  Mem::RootPath root(const std::string& name) const { return Mem::RootPath(dir(name)); }
+
+  Result run(const std::string& command) {
+    Result result;
+    std::string outFile = temp.path() + "/.out";
+    std::string errFile = temp.path() + "/.err";
+    int raw = std::system(
+        ("HERON_ROOT='" + temp.path() + "' " + command + " >'" + outFile + "' 2>'" + errFile + "'").c_str());
+    result.exited = WIFEXITED(raw) && !(WEXITSTATUS(raw) >= 128);
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    result.out = slurp(outFile);
+    result.err = slurp(errFile);
+    return result;
+  }
+  Result heron(const std::string& arguments) { return run(binary("heron") + " " + arguments); }
+
+  // The ember of the file as its header holds it.
+  SharedMem::EmberId ember(const std::string& name) {
+    Header header{};
+    std::ifstream in(dir(name) + "/relay.1", std::ios::binary);
+    in.read(reinterpret_cast<char*>(&header), sizeof header);
+    return header.ember;
+  }
+
+  // The relay headers block of a statistics section: from its first line
+  // to the empty line that ends it.
+  static std::string headersBlock(const std::string& out) {
+    std::size_t start = out.find("Relay headers:");
+    std::size_t secondary = out.find("\tSecondary:", start == std::string::npos ? 0 : start);
+    std::size_t end = out.find("\n\n", secondary == std::string::npos ? 0 : secondary);
+    if (start == std::string::npos || secondary == std::string::npos || end == std::string::npos) {
+      return out;
+    }
+    return out.substr(start, end + 2 - start);
+  }
+
+  static std::string individual(SharedMem::EmberId id, const std::string& notifications, unsigned position) {
+    std::string pid = std::to_string(id.pid);
+    std::string instance = std::to_string(id.instanceId);
+    return "\n\t\tMagic: 0x59414c45524e5248 (\"HRNRELAY\")\n"
+           "\t\tVersion: 1\n"
+           "\t\tEmber: " +
+           pid + "." + instance + " (pid: " + pid + " instanceId: " + instance + ")\n" +
+           "\t\tNotifications: " + notifications + "\n\t\tCurrent position: " + std::to_string(position) + "\n";
+  }
+
+  RelayTest::TempDir temp;
+};
+
+}  // namespace
+
+constexpr const char* kNoAllocator = "heron-sim create made no quarry file: heron cannot dump a table end to end";
+
+// --- the relay headers block ----------------------------------------------
+
+TEST_F(RelayCli, StatisticsShowTheHeadersOfAFreshTable) {
+  if (!create("fresh", 3)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  Result result = heron("-s fresh");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 0) << result.err;
+  SharedMem::EmberId id = ember("fresh");
+  EXPECT_EQ(headersBlock(result.out),
+            "Relay headers: (88 bytes in primary, 88 bytes in secondary)\n"
+            "\tepoch[ PRIMARY ]: 0\n"
+            "\tepoch[ SECONDARY ]: 0\n"
+            "\tLatest writer sequence:0\n"
+            "\tNumber of connected readers: 0\n"
+            "\tCurrent table: Primary (version: 0x00000000)\n"
+            "\tPrimary:" +
+                individual(id, "3 (v1)", 0) + "\tSecondary:" + individual(id, "3 (v1)", 0) + "\n");
+  EXPECT_EQ(result.out.find("relay queue"), std::string::npos);
+}
+
+TEST_F(RelayCli, StatisticsShowVersion0x1fAndTheSecondaryAfterWrites) {
+  if (!create("switched", 1)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  {
+    Relay::RelayWriter writer(RelayTest::handler(), root("switched"));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    for (int i = 0; i < 32; ++i) {
+      writer.append(Quarry::Offset::encode(1, 1), 8);
+    }
+    writer.setConnectedReaders(2);
+  }
+  Result result = heron("-s switched");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 0) << result.err;
+  SharedMem::EmberId id = ember("switched");
+  EXPECT_EQ(headersBlock(result.out),
+            "Relay headers: (88 bytes in primary, 88 bytes in secondary)\n"
+            "\tepoch[ PRIMARY ]: 15\n"
+            "\tepoch[ SECONDARY ]: 16\n"
+            "\tLatest writer sequence:32\n"
+            "\tNumber of connected readers: 2\n"
+            "\tCurrent table: Secondary (version: 0x0000001f)\n"
+            "\tPrimary:" +
+                individual(id, "1 (v1)", 1) + "\tSecondary:" + individual(id, "1 (v1)", 1) + "\n");
+}
+
+TEST_F(RelayCli, StatisticsCallCurrentTableTwoSecondaryAndPrint0x1aZeroFilled) {
+  if (!create("odd", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 40, 0x1a));
+  ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 44, 2));
+  Result result = heron("-d odd");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(headersBlock(result.out).find("\tCurrent table: Secondary (version: 0x0000001a)\n\tPrimary:\n"),
+            std::string::npos)
+      << result.out;
+}
+
+TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
+  if (!create("grown", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  {
+    Relay::RelayWriter writer(RelayTest::handler(), root("grown"));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_TRUE(writer.grow(40, error)) << error;
+    writer.append(Quarry::Offset::encode(1, 1), 8);
+  }
+  Result result = heron("-s grown");
+  SharedMem::EmberId id = ember("grown");
+  EXPECT_NE(
+      headersBlock(result.out)
+          .find("\tPrimary:" + individual(id, "40 (v2)", 1) + "\tSecondary:" + individual(id, "40 (v2)", 0) + "\n"),
+      std::string::npos)
+      << result.out;
+}
+
+TEST_F(RelayCli, StatisticsWithQueuesPrintNoQueue) {
+  if (!create("both", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  Result result = heron("-s -q both");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("Relay headers:"), std::string::npos);
+  EXPECT_EQ(result.out.find("relay queue"), std::string::npos);
+  EXPECT_EQ(result.out.find("Relay scanned in"), std::string::npos);
+}
+
+// --- the queue dump -------------------------------------------------------
+
+TEST_F(RelayCli, QueueDumpShowsTheLiveSlotsOfTheActiveTable) {
+  if (!create("live", 4)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  {
+    Relay::RelayWriter writer(RelayTest::handler(), root("live"));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    for (std::uint32_t i = 1; i <= 7; ++i) {
+      writer.append(Quarry::Offset::encode(2, i), 10 * i);
+    }
+    ASSERT_TRUE(writer.tombstone(std::uint64_t{6}));
+  }
+  Result result = heron("-q live");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(RelayTest::beforeTiming(result.out),
+            "Secondary relay queue (active)\n"
+            "\tnotifications:4 (v1)\n"
+            "\tcurrentPos:3\n"
+            "\tcorralStart:5\n"
+            "\tcorralEnd:8\n"
+            "\tepoch:1\n"
+            "\n"
+            "pos: 0           |  seq: 5           offset: 0x00200005 (2:5)           size: 50\n"
+            "pos: 2           |  seq: 7           offset: 0x00200007 (2:7)           size: 70\n"
+            "\n");
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+  EXPECT_EQ(result.err, "Table Name: live\n\n");
+}
+
+TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
+  if (!create("whole", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  {
+    Relay::RelayWriter writer(RelayTest::handler(), root("whole"));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    writer.append(Quarry::Offset::encode(1, 1), 1);
+    writer.append(Quarry::Offset::encode(1, 2), 2);
+    writer.append(Quarry::Offset::encode(1, 3), 3);
+    ASSERT_TRUE(writer.tombstone(std::uint64_t{1}));
+  }
+  Result result = heron("-q -e whole");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(RelayTest::beforeTiming(result.out),
+            "Primary relay queue (backup)\n"
+            "\tnotifications:2 (v1)\n"
+            "\tcurrentPos:2\n"
+            "\tcorralStart:1\n"
+            "\tcorralEnd:3\n"
+            "\tepoch:0\n"
+            "\n"
+            "pos: 0           |  seq: 1           offset: 0xffffffff (tombstoned)    size: 1\n"
+            "pos: 1           |  seq: 2           offset: 0x00100002 (1:2)           size: 2\n"
+            "\n"
+            "Secondary relay queue (active)\n"
+            "\tnotifications:2 (v1)\n"
+            "\tcurrentPos:1\n"
+            "\tcorralStart:3\n"
+            "\tcorralEnd:4\n"
+            "\tepoch:1\n"
+            "\n"
+            "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 3\n"
+            "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
+            "\n");
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+}
+
+TEST_F(RelayCli, QueueDumpOfCapacityZeroShowsHeadersOnly) {
+  if (!create("empty", 0)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  Result result = heron("-q -e empty");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(RelayTest::beforeTiming(result.out),
+            "Primary relay queue (active)\n"
+            "\tnotifications:0 (v1)\n"
+            "\tcurrentPos:0\n"
+            "\tcorralStart:1\n"
+            "\tcorralEnd:1\n"
+            "\tepoch:0\n"
+            "\n"
+            "\n"
+            "Secondary relay queue (backup)\n"
+            "\tnotifications:0 (v1)\n"
+            "\tcurrentPos:0\n"
+            "\tcorralStart:1\n"
+            "\tcorralEnd:1\n"
+            "\tepoch:0\n"
+            "\n"
+            "\n");
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+}
+
+TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
+  if (!create("eight", 8)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  {
+    Relay::RelayWriter writer(RelayTest::handler(), root("eight"));
+    std::string error;
+    ASSERT_TRUE(writer.open(error)) << error;
+    for (std::uint32_t i = 0; i < 8; ++i) {
+      writer.append(Quarry::Offset::encode(1, i), i);
+    }
+  }
+  Result result = heron("-q eight");
+  EXPECT_NE(result.out.find("\npos: 7" + std::string(9, ' ') + "  |  seq: 8" + std::string(9, ' ') +
+                            "  offset: 0x00100007 (1:7)           size: 7\n"),
+            std::string::npos)
+      << result.out;
+}
+
+TEST_F(RelayCli, DumpAllEndsWithTheActiveQueue) {
+  if (!create("all", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  Result result = heron("-a all");
+  EXPECT_EQ(result.status, 0) << result.err;
+  std::size_t queue = result.out.find("Primary relay queue (active)\n");
+  ASSERT_NE(queue, std::string::npos) << result.out;
+  EXPECT_EQ(result.out.find("Secondary relay queue"), std::string::npos);
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+}
+
+TEST_F(RelayCli, QueueDumpToAFile) {
+  if (!create("tofile", 1)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  std::string file = temp.path() + "/dump.txt";
+  Result result = heron("-q -f '" + file + "' tofile");
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "");
+  std::string text = slurp(file);
+  EXPECT_EQ(text.rfind("Primary relay queue (active)\n", 0), 0U) << text;
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(text), kTimingZero)) << text;
+}
+
+// --- broken queue files: a message and status 1, never a signal ----------
+
+TEST_F(RelayCli, WrongMagicIsReportedWithStatusOne) {
+  if (!create("magic", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  ASSERT_TRUE(RelayTest::pokeWord(dir("magic") + "/relay.2", 0, 0x4e4e5248));
+  Result result = heron("-q magic");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "Table Name: magic\n\nRelay " + dir("magic") +
+                            " validation failed: bad magic 0x59414c454e4e5248 (\"HRNNELAY\"), expected "
+                            "0x59414c45524e5248 (\"HRNRELAY\")\nFailed to initialize RelayReaderGeneric\n");
+}
+
+TEST_F(RelayCli, WrongVersionIsReportedWithStatusOne) {
+  if (!create("version", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  ASSERT_TRUE(RelayTest::pokeWord(dir("version") + "/relay.1", 8, 3));
+  Result result = heron("-s version");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "Table Name: version\n\nRelay " + dir("version") +
+                            " validation failed: format version 3, expected 1 (newer by 2)\n"
+                            "Failed to initialize RelayReaderGeneric\n");
+}
+
+TEST_F(RelayCli, CapacityBeyondTheFileIsReportedWithStatusOne) {
+  if (!create("beyond", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  ASSERT_TRUE(RelayTest::pokeWord(dir("beyond") + "/relay.1", 76, 3));
+  Result result = heron("-q -e beyond");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "Table Name: beyond\n\nRelay " + dir("beyond") +
+                            " validation failed: capacity of 3 notifications needs 124 bytes but the file holds 112 "
+                            "(12 bytes short)\nFailed to initialize RelayReaderGeneric\n");
+}
+
+TEST_F(RelayCli, TruncatedFilesFailToInitialize) {
+  if (!create("cut", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  for (std::size_t size : {std::size_t{0}, std::size_t{40}, std::size_t{87}}) {
+    ASSERT_TRUE(RelayTest::truncateFile(dir("cut") + "/relay.2", size));
+    Result result = heron("-q cut");
+    ASSERT_TRUE(result.exited) << size;
+    EXPECT_EQ(result.status, 1) << size;
+    EXPECT_EQ(result.err, "Table Name: cut\n\nFailed to initialize RelayReaderGeneric\n") << size;
+  }
+}
+
+TEST_F(RelayCli, FileCutInsideTheSlotsIsReported) {
+  if (!create("slots", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  ASSERT_TRUE(RelayTest::truncateFile(dir("slots") + "/relay.1", 100));
+  Result result = heron("-q slots");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "Table Name: slots\n\nRelay " + dir("slots") +
+                            " validation failed: capacity of 2 notifications needs 112 bytes but the file holds 100 "
+                            "(12 bytes short)\nFailed to initialize RelayReaderGeneric\n");
+}
+
+TEST_F(RelayCli, MissingSecondaryFailsToInitialize) {
+  if (!create("half", 2)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  ASSERT_EQ(::unlink((dir("half") + "/relay.2").c_str()), 0);
+  Result result = heron("-s half");
+  ASSERT_TRUE(result.exited);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "Table Name: half\n\nFailed to initialize RelayReaderGeneric\n");
+}
+
+TEST_F(RelayCli, RandomBytesNeverEndInASignal) {
+  if (!create("noise", 4)) {
+    GTEST_SKIP() << kNoAllocator;
+  }
+  std::mt19937 rng(7);
+  for (int round = 0; round < 40; ++round) {
+    std::vector<char> bytes(std::uniform_int_distribution<std::size_t>(0, 400)(rng));
+    for (char& byte : bytes) {
+      byte = static_cast<char>(rng());
+    }
+    // Every fourth round keeps a valid magic and version: the capacity and
+    // the switch words are then random.
+    if (round % 4 == 0 && bytes.size() >= 12) {
+      Header header = RelayTest::validHeader(0);
+      std::memcpy(bytes.data(), &header, 12);
+    }
+    ASSERT_TRUE(RelayTest::writeFile(dir("noise") + (round % 2 == 0 ? "/relay.1" : "/relay.2"), bytes));
+    for (const char* options : {"-s", "-q", "-q -e"}) {
+      Result result = heron(std::string(options) + " noise");
+      ASSERT_TRUE(result.exited) << "round " << round << " " << options << ": " << result.err;
+      EXPECT_TRUE(result.status == 0 || result.status == 1) << result.status;
+      if (result.status == 1) {
+        EXPECT_NE(result.err.find("Failed to initialize RelayReaderGeneric\n"), std::string::npos) << result.err;
+      }
+    }
+  }
+}

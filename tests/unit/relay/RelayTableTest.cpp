@@ -1,0 +1,149 @@
+// The queue format: layout, file size, header validation, slot text.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <string>
+
+#include "Beacon/Util.h"
+#include "Quarry/Offset.h"
+#include "unit/relay/RelayTestFiles.h"
+
+using RelayTest::handler;
+using RelayTest::Header;
+using RelayTest::Notification;
+using RelayTest::Table;
+using RelayTest::validHeader;
+
+TEST(RelayHeaderLayout, IsEightyEightBytesWithFieldsAtTheirOffsets) {
+  EXPECT_EQ(sizeof(Header), 88U);
+  EXPECT_EQ(offsetof(Header, epoch), 16U);
+  EXPECT_EQ(offsetof(Header, tableVersion), 40U);
+  EXPECT_EQ(offsetof(Header, notifications), 72U);
+  EXPECT_EQ(offsetof(Header, currentPos), 80U);
+  EXPECT_EQ(sizeof(Notification), 12U);
+}
+
+TEST(RelayHeaderLayout, MagicIsHrnrelayInFileOrder) {
+  Header header = validHeader(0);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(&header), 8), "HRNRELAY");
+}
+
+TEST(RelayHeaderFileSize, IsHeaderPlusTwelveBytesPerSlot) {
+  EXPECT_EQ(Header::fileSize(0), 88U);
+  EXPECT_EQ(Header::fileSize(1), 100U);
+  EXPECT_EQ(Header::fileSize(1000000), 12000088U);
+}
+
+TEST(RelayHeaderFileSize, LargestCapacityDoesNotWrap) {
+  // 88 + 12 * (2^32 - 1) does not fit 32 bits: saturated there, exact in 64.
+  if (sizeof(std::size_t) == 4) {
+    EXPECT_EQ(Header::fileSize(0xFFFFFFFFU), static_cast<std::size_t>(-1));
+  } else {
+    EXPECT_EQ(static_cast<unsigned long long>(Header::fileSize(0xFFFFFFFFU)), 88ULL + 12ULL * 0xFFFFFFFFULL);
+  }
+}
+
+TEST(RelayHeaderValidate, AcceptsExactFileSize) {
+  Header header = validHeader(10);
+  std::string error;
+  EXPECT_TRUE(header.validate(handler(), 208, 0, error)) << error;
+  EXPECT_TRUE(error.empty());
+}
+
+TEST(RelayHeaderValidate, AcceptsLargerFile) {
+  Header header = validHeader(10);
+  std::string error;
+  EXPECT_TRUE(header.validate(handler(), 4096, 0, error)) << error;
+}
+
+TEST(RelayHeaderValidate, RejectsWrongMagicNamingBoth) {
+  Header header = validHeader(1);
+  header.magic = Beacon::Util::encodeMagic("HRNOWNER");
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 100, 0, error));
+  EXPECT_EQ(error, "bad magic 0x52454e574f4e5248 (\"HRNOWNER\"), expected 0x59414c45524e5248 (\"HRNRELAY\")");
+}
+
+TEST(RelayHeaderValidate, RejectsNewerVersionSayingByHowMuch) {
+  Header header = validHeader(1);
+  header.version = 4;
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 100, 0, error));
+  EXPECT_EQ(error, "format version 4, expected 1 (newer by 3)");
+}
+
+TEST(RelayHeaderValidate, RejectsOlderVersion) {
+  Header header = validHeader(1);
+  header.version = 0;
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 100, 0, error));
+  EXPECT_EQ(error, "format version 0, expected 1 (older by 1)");
+}
+
+TEST(RelayHeaderValidate, RejectsCapacityBeyondFileSayingBytesShort) {
+  Header header = validHeader(10);
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 207, 0, error));
+  EXPECT_EQ(error, "capacity of 10 notifications needs 208 bytes but the file holds 207 (1 bytes short)");
+}
+
+TEST(RelayHeaderValidate, RejectsHugeCapacityWithoutOverflow) {
+  Header header = validHeader(0xFFFFFFFFU);
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 0xFFFFFFFFU, 0, error));
+  EXPECT_EQ(error,
+            "capacity of 4294967295 notifications needs 51539607628 bytes but the file holds 4294967295 "
+            "(47244640333 bytes short)");
+}
+
+TEST(RelayHeaderValidate, RejectsFileShorterThanHeader) {
+  Header header = validHeader(0);
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 80, 0, error));
+  EXPECT_EQ(error, "file holds 80 bytes, less than the 88-byte header (8 bytes short)");
+}
+
+TEST(RelayHeaderValidate, SecondArgumentIsTheLeastCapacity) {
+  Header header = validHeader(4);
+  std::string error;
+  EXPECT_TRUE(header.validate(handler(), 136, 4, error));
+  EXPECT_FALSE(header.validate(handler(), 136, 6, error));
+  EXPECT_EQ(error, "capacity of 4 notifications is below the required 6 (2 short)");
+}
+
+TEST(RelayHeaderValidate, MagicIsCheckedBeforeVersionAndSize) {
+  Header header = validHeader(100);
+  header.magic = 0;
+  header.version = 9;
+  std::string error;
+  EXPECT_FALSE(header.validate(handler(), 88, 0, error));
+  EXPECT_EQ(error.rfind("bad magic 0x0 (", 0), 0U) << error;
+}
+
+TEST(RelayNotificationDump, LiveSlotShowsRegionAndUnit) {
+  Notification slot{17, Quarry::Offset::encode(3, 4), 64};
+  EXPECT_EQ(slot.dump(), "seq: 17          offset: 0x00300004 (3:4)           size: 64");
+}
+
+TEST(RelayNotificationDump, TombstonedSlotSaysSo) {
+  Notification slot{4294967295U, Quarry::Offset::TOMBSTONED, 4294967295U};
+  EXPECT_EQ(slot.dump(), "seq: 4294967295  offset: 0xffffffff (tombstoned)    size: 4294967295");
+}
+
+TEST(RelayNotificationDump, EmptySlotIsZeros) {
+  Notification slot{0, 0, 0};
+  EXPECT_EQ(slot.dump(), "seq: 0           offset: 0x00000000 (0:0)           size: 0");
+}
+
+TEST(RelayNotificationDump, WidestRegionAndUnitKeepColumns) {
+  Notification slot{1234567890U, Quarry::Offset::encode(4095, 1048574), 1};
+  EXPECT_EQ(slot.dump(), "seq: 1234567890  offset: 0xfffffffe (4095:1048574)  size: 1");
+}
+
+TEST(RelayNotificationDump, DumpToWritesTheSameText) {
+  Notification slot{5, Quarry::Offset::encode(1, 2), 3};
+  char buffer[Notification::kDumpMax];
+  std::size_t length = slot.dumpTo(buffer);
+  EXPECT_EQ(std::string(buffer, length), slot.dump());
+  EXPECT_LE(length, Notification::kDumpMax);
+}

@@ -1,0 +1,138 @@
+// Helpers for the queue tests: a temporary table directory, hand-made queue
+// files (header and slots laid out byte by byte), and stream capture.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Beacon/Platform.h"
+#include "Mem/RootPath.h"
+#include "Relay/RelayTable.h"
+
+namespace RelayTest {
+
+using Table = Relay::RelayTable<Relay::RelaySlot>;
+using Header = Table::Header;
+using Notification = Table::Notification;
+
+inline Beacon::Platform::DebugHandler& handler() {
+  static std::shared_ptr<Beacon::Platform::DebugHandler> shared = Beacon::Platform::getDebugHandler("RelayTest", false);
+  return *shared;
+}
+
+// A fresh directory that is removed (with its files) on destruction. On
+// tmpfs (/dev/shm) when there is one, like real tables, else in /tmp.
+class TempDir {
+ public:
+  TempDir() {
+    char shm[] = "/dev/shm/heron-relay-test.XXXXXX";
+    char tmp[] = "/tmp/heron-relay-test.XXXXXX";
+    const char* made = ::mkdtemp(shm);
+    if (made == nullptr) {
+      made = ::mkdtemp(tmp);
+    }
+    path_ = made != nullptr ? made : "";
+  }
+  ~TempDir() {
+    if (!path_.empty()) {
+      std::string command = "rm -rf '" + path_ + "'";
+      int rc = std::system(command.c_str());
+      (void)rc;
+    }
+  }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // A table directory inside.
+  std::string table(const std::string& name) const {
+    std::string dir = path_ + "/" + name;
+    ::mkdir(dir.c_str(), 0755);
+    return dir;
+  }
+
+ private:
+  std::string path_;
+};
+
+// A valid header for `capacity` slots, notifications version 1.
+inline Header validHeader(unsigned capacity) {
+  Header header{};
+  header.magic = Table::kMagic;
+  header.version = Table::kVersion;
+  header.notifications = Mem::VersionedRef<unsigned>{1, capacity};
+  return header;
+}
+
+// The bytes of a queue file: the header's first 84 bytes, then the slots
+// from byte 84, zero-filled up to `size` bytes (default: the size the
+// header's capacity needs).
+inline std::vector<char> fileBytes(const Header& header, const std::vector<Notification>& slots,
+                                   std::size_t size = static_cast<std::size_t>(-1)) {
+  if (size == static_cast<std::size_t>(-1)) {
+    size = 88 + 12 * static_cast<std::size_t>(header.notifications.value);
+  }
+  std::vector<char> bytes(std::max<std::size_t>(size, 84 + 12 * slots.size() + 4), 0);
+  std::memcpy(bytes.data(), &header, 88);
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    std::memcpy(bytes.data() + 84 + 12 * i, &slots[i], 12);
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
+inline bool writeFile(const std::string& path, const std::vector<char>& bytes) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    return false;
+  }
+  bool ok = bytes.empty() || ::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+  ::close(fd);
+  return ok;
+}
+
+// Writes relay.1 and relay.2 of `dir`.
+inline bool writeQueue(const std::string& dir, const std::vector<char>& primary, const std::vector<char>& secondary) {
+  return writeFile(dir + "/relay.1", primary) && writeFile(dir + "/relay.2", secondary);
+}
+
+// Writes one 32-bit word at byte `at` of a file in place.
+inline bool pokeWord(const std::string& path, std::size_t at, std::uint32_t value) {
+  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  bool ok = ::pwrite(fd, &value, 4, static_cast<off_t>(at)) == 4;
+  ::close(fd);
+  return ok;
+}
+
+inline bool truncateFile(const std::string& path, std::size_t size) {
+  return ::truncate(path.c_str(), static_cast<off_t>(size)) == 0;
+}
+
+inline Notification slot(std::uint32_t sequence, std::uint32_t offset, std::uint32_t size) {
+  return Notification{sequence, offset, size};
+}
+
+// Splits a scan report into the part before the timing line and the
+// timing line itself.
+inline std::string beforeTiming(const std::string& report) {
+  std::size_t at = report.rfind("Relay scanned in ");
+  return at == std::string::npos ? report : report.substr(0, at);
+}
+inline std::string timing(const std::string& report) {
+  std::size_t at = report.rfind("Relay scanned in ");
+  return at == std::string::npos ? std::string() : report.substr(at);
+}
+
+}  // namespace RelayTest
