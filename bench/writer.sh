@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Writer impact: the append rate of a flat-out heron-sim writer alone, and
+# while heron -q, heron -s and heron -A run in a loop against its table.
+# Alternates alone / loaded runs (PAIRS pairs of SECONDS each) and compares
+# the medians, in one run.
+#
+#   bash bench/writer.sh [BUILD_DIR]        PAIRS=3 SECONDS_EACH=5 by default
+set -euo pipefail
+BUILD=${1:-build}
+BIN=$(cd "$BUILD/bin" && pwd)
+PAIRS=${PAIRS:-3}
+EACH=${SECONDS_EACH:-5}
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/heron-bench.XXXXXX")
+export HERON_ROOT=$WORK/root
+mkdir -p "$HERON_ROOT"
+LOOP_PID=""
+trap 'if [[ -n $LOOP_PID ]]; then kill $LOOP_PID 2>/dev/null || true; fi; rm -rf "$WORK"' EXIT
+
+"$BIN/heron-sim" create bench >/dev/null
+
+# The writer on one CPU and the reports on another where there are two, so
+# that the comparison shows interference through the shared files and caches
+# rather than two programs taking turns on one CPU.
+PIN_WRITER=()
+PIN_REPORTS=()
+if command -v taskset >/dev/null && [[ $(nproc) -ge 2 ]]; then
+  PIN_WRITER=(taskset -c 1)
+  PIN_REPORTS=(taskset -c 0)
+fi
+
+# One timed writer run; prints "wall-rate cpu-rate" (notifications a second
+# of elapsed time and of the writer's own CPU time).
+writer_rate() {
+  "${PIN_WRITER[@]}" "$BIN/heron-sim" write bench --flat-out --duration "$EACH" |
+    sed -n 's/.*(\([0-9][0-9]*\)\/s, \([0-9][0-9]*\)\/s of cpu).*/\1 \2/p'
+}
+
+reports() {
+  local n=0
+  while :; do
+    "$BIN/heron" -q bench >/dev/null 2>&1 || true
+    "$BIN/heron" -s bench >/dev/null 2>&1 || true
+    "$BIN/heron" -A >/dev/null 2>&1 || true
+    n=$((n + 3))
+    echo "$n" >"$WORK/reports"
+  done
+}
+
+median() { sort -n | awk '{a[NR] = $1} END {print (NR % 2) ? a[(NR + 1) / 2] : int((a[NR / 2] + a[NR / 2 + 1]) / 2)}'; }
+
+alone=()
+loaded=()
+total_reports=0
+for ((i = 1; i <= PAIRS; i++)); do
+  alone+=("$(writer_rate)")
+  "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
+  LOOP_PID=$!
+  loaded+=("$(writer_rate)")
+  kill "$LOOP_PID" 2>/dev/null || true
+  wait "$LOOP_PID" 2>/dev/null || true
+  LOOP_PID=""
+  total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
+  echo "pair $i: alone ${alone[-1]}, with reports ${loaded[-1]} (wall/s cpu/s)"
+done
+echo "heron reports run while loaded: $total_reports ($((total_reports / (PAIRS * EACH)))/s)"
+echo "cpus: $(nproc), load average: $(cut -d' ' -f1-3 /proc/loadavg), pinned: ${PIN_WRITER[*]:-no}"
+for col in 1 2; do
+  a=$(printf '%s\n' "${alone[@]}" | cut -d' ' -f$col | median)
+  l=$(printf '%s\n' "${loaded[@]}" | cut -d' ' -f$col | median)
+  what=$([[ $col -eq 1 ]] && echo "per second" || echo "per cpu-second of the writer")
+  awk -v a="$a" -v l="$l" -v w="$what" 'BEGIN {printf "appends %s: alone %d, with heron -q/-s/-A in a loop %d, ratio %.1f %%\n", w, a, l, 100 * l / a}'
+done

@@ -1,0 +1,60 @@
+# Installation and the Debian package.
+#
+#   cmake --install build [--prefix DIR]
+#
+# puts in place: bin/heron, bin/heron-sim, lib/libheron.so*, lib/libheronrt.a,
+# the runtime headers under include/heron/, the CMake package (heronConfig.cmake,
+# target heron::heronrt) under lib/cmake/heron/, the man page and the bash
+# completion. A writer project then does:
+#
+#   find_package(heron REQUIRED)
+#   target_link_libraries(mywriter PRIVATE heron::heronrt)
+#
+# `cpack --config build/CPackConfig.cmake` (from the build directory) makes the
+# Debian package.
+include(CMakePackageConfigHelpers)
+
+set(HERON_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/heron)
+
+install(TARGETS heron_launcher heron-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(TARGETS heron LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT tools)
+install(TARGETS heronrt heron_fmt EXPORT heronTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/include/
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/heron COMPONENT runtime
+  FILES_MATCHING PATTERN "*.h")
+install(EXPORT heronTargets NAMESPACE heron:: DESTINATION ${HERON_CMAKE_DIR} COMPONENT runtime)
+
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/heronConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/heronConfig.cmake INSTALL_DESTINATION ${HERON_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/heronConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/heronConfig.cmake ${CMAKE_BINARY_DIR}/heronConfigVersion.cmake
+  DESTINATION ${HERON_CMAKE_DIR} COMPONENT runtime)
+
+install(FILES ${CMAKE_SOURCE_DIR}/docs/heron.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+if(EXISTS ${CMAKE_SOURCE_DIR}/docs/heron-sim.1)
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/heron-sim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endif()
+install(FILES ${CMAKE_SOURCE_DIR}/completion/heron.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME heron COMPONENT tools)
+
+# Debian package: one package holding everything above, installed under /usr.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME heron)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "heron maintainers <heron@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "passive inspector of heron shared-memory collections, with its runtime")
+set(CPACK_PACKAGE_DESCRIPTION "heron reads a heron collection (tables of shared-memory region files and
+notification queues) without writing to it and reports headers, statistics,
+contents and the processes attached. The package also carries heron-sim,
+which builds live demo collections, and the C++ runtime with its headers and
+CMake package for writing tables.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libfmt-dev (>= 9)")
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_STRIP_FILES OFF)
+include(CPack)

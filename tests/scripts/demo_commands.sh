@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# The demo starts; every report the demo suggests exits 0 against it; after
+# Ctrl-C no process it started is left and the collection is gone.
+source "$(dirname "$0")/sim_lib/common.sh"
+source "$(dirname "$0")/sim_lib/demo.sh"
+
+start_demo --duration 120
+mapfile -t pids < <(demo_child_pids)
+[[ ${#pids[@]} -ge 10 ]] || fail "expected at least 10 child processes, the demo lists ${#pids[@]}"
+writer=$(sed -n 's/^  heron -c \([0-9][0-9]*\) .*/\1/p' "$DEMO_LOG")
+region=$(sed -n 's/^  heron -R -r \([0-9][0-9]*\) .*/\1/p' "$DEMO_LOG")
+[[ -n $writer ]] || fail "the demo names no writer pid"
+[[ -n $region ]] || fail "the demo names no region id"
+for table in orders md/eu/quotes md/eu/trades md/us/quotes cache/segment archive/2025; do
+  [[ -f $HERON_ROOT/$table/owner ]] || fail "no table $table"
+done
+sleep 1
+
+T=md/eu/quotes
+commands=("-A" "-s $T" "-d $T" "-q $T" "-R -r $region $T" "-w $T" "-c $writer" "-a -e $T")
+for args in "${commands[@]}"; do
+  status=0
+  # shellcheck disable=SC2086
+  "$HERON" $args >"$WORK/out.txt" 2>"$WORK/err.txt" || status=$?
+  [[ $status -eq 0 ]] || fail "heron $args exited with $status: $(head -3 "$WORK/err.txt")"
+  [[ -s $WORK/out.txt ]] || fail "heron $args printed nothing"
+done
+# The reports see the live collection.
+"$HERON" -A >"$WORK/all.txt"
+for table in orders md/eu/quotes md/eu/trades md/us/quotes archive/2025; do
+  grep -qF "$table" "$WORK/all.txt" || fail "heron -A does not show $table"
+done
+"$HERON" -c "$writer" >"$WORK/what.txt"
+grep -qF "$T" "$WORK/what.txt" || fail "heron -c $writer does not show $T"
+
+kill -INT "$DEMO_PID"
+status=0
+wait "$DEMO_PID" || status=$?
+[[ $status -eq 0 ]] || fail "the demo exited with $status"
+assert_all_gone "${pids[@]}"
+[[ -z $(ls -A "$HERON_ROOT") ]] || fail "the demo left $(ls -A "$HERON_ROOT")"
+echo PASS

@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# cmake --install into a temporary prefix, then a tiny writer project finds
+# the runtime with find_package(heron), builds and runs against it; the
+# installed heron runs from there, and its man page and completion are in
+# place.
+source "$(dirname "$0")/sim_lib/common.sh"
+BUILD=$(cd "$BIN/.." && pwd)
+PREFIX=$WORK/prefix
+
+cmake --install "$BUILD" --prefix "$PREFIX" >"$WORK/install.log" 2>&1 || fail "cmake --install failed: $(tail -5 "$WORK/install.log")"
+for f in bin/heron bin/heron-sim lib/libheronrt.a lib/cmake/heron/heronConfig.cmake \
+  lib/cmake/heron/heronConfigVersion.cmake include/heron/SharedMem/OwnerFile.h include/heron/Relay/RelayTable.h \
+  include/heron/Quarry/QuarryReader.h share/man/man1/heron.1 share/bash-completion/completions/heron; do
+  [[ -e $PREFIX/$f ]] || fail "$f was not installed"
+done
+ls "$PREFIX"/lib/libheron.so* >/dev/null 2>&1 || fail "libheron.so was not installed"
+
+# The installed heron finds its library through its own run path.
+"$PREFIX/bin/heron" -h | grep -q '^   heron \[OPTIONS\] \[EXPR\]$' || fail "installed heron -h"
+
+# A writer project: creates a table's owner file and ember through the
+# installed runtime, then reads them back.
+mkdir -p "$WORK/consumer"
+cat >"$WORK/consumer/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.25)
+project(consumer CXX)
+set(CMAKE_CXX_STANDARD 17)
+find_package(heron 0.1 REQUIRED)
+add_executable(consumer main.cpp)
+target_link_libraries(consumer PRIVATE heron::heronrt)
+CMAKE
+cat >"$WORK/consumer/main.cpp" <<'CPP'
+#include <sys/stat.h>
+
+#include <iostream>
+
+#include "Beacon/Platform.h"
+#include "Mem/RootPath.h"
+#include "SharedMem/Ember.h"
+#include "SharedMem/OwnerFile.h"
+
+int main() {
+  auto handler = Beacon::Platform::getDebugHandler("Consumer", false);
+  Mem::OrbRootPath table(*handler, "consumer/table", false);
+  ::mkdir(Mem::OrbRootPath::collectionRoot().c_str(), 0755);
+  ::mkdir((Mem::OrbRootPath::collectionRoot() + "/consumer").c_str(), 0755);
+  ::mkdir(table.path().c_str(), 0755);
+  std::string error;
+  SharedMem::EmberWriter ember(*handler, table);
+  if (!ember.open(error) || !SharedMem::OwnerFile::create(table, SharedMem::Table, "HeronTable", ember.id(), error)) {
+    std::cerr << error << '\n';
+    return 1;
+  }
+  SharedMem::OwnerFile owner(*handler, table, false);
+  std::cout << owner.typeName() << ' ' << static_cast<unsigned>(owner.sharedMemType()) << '\n';
+  return 0;
+}
+CPP
+flags=""
+if grep -q '^HERON_SANITIZE:BOOL=ON' "$BUILD/CMakeCache.txt"; then
+  flags="-fsanitize=address,undefined"
+fi
+cmake -S "$WORK/consumer" -B "$WORK/consumer/build" -G Ninja -DCMAKE_PREFIX_PATH="$PREFIX" \
+  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$WORK/configure.log" 2>&1 ||
+  fail "find_package(heron) failed: $(tail -20 "$WORK/configure.log")"
+cmake --build "$WORK/consumer/build" >"$WORK/build.log" 2>&1 || fail "consumer build failed: $(tail -20 "$WORK/build.log")"
+out=$("$WORK/consumer/build/consumer") || fail "consumer failed: $out"
+[[ $out == "HeronTable 2" ]] || fail "consumer printed '$out'"
+[[ -f $HERON_ROOT/consumer/table/owner && -f $HERON_ROOT/consumer/table/ember ]] || fail "consumer made no table"
+
+# The installed heron sees the table the consumer wrote.
+"$PREFIX/bin/heron" -w consumer/table >/dev/null 2>&1 || true
+name=$("$PREFIX/bin/heron" consumer/table 2>&1 >/dev/null | head -1 || true)
+[[ $name == "Table Name: consumer/table" ]] || fail "installed heron did not find the table: $name"
+
+# Completion: table names are the directories holding an owner file.
+compl=$(bash -c "source '$PREFIX/share/bash-completion/completions/heron'; _heron_tables")
+[[ $compl == "consumer/table" ]] || fail "completion listed '$compl'"
+echo PASS

@@ -1,0 +1,65 @@
+# Shared by the sim_* and demo_* script tests: a fresh collection root, the
+# binaries, and processes that are stopped whatever happens.
+set -euo pipefail
+
+BIN=${HERON_BIN:?HERON_BIN must name the bin directory of a build}
+HERON=$BIN/heron
+SIM=$BIN/heron-sim
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/heron-test.XXXXXX")
+export HERON_ROOT=$WORK/root
+mkdir -p "$HERON_ROOT"
+STARTED=()
+
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+cleanup() {
+  local pid
+  for pid in "${STARTED[@]:-}"; do
+    [[ -n $pid ]] && kill -TERM "$pid" 2>/dev/null || true
+  done
+  for pid in "${STARTED[@]:-}"; do
+    [[ -n $pid ]] && wait "$pid" 2>/dev/null || true
+  done
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+# wait_for_line FILE PATTERN SECONDS: true once FILE holds a line matching.
+wait_for_line() {
+  local file=$1 pattern=$2 limit=$(( $3 * 20 )) i
+  for ((i = 0; i < limit; i++)); do
+    grep -q -- "$pattern" "$file" 2>/dev/null && return 0
+    sleep 0.05
+  done
+  return 1
+}
+
+# start_writer NAME [write options]: sets WRITER_PID once it has attached.
+start_writer() {
+  local name=$1
+  shift
+  local log=$WORK/writer.$RANDOM$RANDOM.log
+  "$SIM" write "$name" "$@" >"$log" 2>&1 &
+  WRITER_PID=$!
+  STARTED+=("$WRITER_PID")
+  wait_for_line "$log" "^writer $WRITER_PID attached to " 10 || fail "writer of $name did not attach: $(cat "$log")"
+  WRITER_LOG=$log
+}
+
+# start_shadow NAME: sets SHADOW_PID.
+start_shadow() {
+  "$SIM" shadow "$1" >"$WORK/shadow.$RANDOM$RANDOM.log" 2>&1 &
+  SHADOW_PID=$!
+  STARTED+=("$SHADOW_PID")
+}
+
+# stop_pid PID: SIGTERM and wait; its exit status.
+stop_pid() {
+  kill -TERM "$1" 2>/dev/null || true
+  local status=0
+  wait "$1" || status=$?
+  return $status
+}

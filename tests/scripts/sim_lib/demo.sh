@@ -1,0 +1,36 @@
+# Starting and inspecting `heron-sim demo` for the demo_* tests.
+
+# start_demo [demo options]: sets DEMO_PID and DEMO_LOG once it runs.
+start_demo() {
+  DEMO_LOG=$WORK/demo.log
+  "$SIM" demo "$@" >"$DEMO_LOG" 2>&1 &
+  DEMO_PID=$!
+  STARTED+=("$DEMO_PID")
+  wait_for_line "$DEMO_LOG" '^demo running' 20 || fail "the demo did not start: $(cat "$DEMO_LOG")"
+}
+
+# The pids of every process the demo started, from its table.
+demo_child_pids() {
+  awk '/^  table +type +writer +shadows/ {on = 1; next}
+       on && NF == 0 {exit}
+       on {for (i = 3; i <= NF; i++) if ($i ~ /^[0-9]+$/) print $i}' "$DEMO_LOG"
+}
+
+# True while a pid still runs heron-sim (not merely reused).
+is_sim() {
+  [[ -r /proc/$1/cmdline ]] && tr '\0' ' ' <"/proc/$1/cmdline" 2>/dev/null | grep -q 'heron-sim'
+}
+
+# assert_all_gone PIDS...: within 3 s none of them runs any more.
+assert_all_gone() {
+  local pid i left
+  for ((i = 0; i < 60; i++)); do
+    left=""
+    for pid in "$@"; do
+      is_sim "$pid" && left="$left $pid"
+    done
+    [[ -z $left ]] && return 0
+    sleep 0.05
+  done
+  fail "processes left behind:$left"
+}

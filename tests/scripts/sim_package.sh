@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# CPack makes a Debian package holding the tools, the libraries, the
+# headers, the CMake package, the man page and the completion, under /usr.
+source "$(dirname "$0")/sim_lib/common.sh"
+BUILD=$(cd "$BIN/.." && pwd)
+command -v dpkg-deb >/dev/null || fail "dpkg-deb is not installed"
+(cd "$WORK" && cpack -G DEB --config "$BUILD/CPackConfig.cmake" -B "$WORK/pkg" >"$WORK/cpack.log" 2>&1) ||
+  fail "cpack failed: $(tail -5 "$WORK/cpack.log")"
+deb=$(ls "$WORK"/pkg/heron_*.deb 2>/dev/null | head -1)
+[[ -n $deb ]] || fail "no .deb was made"
+dpkg-deb -f "$deb" Package | grep -qx heron || fail "package name"
+dpkg-deb -c "$deb" >"$WORK/contents.txt"
+for f in ./usr/bin/heron ./usr/bin/heron-sim ./usr/lib/libheronrt.a ./usr/lib/libheron.so \
+  ./usr/lib/cmake/heron/heronConfig.cmake ./usr/include/heron/SharedMem/OwnerFile.h ./usr/share/man/man1/heron.1 \
+  ./usr/share/bash-completion/completions/heron; do
+  grep -q " $f\( \|$\)" "$WORK/contents.txt" || fail "$f is not in the package"
+done
+echo PASS

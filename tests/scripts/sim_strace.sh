@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# heron -a -e, -s, -w and -A under strace against a live table: no table file
+# is opened for writing, and no table file is mapped writable and shared.
+source "$(dirname "$0")/sim_lib/common.sh"
+command -v strace >/dev/null || fail "strace is not installed (scripts/install-deps.sh installs it)"
+
+"$SIM" create traced >/dev/null
+start_writer traced --rate 5000
+start_shadow traced
+sleep 0.3
+table=$(cd "$HERON_ROOT/traced" && pwd -P)
+
+check() {
+  local log=$WORK/strace.log status=0
+  strace -f -y -e trace=open,openat,mmap,mmap2 -o "$log" "$HERON" "$@" >"$WORK/out.txt" 2>&1 || status=$?
+  [[ $status -eq 0 ]] || fail "heron $* exited with $status: $(head -5 "$WORK/out.txt")"
+  local bad
+  bad=$(grep -F "$table/" "$log" | grep -E '^[0-9]+ +open(at)?\(' | grep -E 'O_WRONLY|O_RDWR|O_CREAT|O_TRUNC|O_APPEND' || true)
+  [[ -z $bad ]] || fail "heron $* opened a table file for writing: $bad"
+  bad=$(grep -F "$table/" "$log" | grep -E '^[0-9]+ +mmap2?\(' | grep 'PROT_WRITE' | grep 'MAP_SHARED' || true)
+  [[ -z $bad ]] || fail "heron $* mapped a table file writable and shared: $bad"
+  echo "heron $*: $(grep -F "$table/" "$log" | grep -vc "^[0-9]* *---") calls on table files, none writable"
+}
+
+check -a -e traced
+check -s traced
+# The dump roads must really have read the queue file, or the checks above
+# prove nothing.
+grep -F "$table/relay.1" "$WORK/strace.log" | grep -q 'O_RDONLY' || fail "heron -s did not open relay.1"
+check -w traced
+check -A
+echo PASS

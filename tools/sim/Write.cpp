@@ -1,0 +1,191 @@
+// heron-sim write: become the writer of a table.
+//
+// Takes over the table's ember (a restart bumps its instance), maps the two
+// queue files read-write, and then, at --rate notifications a second or
+// flat out, allocates a region entry, fills its payload, appends a
+// notification describing it, and releases old entries (tombstoning their
+// slots). The queue writer switches tables when the active one is full;
+// now and then the queue grows and regions are created and deleted. The
+// ember is heartbeaten every 100 ms. Stops on SIGINT, SIGTERM, SIGHUP or
+// after --duration seconds, and prints one summary line.
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "Mem/RootPath.h"
+#include "SharedMem/Ember.h"
+#include "Sim.h"
+#include "WriteTable.h"
+
+namespace Sim {
+
+namespace {
+
+long long monotonicNs() {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+// The stopping signals are blocked and polled, so no handler and no global
+// flag are needed; sleeping is a wait for one of them.
+class StopSignals {
+ public:
+  StopSignals() {
+    ::sigemptyset(&set_);
+    ::sigaddset(&set_, SIGINT);
+    ::sigaddset(&set_, SIGTERM);
+    ::sigaddset(&set_, SIGHUP);
+    ::sigprocmask(SIG_BLOCK, &set_, &saved_);
+  }
+  ~StopSignals() { ::sigprocmask(SIG_SETMASK, &saved_, nullptr); }
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+  // Waits up to `ns` for a stopping signal; true when one arrived.
+  bool waitFor(long long ns) {
+    if (stopped_) {
+      return true;
+    }
+    struct timespec timeout {
+      static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)
+    };
+    int signal = ::sigtimedwait(&set_, nullptr, &timeout);
+    if (signal > 0) {
+      stopped_ = signal;
+    }
+    return stopped_ != 0;
+  }
+  bool stopRequested() { return waitFor(0); }
+  int signal() const { return stopped_; }
+
+ private:
+  sigset_t set_;
+  sigset_t saved_;
+  int stopped_ = 0;
+};
+
+}  // namespace
+
+int commandWrite(const std::string& name, const Options& options) {
+  bool ok = true;
+  WriteSettings settings;
+  settings.rate = options.number("rate", 1000, ok);
+  unsigned long long duration = options.number("duration", 0, ok);
+  settings.growEvery = options.number("grow-every", settings.growEvery, ok);
+  settings.maxCapacity = options.number("max-capacity", settings.maxCapacity, ok);
+  settings.regionEvery = options.number("region-every", settings.regionEvery, ok);
+  settings.liveEntries = options.number("live", settings.liveEntries, ok);
+  settings.payloadMax = options.number("payload-max", settings.payloadMax, ok);
+  if (!ok) {
+    std::cerr << "heron-sim write: --rate, --duration, --grow-every, --max-capacity, --region-every, --live and "
+                 "--payload-max need a number\n";
+    return 2;
+  }
+  bool flatOut = options.has("flat-out");
+  if (!flatOut && settings.rate == 0) {
+    std::cerr << "heron-sim write: --rate must be at least 1 (or use --flat-out)\n";
+    return 2;
+  }
+  if (settings.payloadMax < 8) {
+    settings.payloadMax = 8;
+  }
+
+  StopSignals stop;
+  Mem::OrbRootPath root(handler(), name, false);
+  std::string error;
+  struct stat st {};
+  if (::stat(root.fullPath("owner").c_str(), &st) != 0) {
+    std::cerr << "heron-sim write: no table at " << root << " (heron-sim create it first)\n";
+    return 1;
+  }
+  // One writer per table: refuse while another one is alive and beating.
+  SharedMem::EmberHeader previous{};
+  if (SharedMem::readEmber(root, previous) == SharedMem::LoadStatus::Ok && previous.writerPid != 0 &&
+      static_cast<pid_t>(previous.writerPid) != ::getpid() && ::kill(static_cast<pid_t>(previous.writerPid), 0) == 0 &&
+      SharedMem::nowNs() - __atomic_load_n(&previous.heartbeatNs, __ATOMIC_RELAXED) < 2000000000ULL) {
+    std::cerr << "heron-sim write: " << root << " already has a writer (pid " << previous.writerPid << ")\n";
+    return 1;
+  }
+  SharedMem::EmberWriter ember(handler(), root);
+  if (!ember.open(error)) {
+    std::cerr << "heron-sim write: " << error << '\n';
+    return 1;
+  }
+  WriteTable table(handler(), root, settings);
+  if (!table.open(ember.id(), error)) {
+    std::cerr << "heron-sim write: " << error << '\n';
+    return 1;
+  }
+  std::cout << "writer " << ::getpid() << " attached to " << root << std::endl;
+
+  constexpr long long kHeartbeatNs = 100000000LL;
+  constexpr long long kTickNs = 5000000LL;  // rate mode: catch up at most every 5 ms
+  long long started = monotonicNs();
+  long long deadline = duration != 0 ? started + static_cast<long long>(duration) * 1000000000LL : 0;
+  long long nextHeartbeat = started + kHeartbeatNs;
+  unsigned long long appended = 0;
+  bool failed = false;
+  while (!failed) {
+    long long now = monotonicNs();
+    if (deadline != 0 && now >= deadline) {
+      break;
+    }
+    if (now >= nextHeartbeat) {
+      ember.heartbeat();
+      nextHeartbeat = now + kHeartbeatNs;
+    }
+    unsigned long long due = 0;
+    if (flatOut) {
+      due = 4096;
+      if (stop.stopRequested()) {
+        break;
+      }
+    } else {
+      auto target = static_cast<unsigned long long>(static_cast<long double>(now - started) * settings.rate / 1e9L);
+      due = target > appended ? target - appended : 0;
+      if (due == 0) {
+        long long wait = kTickNs;
+        if (deadline != 0 && deadline - now < wait) {
+          wait = deadline - now;
+        }
+        if (stop.waitFor(wait)) {
+          break;
+        }
+        continue;
+      }
+      if (stop.stopRequested()) {
+        break;
+      }
+    }
+    for (unsigned long long i = 0; i < due; ++i) {
+      if (!table.step(error)) {
+        std::cerr << "heron-sim write: " << error << '\n';
+        failed = true;
+        break;
+      }
+      ++appended;
+    }
+  }
+  double seconds = static_cast<double>(monotonicNs() - started) / 1e9;
+  struct timespec cpu {};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
+  double cpuSeconds = static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
+  auto perSecond = [appended](double span) {
+    return static_cast<unsigned long long>(span > 0 ? static_cast<double>(appended) / span : 0);
+  };
+  // The rate per second of the writer's own CPU time leaves out the time
+  // other processes took the CPU away.
+  std::cout << "writer " << ::getpid() << " appended " << appended << " notifications in " << seconds << " s ("
+            << perSecond(seconds) << "/s, " << perSecond(cpuSeconds) << "/s of cpu)"
+            << (stop.signal() != 0 ? std::string(", stopped by ") + ::strsignal(stop.signal()) : "") << std::endl;
+  table.close();
+  return failed ? 1 : 0;
+}
+
+}  // namespace Sim
