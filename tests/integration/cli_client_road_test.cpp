@@ -1,0 +1,62 @@
+// The client road: which settings it takes and which it ignores. The
+// reports themselves are tested with the client scanner; here two command
+// lines that must take the same road are compared run against run.
+#include <gtest/gtest.h>
+
+#include "integration/CliSupport.h"
+
+namespace HeronTest {
+namespace {
+
+class CliClientRoad : public CliTest {
+ protected:
+  void SetUp() override { ASSERT_TRUE(root.create("tab")); }
+
+  void expectSameRun(const std::vector<std::string>& a, const std::vector<std::string>& b) {
+    RunResult first = heron(a);
+    RunResult second = heron(b);
+    ASSERT_TRUE(first.exited()) << first.describe();
+    EXPECT_TRUE(same(second, first.out, first.err, first.status));
+    EXPECT_TRUE(first.status == 0 || first.status == 1) << first.status;
+    EXPECT_EQ(first.err.find("Table Name: "), std::string::npos) << first.err;
+    EXPECT_EQ(first.err.find("No table was found"), std::string::npos) << first.err;
+  }
+  TempRoot outputs;
+};
+
+TEST_F(CliClientRoad, PidWithTrailingTextIsAccepted) { expectSameRun({"-c", "12x"}, {"-c", "12"}); }
+
+TEST_F(CliClientRoad, LongWhatIsTheSameAsC) { expectSameRun({"--what", "12"}, {"-c", "12"}); }
+
+TEST_F(CliClientRoad, ALaterPidReplacesAnEarlierOne) { expectSameRun({"-c", "7", "-c", "12"}, {"-c", "12"}); }
+
+TEST_F(CliClientRoad, WhoAllWinsOverAPid) {
+  expectSameRun({"-A", "-c", "5"}, {"-A"});
+  expectSameRun({"-c", "5", "--who-all"}, {"-A"});
+}
+
+TEST_F(CliClientRoad, ExpressionAndDumpSettingsAreIgnored) {
+  expectSameRun({"-c", "5", "name", "-s"}, {"-c", "5"});
+  expectSameRun({"-A", "-j", "-w", "-a", "-r", "3", "tab"}, {"-A"});
+}
+
+TEST_F(CliClientRoad, OutputFileCannotBeOpened) {
+  std::string file = outputs.file("missing/out.txt");
+  EXPECT_TRUE(same(heron({"-A", "-f", file}), "", "Error opening " + file + "\n", 1));
+  EXPECT_TRUE(same(heron({"-c", "5", "-f", file, "tab"}), "", "Error opening " + file + "\n", 1));
+}
+
+TEST_F(CliClientRoad, ReportGoesToTheOutputFile) {
+  std::string file = outputs.file("out.txt");
+  RunResult toStdout = heron({"-A"});
+  RunResult toFile = heron({"-A", "-f", file});
+  // Only the run-as-root warning (for a user other than root) stays on
+  // standard output; the report itself moves to the file.
+  ASSERT_TRUE(toFile.exited()) << toFile.describe();
+  EXPECT_EQ(toFile.status, toStdout.status);
+  EXPECT_EQ(toFile.err, toStdout.err);
+  EXPECT_EQ(toFile.out + readFile(file), toStdout.out);
+}
+
+}  // namespace
+}  // namespace HeronTest
