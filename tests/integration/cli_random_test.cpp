@@ -129,7 +129,7 @@ int runCount() {
     return std::atoi(text);
   }
 #if defined(__SANITIZE_ADDRESS__)
-  return 400;  // every run starts a sanitized process
+  return 800;  // every run starts a sanitized process
 #else
   return 2500;
 #endif

@@ -85,3 +85,18 @@ TEST_F(CliTable, ReaderFailureLeavesAnEmptyOutputFile) {
 
 }  // namespace
 }  // namespace HeronTest
+
+namespace HeronTest {
+namespace {
+
+TEST_F(CliTable, WhoWithStatisticsIsTheClientReportOnly) {
+  RunResult who = heron({"-w", "tab"});
+  RunResult whoStats = heron({"-w", "-s", "-a", "tab"});
+  ASSERT_TRUE(who.exited()) << who.describe();
+  EXPECT_TRUE(same(whoStats, who.out, who.err, who.status));
+  EXPECT_EQ(whoStats.out.find("Relay headers:"), std::string::npos) << whoStats.out;
+  EXPECT_TRUE(whoStats.err.rfind("Table Name: tab\n\n", 0) == 0) << whoStats.err;
+}
+
+}  // namespace
+}  // namespace HeronTest
