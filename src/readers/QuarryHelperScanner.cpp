@@ -1,7 +1,51 @@
 #include "readers/QuarryHelperScanner.h"
 
+#include <vector>
+
+#include "Quarry/Region.h"
+
 namespace Heron {
 
-void QuarryHelperScanner::fillHeader(Model::HeaderInfo&) {}
+void QuarryHelperScanner::fillHeader(Model::HeaderInfo& info) {
+  attachRegions();
+  if (regions_.empty()) {
+    info.numRegions = 0;
+    info.totalSize = 0;
+    info.pagesFree = 0;
+    info.occupancyRate = 0;
+    return;
+  }
+  // The map shrinks while the regions are counted and released.
+  std::vector<Quarry::RegionScanner*> scanners;
+  scanners.reserve(regions_.size());
+  for (const auto& entry : regions_) {
+    scanners.push_back(entry.second.get());
+  }
+  info.numRegions = scanners.size();
+  info.pagesFree = 0;
+  info.occupancyRate = 0;
+  std::uint64_t usedBytes = 0;
+  std::uint64_t freeBytes = 0;
+  for (Quarry::RegionScanner* scanner : scanners) {
+    const Quarry::RegionHeader& header = scanner->header();
+    const std::uint32_t units = __atomic_load_n(&header.unitCount, __ATOMIC_RELAXED);
+    const std::uint32_t used = __atomic_load_n(&header.usedUnits, __ATOMIC_RELAXED);
+    const std::uint32_t size = __atomic_load_n(&header.unitSize, __ATOMIC_RELAXED);
+    // Products formed in 32 bits, then widened.
+    const std::uint64_t usedProduct = static_cast<std::uint32_t>(used * size);
+    const std::uint64_t totalProduct = static_cast<std::uint32_t>(units * size);
+    usedBytes += usedProduct;
+    freeBytes += totalProduct - usedProduct;
+    info.pagesFree += scanner->numFreePages();
+    auto found = regions_.find(scanner->id());
+    if (found != regions_.end()) {
+      regions_.erase(found);
+    }
+  }
+  info.totalSize = usedBytes + freeBytes;
+  if (info.totalSize != 0) {
+    info.occupancyRate = static_cast<std::uint32_t>(usedBytes * 100 / info.totalSize);
+  }
+}
 
 }  // namespace Heron

@@ -1,10 +1,15 @@
 // Read-only side of the region allocator: a table's `quarry` file and its
 // `region.<id>` files.
 //
-// Lifecycle: construct -> initialize() -> attachRegions() (from printStats,
-// scanRegions or a caller) -> regions detached one at a time by notify() on
-// deletion, or all at once by destruction. Single-threaded; notify() is
-// called from WatchDescriptor::poll() on the same thread.
+// Lifecycle: construct -> initialize() (maps `quarry`, watches the table
+// directory) -> attachRegions() (from printStats, scanRegions or a caller)
+// -> regions detached one at a time by notify() on deletion, or all at once
+// by destruction. Single-threaded; notify() is called from
+// WatchDescriptor::poll() on the same thread, which the scanner does before
+// it attaches or reads regions.
+//
+// Everything is opened O_RDONLY and mapped PROT_READ; nothing is ever
+// written, locked or created in the table.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +24,7 @@
 #include "Beacon/Debuggable.h"
 #include "Mem/Inotify.h"
 #include "Mem/RootPath.h"
+#include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
 
@@ -31,40 +37,113 @@ namespace Region {
 std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName);
 }  // namespace Region
 
+// The allocator file itself (64 bytes, mapped read-only). Region bodies are
+// never mapped by it.
+class NoMapReader {
+ public:
+  NoMapReader() = default;
+  ~NoMapReader();
+  NoMapReader(const NoMapReader&) = delete;
+  NoMapReader& operator=(const NoMapReader&) = delete;
+
+  // Opens and validates `path`; false with `error` set when it is missing,
+  // short or not an allocator file.
+  bool open(const std::string& path, std::string& error);
+  bool isOpen() const { return header_ != nullptr; }
+  // A consistent copy of the header (bounded retries); false when the writer
+  // kept changing it.
+  bool copy(QuarryHeader& out) const;
+
+ private:
+  const QuarryHeader* header_ = nullptr;
+};
+
+struct ReaderCounters {
+  std::uint64_t attached = 0;
+  std::uint64_t detached = 0;  // regions detached by notify()
+  std::uint64_t badRegions = 0;
+};
+
+// Regions detached by notify() are parked here instead of destroyed when the
+// record exists; `byId` names regions a caller tracks (null once detached).
+struct RetiredRegions {
+  std::map<std::uint32_t, RegionScanner*> byId;
+  std::vector<std::unique_ptr<RegionScanner>> parked;
+};
+
+// A region file that could not be attached, and why.
+struct BadRegion {
+  std::uint32_t id;
+  std::string reason;
+};
+
 template <typename Scanner>
 class Reader : public Mem::InotifyMgr::Watcher {
  public:
   Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& name);
   ~Reader() override;
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
 
   void notify(const std::string& fileName, unsigned flags) override;
-  // Attaches every region file present that is not attached yet.
+  // Delivers pending directory events, then attaches every region file
+  // present that is not attached yet. Files that cannot be attached are
+  // listed in badRegions().
   void attachRegions();
+  // Delivers pending directory events (deletions detach regions).
+  void pollEvents() { watch_.poll(); }
+
   std::uint32_t notificationsSeen() const { return notificationsSeen_; }
   std::size_t attachedRegions() const { return regions_.size(); }
+  bool isAttached(std::uint32_t regionId) const { return regions_.count(regionId) != 0; }
+  std::uint64_t detachedRegions() const { return *detachedCounter_; }
+  const std::vector<BadRegion>& badRegions() const { return badRegions_; }
+  const ReaderCounters& counters() const { return counters_; }
+  bool watching() const { return watch_.enabled(); }
+
   void setOnRegionDetached(std::function<void(std::uint32_t)> callback) { onRegionDetached_ = std::move(callback); }
+  // From now on regions detached by notify() are parked, not destroyed, and
+  // every region attached is listed by id.
+  void enableRetiredRegions();
+  const RetiredRegions* retiredRegions() const { return retiredRegions_.get(); }
 
  protected:
+  bool attachRegion(std::uint32_t regionId);
+
   std::uint32_t notificationsSeen_ = 0;
   Mem::RootPath root_;
+  NoMapReader noMapReader_;
+  Mem::RootPath regionRoot_;
   std::unordered_map<std::uint32_t, std::unique_ptr<RegionScanner>> regions_;
   Mem::WatchDescriptor watch_;
-  std::uint64_t detachedRegions_ = 0;
+  ReaderCounters counters_;
+  std::uint64_t* detachedCounter_ = &counters_.detached;
+  std::unique_ptr<RetiredRegions> retiredRegions_;
   std::function<void(std::uint32_t)> onRegionDetached_;
+  std::vector<BadRegion> badRegions_;
 };
 
 template <typename Scanner>
 class QuarryScannerBase : public Reader<Scanner> {
  public:
-  // Output goes to the file `outputFile` (appended to), or to standard
+  // Output goes to the file `outputFile`, appended to (the caller may have
+  // written the first part of the same report into it), or to standard
   // output when it is empty.
-  QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root,
-                    const std::string& outputFile);
+  QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& outputFile);
   ~QuarryScannerBase() override;
 
+  // Maps and validates the `quarry` file and watches the table directory.
+  // False when the allocator file is missing or invalid.
   bool initialize();
+  // Totals; with `detail` or `sortByOccupancy` one row per region, sorted by
+  // entry size then id, or entry size then occupancy.
   void printStats(bool detail, bool sortByOccupancy);
+  // Each region (only those in `regionIds` when not empty) and each used
+  // entry; empty entries too with `printEmpty`.
   void scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty);
+
+  // Attempts made to copy a region before it is called inconsistent.
+  static constexpr unsigned kCopyAttempts = 16;
 
  protected:
   std::string outputFile_;

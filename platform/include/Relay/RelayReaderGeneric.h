@@ -34,8 +34,28 @@ class RelayReaderGeneric : public RelayTable<Slot> {
   void formatIndividualRelayHeader(const Header& header, std::ostream& out) const;
 
   void scan(std::ostream& out, bool activeOnly);
-  void printQueue(RelayTableId id, std::vector<Notification> (&snapshot)[2], bool activeOnly,
-                  std::ostringstream& out);
+  void printQueue(RelayTableId id, std::vector<Notification> (&snapshot)[2], bool activeOnly, std::ostringstream& out);
+
+  // The attempts of scan: fills `snapshot` (vectors cleared and reused,
+  // reserved to the cached capacities) from one consistent view of the
+  // tables and returns the number of restarts it took.
+  unsigned takeSnapshot(std::vector<Notification> (&snapshot)[2], bool activeOnly);
+
+  // The snapshot fields of the last attempt.
+  std::uint64_t switchSnapshot() const { return switchSnapshot_; }
+  std::uint32_t snapshotPosition(RelayTableId id) const { return currentPos_[id]; }
+  Mem::VersionedRef<unsigned> cachedNotifications(RelayTableId id) const { return cachedNotifications_[id]; }
+  std::size_t mappedSize(RelayTableId id) const { return this->files_[id].mappedSize(); }
+
+ private:
+  // The attempts, emptying `report` (when given) at the start of each.
+  unsigned attempt(std::vector<Notification> (&snapshot)[2], bool activeOnly, std::ostringstream* report);
+  // Copies table id's slots into `into`; false when the writer moved (a
+  // restart is due).
+  bool collect(RelayTableId id, std::vector<Notification>& into) const;
+  // Fatal when table id's file is now shorter than its mapping: touching
+  // the mapping would fault.
+  void checkMapping(RelayTableId id) const;
 
  protected:
   std::uint64_t switchSnapshot_ = 0;

@@ -64,7 +64,15 @@ class RelayTable : public Beacon::Debuggable {
     std::uint32_t sequence;  // low 32 bits of the writer sequence
     std::uint32_t offset;    // a Quarry::Offset, TOMBSTONED once released
     std::uint32_t size;      // payload bytes of the entry
+
+    // "seq: <sequence, left in 10>  offset: 0x<offset, 8 hex digits>
+    // <(region:unit) or (tombstoned), left in 14>  size: <size>", e.g.
+    // "seq: 17          offset: 0x00300004 (3:4)           size: 64".
     std::string dump() const;
+    // The same text written to `buffer` (at least kDumpMax bytes, not
+    // terminated); returns its length.
+    static constexpr std::size_t kDumpMax = 80;
+    std::size_t dumpTo(char* buffer) const;
   };
 
   RelayTable(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool writer);
@@ -77,4 +85,66 @@ class RelayTable : public Beacon::Debuggable {
   Mem::Tracked<Mem::SharedMemWrapper> files_[2];
 };
 
+// The shared layout, the same in 32- and 64-bit builds (where uint64_t is
+// only 4-byte aligned inside structs: every field sits at its natural offset
+// anyway, and alignas(8) fixes the record's own alignment).
+using RelayHeaderLayout = RelayTable<RelaySlot>::Header;
+using RelayNotificationLayout = RelayTable<RelaySlot>::Notification;
+static_assert(sizeof(RelayHeaderLayout) == 88, "relay header is 88 bytes");
+static_assert(alignof(RelayHeaderLayout) == 8, "relay header is 8-byte aligned");
+static_assert(offsetof(RelayHeaderLayout, magic) == 0, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, version) == 8, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, ember) == 12, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, epoch) == 16, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, connectedReaders) == 32, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, reserved) == 36, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, tableVersion) == 40, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, currentTable) == 44, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, corralStart) == 48, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, corralEnd) == 56, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, latestWriterSequence) == 64, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, notifications) == 72, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, currentPos) == 80, "relay header layout");
+static_assert(offsetof(RelayHeaderLayout, pad) == 84, "relay header layout");
+static_assert(sizeof(RelayNotificationLayout) == 12, "relay slot is 12 bytes");
+static_assert(offsetof(RelayNotificationLayout, sequence) == 0, "relay slot layout");
+static_assert(offsetof(RelayNotificationLayout, offset) == 4, "relay slot layout");
+static_assert(offsetof(RelayNotificationLayout, size) == 8, "relay slot layout");
+
+// Words of the shared files, each loaded or stored as one access. The two
+// 64-bit words that pair 32-bit fields hold the lower-addressed field in the
+// low half (host byte order is little-endian):
+//   byte 40: tableVersion (low) | currentTable (high)
+//   byte 72: notifications.version (low) | notifications.value (high)
+namespace Shared {
+
+constexpr std::size_t kSwitchWord = 40;
+constexpr std::size_t kNotificationsWord = 72;
+constexpr std::size_t kCurrentPos = 80;
+
+inline std::uint64_t load64(const void* base, std::size_t at) {
+  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
+}
+inline std::uint32_t load32(const void* base, std::size_t at) {
+  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
+}
+inline void store64(void* base, std::size_t at, std::uint64_t value) {
+  __atomic_store_n(reinterpret_cast<std::uint64_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
+}
+inline void store32(void* base, std::size_t at, std::uint32_t value) {
+  __atomic_store_n(reinterpret_cast<std::uint32_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
+}
+inline void store32Relaxed(void* base, std::size_t at, std::uint32_t value) {
+  __atomic_store_n(reinterpret_cast<std::uint32_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELAXED);
+}
+
+constexpr std::uint32_t low(std::uint64_t word) { return static_cast<std::uint32_t>(word & 0xFFFFFFFFU); }
+constexpr std::uint32_t high(std::uint64_t word) { return static_cast<std::uint32_t>(word >> 32); }
+constexpr std::uint64_t pair(std::uint32_t lowHalf, std::uint32_t highHalf) {
+  return static_cast<std::uint64_t>(lowHalf) | (static_cast<std::uint64_t>(highHalf) << 32);
+}
+// Byte of slot `index` in a file: 84 + 12 * index.
+constexpr std::size_t slotAt(std::size_t index) { return 84 + 12 * index; }
+
+}  // namespace Shared
 }  // namespace Relay

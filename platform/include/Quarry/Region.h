@@ -1,0 +1,60 @@
+// One attached region file, mapped read-only at the size the file had when
+// it was attached (region files never shrink).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Quarry/QuarryFormat.h"
+
+namespace Quarry {
+
+// Owns the read-only mapping of one region file.
+class RegionReader {
+ public:
+  RegionReader() = default;
+  ~RegionReader();
+  RegionReader(const RegionReader&) = delete;
+  RegionReader& operator=(const RegionReader&) = delete;
+
+  // Opens `path` O_RDONLY, checks its size against what the header claims
+  // and maps it. False with `error` set (one line) when it is unusable.
+  bool attach(const std::string& path, std::uint32_t expectedId, std::string& error);
+
+  const RegionHeader& header() const { return *reinterpret_cast<const RegionHeader*>(base_); }
+  std::size_t mappedSize() const { return size_; }
+
+ protected:
+  const unsigned char* base_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+// A consistent copy of a region's changing parts.
+struct RegionSnapshot {
+  std::uint64_t generation = 0;
+  std::uint32_t usedUnits = 0;
+  std::vector<unsigned char> bitmap;    // unitCount bits
+  std::vector<std::uint32_t> used;      // indices of the used units, ascending
+  std::vector<unsigned char> previews;  // previewBytes per used unit, in `used` order
+  unsigned previewBytes = 0;
+  unsigned attempts = 0;
+  bool consistent = false;
+};
+
+class RegionScanner : public RegionReader {
+ public:
+  std::uint32_t id() const { return __atomic_load_n(&header().regionId, __ATOMIC_RELAXED); }
+  // Copies usedUnits and the bitmap (and the first `previewBytes` of each
+  // used unit), retrying up to `attempts` times while the writer changes the
+  // region. `consistent` is false when no attempt succeeded; the last copy
+  // is kept.
+  void snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts) const;
+  // Pages of the unit area that no used unit touches.
+  std::uint32_t numFreePages() const;
+  // The same, counted from a snapshot's bitmap.
+  std::uint32_t numFreePages(const RegionSnapshot& snapshot) const;
+};
+
+}  // namespace Quarry

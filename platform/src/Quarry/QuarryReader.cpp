@@ -1,0 +1,406 @@
+#include "Quarry/QuarryReader.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include "Beacon/Trace.h"
+#include "Quarry/Offset.h"
+#include "Quarry/Region.h"
+
+namespace Quarry {
+
+// ---------------------------------------------------------------- NoMapReader
+
+NoMapReader::~NoMapReader() {
+  if (header_ != nullptr) {
+    ::munmap(const_cast<QuarryHeader*>(header_), sizeof(QuarryHeader));
+  }
+}
+
+bool NoMapReader::open(const std::string& path, std::string& error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    error = path + ": " + std::strerror(errno);
+    return false;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(sizeof(QuarryHeader))) {
+    error = path + ": shorter than an allocator header";
+    ::close(fd);
+    return false;
+  }
+  void* base = ::mmap(nullptr, sizeof(QuarryHeader), PROT_READ, MAP_SHARED, fd, 0);
+  ::close(fd);
+  if (base == MAP_FAILED) {
+    error = path + ": mmap: " + std::strerror(errno);
+    return false;
+  }
+  const auto* header = static_cast<const QuarryHeader*>(base);
+  if (header->magic != QuarryHeader::kMagic || header->version != QuarryHeader::kVersion || header->pageSize == 0 ||
+      header->maxRegionId != QuarryHeader::kMaxRegionId) {
+    error = path + ": not a region allocator file";
+    ::munmap(base, sizeof(QuarryHeader));
+    return false;
+  }
+  header_ = header;
+  return true;
+}
+
+bool NoMapReader::copy(QuarryHeader& out) const {
+  for (unsigned attempt = 0; attempt < QuarryScannerBase<NoMapScanner>::kCopyAttempts; ++attempt) {
+    const std::uint64_t before = __atomic_load_n(&header_->generation, __ATOMIC_ACQUIRE);
+    if ((before & 1U) == 0) {
+      std::memcpy(&out, header_, sizeof out);
+      __atomic_thread_fence(__ATOMIC_ACQUIRE);
+      if (__atomic_load_n(&header_->generation, __ATOMIC_RELAXED) == before) {
+        return true;
+      }
+    }
+    ::sched_yield();
+  }
+  std::memcpy(&out, header_, sizeof out);
+  return false;
+}
+
+// --------------------------------------------------------------------- Reader
+
+template <typename Scanner>
+Reader<Scanner>::Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string&)
+    : Mem::InotifyMgr::Watcher(handler), root_(root), regionRoot_(root) {
+  onRegionDetached_ = [this](std::uint32_t id) {
+    Beacon::fmtrace(debugHandler(), 3, "QuarryReader", "onRegionDetached", __LINE__, "QuarryReader",
+                    "region {} detached", id);
+  };
+}
+
+template <typename Scanner>
+Reader<Scanner>::~Reader() {
+  Beacon::fmtrace(debugHandler(), 3, "QuarryReader", "detach", __LINE__, "QuarryReader", "");
+  regions_.clear();
+  watch_.disable();
+  retiredRegions_.reset();
+}
+
+template <typename Scanner>
+void Reader<Scanner>::notify(const std::string& fileName, unsigned flags) {
+  Beacon::fmtrace(debugHandler(), 5, "QuarryReader", "notify", __LINE__, "QuarryReader", "saw notify of {} flags:{}",
+                  fileName, flags);
+  ++notificationsSeen_;
+  const std::uint32_t regionId = Region::parseRegionId(debugHandler(), std::string(fileName));
+  if ((flags & 0x200U) == 0 || regionId == 0) {
+    return;
+  }
+  auto it = regions_.find(regionId);
+  if (it == regions_.end()) {
+    Beacon::fmtrace(debugHandler(), 5, "QuarryReader", "notify", __LINE__, "QuarryReader", "saw bogus file: {}",
+                    fileName);
+    return;
+  }
+  const std::uint32_t id = it->second->id();
+  if (retiredRegions_) {
+    retiredRegions_->parked.push_back(std::move(it->second));
+  }
+  regions_.erase(it);
+  ++*detachedCounter_;
+  Beacon::fmassert(static_cast<bool>(onRegionDetached_), "QuarryReader", "notify", __LINE__, "QuarryReader",
+                   "bad function call: no onRegionDetached callback");
+  onRegionDetached_(id);
+  if (retiredRegions_) {
+    auto tracked = retiredRegions_->byId.find(regionId);
+    if (tracked != retiredRegions_->byId.end()) {
+      tracked->second = nullptr;
+    }
+  }
+}
+
+template <typename Scanner>
+void Reader<Scanner>::enableRetiredRegions() {
+  if (!retiredRegions_) {
+    retiredRegions_ = std::make_unique<RetiredRegions>();
+    for (const auto& entry : regions_) {
+      retiredRegions_->byId[entry.first] = entry.second.get();
+    }
+  }
+}
+
+template <typename Scanner>
+bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
+  auto region = std::make_unique<RegionScanner>();
+  std::string error;
+  if (!region->attach(regionRoot_.fullPath(kRegionFilePrefix + std::to_string(regionId)), regionId, error)) {
+    if (error != std::strerror(ENOENT)) {  // deleted since the directory was read
+      badRegions_.push_back(BadRegion{regionId, error});
+      ++counters_.badRegions;
+      Beacon::fmtrace(debugHandler(), 0, "QuarryReader", "attachRegions", __LINE__, "QuarryReader", "region {}: {}",
+                      regionId, error);
+    }
+    return false;
+  }
+  if (retiredRegions_) {
+    retiredRegions_->byId[regionId] = region.get();
+  }
+  regions_[regionId] = std::move(region);
+  ++counters_.attached;
+  return true;
+}
+
+template <typename Scanner>
+void Reader<Scanner>::attachRegions() {
+  watch_.poll();
+  badRegions_.clear();
+  DIR* dir = ::opendir(regionRoot_.path().c_str());
+  if (dir == nullptr) {
+    return;
+  }
+  while (const struct dirent* entry = ::readdir(dir)) {
+    const std::uint32_t id = Region::parseRegionId(debugHandler(), entry->d_name);
+    if (id != 0 && regions_.count(id) == 0) {
+      attachRegion(id);
+    }
+  }
+  ::closedir(dir);
+  std::sort(badRegions_.begin(), badRegions_.end(), [](const BadRegion& a, const BadRegion& b) { return a.id < b.id; });
+}
+
+// ---------------------------------------------------------- QuarryScannerBase
+
+namespace {
+
+// The scanner's own output: the named file, appended to, or standard output.
+class Output {
+ public:
+  explicit Output(const std::string& name) {
+    if (!name.empty()) {
+      file_.open(name, std::ios::out | std::ios::app);
+      if (!file_) {
+        std::cerr << "Error opening " << name << std::endl;
+      }
+    }
+  }
+  ~Output() { stream().flush(); }
+  bool good() { return stream().good(); }
+  std::ostream& stream() { return file_.is_open() ? static_cast<std::ostream&>(file_) : std::cout; }
+
+ private:
+  std::ofstream file_;
+};
+
+// Whole percent, truncated; 0 for an empty total.
+unsigned percent(std::uint64_t part, std::uint64_t whole) {
+  return whole == 0 ? 0U : static_cast<unsigned>(part * 100 / whole);
+}
+
+struct Row {
+  std::uint32_t id;
+  std::uint32_t unitSize;
+  std::uint32_t units;
+  std::uint32_t used;
+  std::uint32_t freePages;
+  bool consistent;
+};
+
+constexpr unsigned kPreviewBytes = 16;
+
+void appendPreview(std::string& line, const unsigned char* bytes, unsigned count) {
+  for (unsigned i = 0; i < kPreviewBytes; ++i) {
+    if (i < count) {
+      fmt::format_to(std::back_inserter(line), "{:02x} ", bytes[i]);
+    } else {
+      line += "   ";
+    }
+  }
+  line += " |";
+  for (unsigned i = 0; i < count; ++i) {
+    line += (bytes[i] >= 0x20 && bytes[i] < 0x7f) ? static_cast<char>(bytes[i]) : '.';
+  }
+  line += "|";
+}
+
+}  // namespace
+
+template <typename Scanner>
+QuarryScannerBase<Scanner>::QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root,
+                                              const std::string& outputFile)
+    : Reader<Scanner>(handler, root, outputFile), outputFile_(outputFile) {}
+
+template <typename Scanner>
+QuarryScannerBase<Scanner>::~QuarryScannerBase() = default;
+
+template <typename Scanner>
+bool QuarryScannerBase<Scanner>::initialize() {
+  std::string error;
+  if (!this->noMapReader_.isOpen() && !this->noMapReader_.open(this->root_.fullPath(kQuarryFileName), error)) {
+    Beacon::fmtrace(this->debugHandler(), 0, "QuarryReader", "initialize", __LINE__, "QuarryReader", "{}", error);
+    return false;
+  }
+  if (!this->watch_.enabled() && !this->watch_.enable(this->root_.path(), *this)) {
+    // Without a watch deletions are only seen by the next directory read.
+    Beacon::fmtrace(this->debugHandler(), 0, "QuarryReader", "initialize", __LINE__, "QuarryReader",
+                    "cannot watch {}: {}", this->root_.path(), std::strerror(errno));
+  }
+  return true;
+}
+
+template <typename Scanner>
+void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
+  this->attachRegions();
+  std::vector<Row> rows;
+  rows.reserve(this->regions_.size());
+  RegionSnapshot copy;
+  std::uint64_t bytes = 0;
+  std::uint64_t usedBytes = 0;
+  std::uint64_t pagesFree = 0;
+  for (const auto& entry : this->regions_) {
+    const RegionScanner& region = *entry.second;
+    region.snapshot(copy, 0, kCopyAttempts);
+    const RegionHeader& h = region.header();
+    Row row{entry.first, h.unitSize, h.unitCount, copy.usedUnits, region.numFreePages(copy), copy.consistent};
+    bytes += static_cast<std::uint64_t>(row.units) * row.unitSize;
+    usedBytes += static_cast<std::uint64_t>(row.used) * row.unitSize;
+    pagesFree += row.freePages;
+    rows.push_back(row);
+  }
+  QuarryHeader counters{};
+  const bool countersConsistent = this->noMapReader_.copy(counters);
+
+  std::string text;
+  auto out = std::back_inserter(text);
+  fmt::format_to(out, "Region allocator statistics\n");
+  fmt::format_to(out, "  {:<14}{}\n", "regions", rows.size());
+  fmt::format_to(out, "  {:<14}{}\n", "bytes", bytes);
+  fmt::format_to(out, "  {:<14}{}\n", "used", usedBytes);
+  fmt::format_to(out, "  {:<14}{}\n", "free", bytes - usedBytes);
+  fmt::format_to(out, "  {:<14}{}\n", "pages free", pagesFree);
+  fmt::format_to(out, "  {:<14}{}%\n", "occupancy", percent(usedBytes, bytes));
+  fmt::format_to(out, "  {:<14}{}\n", "allocations", counters.allocations);
+  fmt::format_to(out, "  {:<14}{}{}\n", "releases", counters.releases,
+                 countersConsistent ? "" : "  (counters inconsistent)");
+  if (detail || sortByOccupancy) {
+    if (sortByOccupancy) {
+      std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
+        if (a.unitSize != b.unitSize) {
+          return a.unitSize < b.unitSize;
+        }
+        // used/units compared exactly; an empty region counts as 0.
+        const std::uint64_t left = static_cast<std::uint64_t>(a.used) * (b.units == 0 ? 1 : b.units);
+        const std::uint64_t right = static_cast<std::uint64_t>(b.used) * (a.units == 0 ? 1 : a.units);
+        return left != right ? left < right : a.id < b.id;
+      });
+    } else {
+      std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
+        return a.unitSize != b.unitSize ? a.unitSize < b.unitSize : a.id < b.id;
+      });
+    }
+    fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>11}{:>12}{:>14}\n", "region", "entry size", "units", "used",
+                   "occupancy", "free pages", "bytes");
+    for (const Row& row : rows) {
+      fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>10}%{:>12}{:>14}{}\n", row.id, row.unitSize, row.units, row.used,
+                     percent(row.used, row.units), row.freePages, static_cast<std::uint64_t>(row.units) * row.unitSize,
+                     row.consistent ? "" : "  inconsistent");
+    }
+  }
+  for (const BadRegion& bad : this->badRegions_) {
+    fmt::format_to(out, "  region {}: {}; skipped\n", bad.id, bad.reason);
+  }
+  Output output(outputFile_);
+  output.stream() << text;
+}
+
+template <typename Scanner>
+void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty) {
+  this->attachRegions();
+  std::vector<std::uint32_t> ids;
+  for (const auto& entry : this->regions_) {
+    if (regionIds.empty() || regionIds.count(entry.first) != 0) {
+      ids.push_back(entry.first);
+    }
+  }
+  for (const BadRegion& bad : this->badRegions_) {
+    if (regionIds.empty() || regionIds.count(bad.id) != 0) {
+      ids.push_back(bad.id);
+    }
+  }
+  for (unsigned id : regionIds) {
+    if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+      ids.push_back(id);
+    }
+  }
+  std::sort(ids.begin(), ids.end());
+
+  Output output(outputFile_);
+  std::ostream& stream = output.stream();
+  if (ids.empty()) {
+    stream << "Region allocator: no regions\n";
+    return;
+  }
+  RegionSnapshot copy;
+  std::string text;
+  for (std::uint32_t id : ids) {
+    text.clear();
+    auto out = std::back_inserter(text);
+    // A region deleted since the scan began is skipped.
+    this->pollEvents();
+    auto found = this->regions_.find(id);
+    if (found == this->regions_.end()) {
+      auto bad = std::find_if(this->badRegions_.begin(), this->badRegions_.end(),
+                              [id](const BadRegion& b) { return b.id == id; });
+      if (bad != this->badRegions_.end()) {
+        fmt::format_to(out, "Region {}: {}; skipped\n", id, bad->reason);
+      } else if (regionIds.count(id) != 0) {
+        fmt::format_to(out, "Region {}: not found\n", id);
+      }
+      stream << text;
+      continue;
+    }
+    const RegionScanner& region = *found->second;
+    const RegionHeader& h = region.header();
+    region.snapshot(copy, kPreviewBytes, kCopyAttempts);
+    const std::uint32_t units = h.unitCount;
+    if (!copy.consistent) {
+      fmt::format_to(out, "Region {}: entry size {}, units {}: inconsistent after {} attempts; entries not shown\n", id,
+                     h.unitSize, units, copy.attempts);
+      stream << text;
+      continue;
+    }
+    fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}\n", id, h.unitSize, units,
+                   copy.usedUnits, copy.generation);
+    fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
+    std::size_t next = 0;  // index into copy.used
+    for (std::uint32_t unit = 0; unit < units; ++unit) {
+      const bool used = next < copy.used.size() && copy.used[next] == unit;
+      if (!used && !printEmpty) {
+        // Jump to the next used unit.
+        if (next >= copy.used.size()) {
+          break;
+        }
+        unit = copy.used[next] - 1;
+        continue;
+      }
+      fmt::format_to(out, "  0x{:08x} {:>7} {:>7}  ", Offset::encode(id, unit), unit, h.unitSize);
+      if (used) {
+        appendPreview(text, copy.previews.data() + next * copy.previewBytes, copy.previewBytes);
+        ++next;
+      } else {
+        text += "empty";
+      }
+      text += '\n';
+    }
+    stream << text;
+  }
+}
+
+template class Reader<NoMapScanner>;
+template class QuarryScannerBase<NoMapScanner>;
+
+}  // namespace Quarry

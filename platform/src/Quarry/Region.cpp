@@ -1,0 +1,186 @@
+#include "Quarry/Region.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Beacon/Trace.h"
+#include "Quarry/QuarryReader.h"
+
+namespace Quarry {
+
+namespace Region {
+
+std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName) {
+  static constexpr std::size_t kPrefix = 7;  // "region."
+  if (fileName.size() <= kPrefix || fileName.size() > kPrefix + 4 ||
+      fileName.compare(0, kPrefix, kRegionFilePrefix) != 0 || fileName[kPrefix] == '0') {
+    return 0;
+  }
+  std::uint32_t id = 0;
+  for (std::size_t i = kPrefix; i < fileName.size(); ++i) {
+    const char c = fileName[i];
+    if (c < '0' || c > '9') {
+      return 0;
+    }
+    id = id * 10 + static_cast<std::uint32_t>(c - '0');
+  }
+  if (id > QuarryHeader::kMaxRegionId) {
+    return 0;
+  }
+  Beacon::fmtrace(handler, 9, "Region", "parseRegionId", __LINE__, "Region", "{} is region {}", fileName, id);
+  return id;
+}
+
+}  // namespace Region
+
+RegionReader::~RegionReader() {
+  if (base_ != nullptr) {
+    ::munmap(const_cast<unsigned char*>(base_), size_);
+  }
+}
+
+bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std::string& error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    error = std::strerror(errno);
+    return false;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    error = std::strerror(errno);
+    ::close(fd);
+    return false;
+  }
+  const auto fileSize = static_cast<unsigned long long>(st.st_size);
+  if (fileSize < sizeof(RegionHeader)) {
+    error = "file is " + std::to_string(fileSize) + " bytes, shorter than a region header";
+    ::close(fd);
+    return false;
+  }
+  if (fileSize > SIZE_MAX) {
+    error = "file too large to map";
+    ::close(fd);
+    return false;
+  }
+  void* base = ::mmap(nullptr, static_cast<std::size_t>(fileSize), PROT_READ, MAP_SHARED, fd, 0);
+  ::close(fd);
+  if (base == MAP_FAILED) {
+    error = std::string("mmap: ") + std::strerror(errno);
+    return false;
+  }
+  base_ = static_cast<const unsigned char*>(base);
+  size_ = static_cast<std::size_t>(fileSize);
+
+  // The fixed fields never change once the file is in place; they are
+  // checked once here, so later reads stay inside the mapping.
+  const RegionHeader& h = header();
+  RegionLayout layout;
+  if (h.magic != RegionHeader::kMagic || h.version != RegionHeader::kVersion) {
+    error = "bad magic or version";
+  } else if (h.regionId != expectedId) {
+    error = "header names region " + std::to_string(h.regionId);
+  } else if (h.bitmapOffset != RegionHeader::kBitmapOffset || h.unitCount > (1U << 20) ||
+             !regionLayout(h.unitCount, h.unitSize, h.pageSize, layout) || h.dataOffset != layout.dataOffset) {
+    error = "inconsistent layout";
+  } else if (layout.fileSize > fileSize) {
+    error = "file is " + std::to_string(fileSize) + " bytes, header claims " + std::to_string(layout.fileSize);
+  } else {
+    return true;
+  }
+  ::munmap(const_cast<unsigned char*>(base_), size_);
+  base_ = nullptr;
+  size_ = 0;
+  return false;
+}
+
+void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts) const {
+  const RegionHeader& h = header();
+  const std::uint32_t units = h.unitCount;
+  const std::uint32_t unitSize = h.unitSize;
+  const std::size_t bitmapBytes = (static_cast<std::size_t>(units) + 7) / 8;
+  const unsigned preview = previewBytes < unitSize ? previewBytes : unitSize;
+  out.previewBytes = preview;
+  out.consistent = false;
+  out.attempts = 0;
+  out.bitmap.resize(bitmapBytes);
+  for (unsigned attempt = 0; attempt < attempts; ++attempt) {
+    out.attempts = attempt + 1;
+    const std::uint64_t before = __atomic_load_n(&h.generation, __ATOMIC_ACQUIRE);
+    const bool last = attempt + 1 == attempts;
+    if ((before & 1U) != 0 && !last) {
+      ::sched_yield();
+      continue;
+    }
+    out.generation = before;
+    out.usedUnits = __atomic_load_n(&h.usedUnits, __ATOMIC_RELAXED);
+    std::memcpy(out.bitmap.data(), base_ + h.bitmapOffset, bitmapBytes);
+    out.used.clear();
+    out.previews.clear();
+    for (std::size_t byte = 0; byte < bitmapBytes; ++byte) {
+      const unsigned bits = out.bitmap[byte];
+      if (bits == 0) {
+        continue;
+      }
+      for (unsigned bit = 0; bit < 8; ++bit) {
+        const auto unit = static_cast<std::uint32_t>(byte * 8 + bit);
+        if (unit < units && ((bits >> bit) & 1U) != 0) {
+          out.used.push_back(unit);
+        }
+      }
+    }
+    if (preview > 0) {
+      out.previews.resize(out.used.size() * preview);
+      for (std::size_t i = 0; i < out.used.size(); ++i) {
+        std::memcpy(out.previews.data() + i * preview,
+                    base_ + h.dataOffset + static_cast<std::uint64_t>(out.used[i]) * unitSize, preview);
+      }
+    }
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    const std::uint64_t after = __atomic_load_n(&h.generation, __ATOMIC_RELAXED);
+    if (after == before && (before & 1U) == 0) {
+      out.consistent = true;
+      return;
+    }
+  }
+}
+
+std::uint32_t RegionScanner::numFreePages(const RegionSnapshot& snapshot) const {
+  const RegionHeader& h = header();
+  const std::uint64_t unitSize = h.unitSize;
+  const std::uint64_t page = h.pageSize;
+  const std::uint64_t area = static_cast<std::uint64_t>(h.unitCount) * unitSize;
+  const std::uint64_t pages = (area + page - 1) / page;
+  if (unitSize == 0) {
+    return static_cast<std::uint32_t>(pages);
+  }
+  // Used units in ascending order touch ascending page ranges; count each
+  // touched page once.
+  std::uint64_t touched = 0;
+  std::uint64_t nextUntouched = 0;
+  for (std::uint32_t unit : snapshot.used) {
+    std::uint64_t first = unit * unitSize / page;
+    const std::uint64_t last = ((unit + 1) * unitSize - 1) / page;
+    if (first < nextUntouched) {
+      first = nextUntouched;
+    }
+    if (first <= last) {
+      touched += last - first + 1;
+      nextUntouched = last + 1;
+    }
+  }
+  return static_cast<std::uint32_t>(pages - touched);
+}
+
+std::uint32_t RegionScanner::numFreePages() const {
+  RegionSnapshot copy;
+  snapshot(copy, 0, QuarryScannerBase<NoMapScanner>::kCopyAttempts);
+  return numFreePages(copy);
+}
+
+}  // namespace Quarry

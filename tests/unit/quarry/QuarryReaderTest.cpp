@@ -1,0 +1,191 @@
+#include <sys/inotify.h>
+#include <sys/stat.h>
+
+#include <vector>
+
+#include "Quarry/QuarryReader.h"
+#include "Quarry/Region.h"
+#include "QuarryFixture.h"
+
+using Scanner = Quarry::QuarryScannerBase<Quarry::NoMapScanner>;
+
+class QuarryReaderTest : public QuarryTest::TableDir {
+ protected:
+  std::unique_ptr<Scanner> attached() {
+    auto scanner = std::make_unique<Scanner>(handler_, root_, "");
+    EXPECT_TRUE(scanner->initialize());
+    scanner->attachRegions();
+    return scanner;
+  }
+};
+
+TEST_F(QuarryReaderTest, InitializeFailsWithoutTheAllocatorFile) {
+  ASSERT_EQ(::unlink(root_.fullPath("quarry").c_str()), 0);
+  Scanner scanner(handler_, root_, "");
+  EXPECT_FALSE(scanner.initialize());
+}
+
+TEST_F(QuarryReaderTest, InitializeFailsOnAShortAllocatorFile) {
+  ASSERT_EQ(::truncate(root_.fullPath("quarry").c_str(), 63), 0);
+  Scanner scanner(handler_, root_, "");
+  EXPECT_FALSE(scanner.initialize());
+}
+
+TEST_F(QuarryReaderTest, InitializeFailsOnABadMagic) {
+  {
+    std::fstream out(root_.fullPath("quarry"), std::ios::binary | std::ios::in | std::ios::out);
+    out.write("HRNQUARX", 8);
+  }
+  Scanner scanner(handler_, root_, "");
+  EXPECT_FALSE(scanner.initialize());
+}
+
+TEST_F(QuarryReaderTest, InitializeWatchesTheTableDirectory) {
+  Scanner scanner(handler_, root_, "");
+  ASSERT_TRUE(scanner.initialize());
+  EXPECT_TRUE(scanner.watching());
+}
+
+TEST_F(QuarryReaderTest, AttachRegionsAttachesEveryRegionFile) {
+  region(64, 4);
+  region(128, 4);
+  region(256, 4);
+  auto scanner = attached();
+  EXPECT_EQ(scanner->attachedRegions(), 3U);
+  EXPECT_TRUE(scanner->badRegions().empty());
+}
+
+TEST_F(QuarryReaderTest, CreateAndModifyEventsAreOnlyCounted) {
+  region(64, 4);
+  auto scanner = attached();
+  scanner->notify("region.1", IN_CREATE);
+  scanner->notify("region.1", IN_MODIFY);
+  scanner->notify("region.2", IN_CREATE);
+  EXPECT_EQ(scanner->notificationsSeen(), 3U);
+  EXPECT_EQ(scanner->attachedRegions(), 1U);
+  EXPECT_EQ(scanner->detachedRegions(), 0U);
+}
+
+TEST_F(QuarryReaderTest, DeletionOfAKnownRegionDetachesItAndCallsTheCallback) {
+  region(64, 4);
+  region(64, 4);
+  auto scanner = attached();
+  std::vector<std::uint32_t> detached;
+  scanner->setOnRegionDetached([&detached](std::uint32_t id) { detached.push_back(id); });
+  scanner->notify("region.2", IN_DELETE);
+  EXPECT_EQ(detached, std::vector<std::uint32_t>{2});
+  EXPECT_EQ(scanner->attachedRegions(), 1U);
+  EXPECT_FALSE(scanner->isAttached(2));
+  EXPECT_EQ(scanner->detachedRegions(), 1U);
+  EXPECT_EQ(scanner->notificationsSeen(), 1U);
+}
+
+TEST_F(QuarryReaderTest, DeletionOfANonRegionNameIsIgnored) {
+  region(64, 4);
+  auto scanner = attached();
+  bool called = false;
+  scanner->setOnRegionDetached([&called](std::uint32_t) { called = true; });
+  scanner->notify("relay.1", IN_DELETE);
+  scanner->notify("region.01", IN_DELETE);
+  EXPECT_FALSE(called);
+  EXPECT_EQ(scanner->notificationsSeen(), 2U);
+  EXPECT_EQ(scanner->attachedRegions(), 1U);
+}
+
+TEST_F(QuarryReaderTest, DeletionOfAnUnknownRegionIsTracedAsBogus) {
+  handler_.setMask(1U << 5);
+  auto scanner = attached();
+  ::testing::internal::CaptureStderr();
+  scanner->notify("region.77", IN_DELETE);
+  const std::string traced = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(traced.find("saw notify of region.77 flags:512"), std::string::npos) << traced;
+  EXPECT_NE(traced.find("saw bogus file: region.77"), std::string::npos) << traced;
+  EXPECT_EQ(scanner->detachedRegions(), 0U);
+}
+
+TEST_F(QuarryReaderTest, NotifyTracesNothingBelowLevelFive) {
+  handler_.setMask(1U << 3);
+  auto scanner = attached();
+  ::testing::internal::CaptureStderr();
+  scanner->notify("region.77", IN_DELETE);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(QuarryReaderTest, DetachedRegionsAreParkedWhenRetirementIsOn) {
+  region(64, 4);
+  region(64, 4);
+  auto scanner = attached();
+  scanner->enableRetiredRegions();
+  scanner->notify("region.1", IN_DELETE);
+  const Quarry::RetiredRegions* retired = scanner->retiredRegions();
+  ASSERT_NE(retired, nullptr);
+  EXPECT_EQ(retired->parked.size(), 1U);
+  EXPECT_EQ(retired->parked[0]->id(), 1U);
+  ASSERT_EQ(retired->byId.count(1), 1U);
+  EXPECT_EQ(retired->byId.at(1), nullptr);
+  EXPECT_NE(retired->byId.at(2), nullptr);
+  EXPECT_EQ(scanner->attachedRegions(), 1U);
+}
+
+TEST_F(QuarryReaderTest, RealDeletionIsSeenThroughTheWatch) {
+  region(64, 4);
+  region(64, 4);
+  auto scanner = attached();
+  std::vector<std::uint32_t> detached;
+  scanner->setOnRegionDetached([&detached](std::uint32_t id) { detached.push_back(id); });
+  ASSERT_TRUE(writer_->deleteRegion(1));
+  scanner->pollEvents();
+  EXPECT_EQ(detached, std::vector<std::uint32_t>{1});
+  EXPECT_FALSE(scanner->isAttached(1));
+  EXPECT_TRUE(scanner->isAttached(2));
+}
+
+TEST_F(QuarryReaderTest, DestructionTracesDetachAtLevelThree) {
+  region(64, 4);
+  handler_.setMask(1U << 3);
+  auto scanner = attached();
+  ::testing::internal::CaptureStderr();
+  scanner.reset();
+  const std::string traced = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(traced.find("detach"), std::string::npos) << traced;
+  EXPECT_NE(traced.find("QuarryReader"), std::string::npos) << traced;
+}
+
+TEST_F(QuarryReaderTest, EmptyDetachCallbackIsFatal) {
+  region(64, 4);
+  EXPECT_DEATH(
+      {
+        auto scanner = attached();
+        scanner->setOnRegionDetached(nullptr);
+        scanner->notify("region.1", IN_DELETE);
+      },
+      "bad function call");
+}
+
+TEST_F(QuarryReaderTest, ShortRegionFileIsReportedAndSkipped) {
+  region(4096, 8);
+  region(64, 4);
+  ASSERT_EQ(::truncate(root_.fullPath("region.1").c_str(), 4096), 0);
+  auto scanner = attached();
+  EXPECT_EQ(scanner->attachedRegions(), 1U);
+  ASSERT_EQ(scanner->badRegions().size(), 1U);
+  EXPECT_EQ(scanner->badRegions()[0].id, 1U);
+  EXPECT_NE(scanner->badRegions()[0].reason.find("header claims"), std::string::npos);
+}
+
+TEST_F(QuarryReaderTest, RegionWhoseHeaderNamesAnotherIdIsSkipped) {
+  region(64, 4);
+  ASSERT_EQ(::rename(root_.fullPath("region.1").c_str(), root_.fullPath("region.9").c_str()), 0);
+  auto scanner = attached();
+  EXPECT_EQ(scanner->attachedRegions(), 0U);
+  ASSERT_EQ(scanner->badRegions().size(), 1U);
+  EXPECT_EQ(scanner->badRegions()[0].reason, "header names region 1");
+}
+
+TEST_F(QuarryReaderTest, ThousandsOfScannersInSequenceDoNotLeakInotifyInstances) {
+  for (int i = 0; i < 3000; ++i) {
+    Scanner scanner(handler_, root_, "");
+    ASSERT_TRUE(scanner.initialize());
+    ASSERT_TRUE(scanner.watching()) << "inotify instance " << i;
+  }
+}
