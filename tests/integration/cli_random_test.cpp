@@ -4,6 +4,7 @@
 // Output files only ever go into a temporary directory.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <random>
@@ -170,7 +171,9 @@ TEST(CliRandom, RandomCommandLinesEndWithStatusZeroOrOne) {
     }
   }
   RecordProperty("commandLines", done);
-  EXPECT_GE(done, runs / 4) << "too few command lines in the time budget";
+  // A floor that even a sanitized build on a busy machine clears easily;
+  // it only guards against a test that runs (almost) nothing.
+  EXPECT_GE(done, std::min(runs, 50)) << "too few command lines in the time budget";
 }
 
 }  // namespace

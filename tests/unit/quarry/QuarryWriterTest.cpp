@@ -125,9 +125,10 @@ TEST_F(QuarryWriterTest, FullRegionAllocatesTombstone) {
 TEST_F(QuarryWriterTest, AllocateFittingPicksTheSmallestUnitThatHolds) {
   const std::uint32_t big = region(4096, 2);
   const std::uint32_t small = region(64, 1);
-  EXPECT_EQ(Offset::regionId(writer_->allocateFitting("x", 40)), small);
-  EXPECT_EQ(Offset::regionId(writer_->allocateFitting("x", 40)), big);
-  EXPECT_EQ(writer_->allocateFitting("x", 5000), Offset::TOMBSTONED);
+  const std::string payload(5000, 'x');
+  EXPECT_EQ(Offset::regionId(writer_->allocateFitting(payload.data(), 40)), small);
+  EXPECT_EQ(Offset::regionId(writer_->allocateFitting(payload.data(), 40)), big);
+  EXPECT_EQ(writer_->allocateFitting(payload.data(), 5000), Offset::TOMBSTONED);
 }
 
 TEST_F(QuarryWriterTest, DeleteRegionRemovesTheFileAndCountsItsUnitsReleased) {
