@@ -134,3 +134,31 @@ TEST(EmberId, PrintsPidDotInstanceInDecimal) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Ember, WriterReplacesAnUnreadableFileWithAFreshIdentity) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), std::string(64, '\x7f')));
+  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  std::string error;
+  ASSERT_TRUE(writer.open(error)) << error;
+  EmberHeader header{};
+  ASSERT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Ok);
+  EXPECT_EQ(header.current.instanceId, 0);
+  EXPECT_EQ(header.restarts, 0U);
+  EXPECT_EQ(header.reserved[0], 0U);
+  EXPECT_EQ(header.reserved[1], 0U);
+  EXPECT_EQ(header.reserved[2], 0U);
+}
+
+TEST(Ember, WriterRefusesAFileShorterThanTheHeader) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), "short"));
+  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  std::string error;
+  EXPECT_FALSE(writer.open(error));
+  EXPECT_FALSE(error.empty());
+}
+
+}  // namespace
