@@ -7,13 +7,14 @@
 
 #include <ostream>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
-#include "Beacon/DirNode.h"
 #include "Beacon/Debuggable.h"
+#include "Beacon/DirNode.h"
 #include "Beacon/Export.h"
 #include "Mem/RootPath.h"
 #include "model/Model.h"
@@ -24,9 +25,20 @@ class QuarryHelperScanner;
 class RelayHelperScanner;
 
 // One mapping of one heron file by one process.
+// A null C string is a programming error: rejected as the old library did.
+inline std::string copyRequiredText(const char* text) {
+  if (text == nullptr) {
+    throw std::logic_error("basic_string::_S_construct null not valid");
+  }
+  return std::string(text);
+}
+
 struct MmapInfo {
   MmapInfo(int pid, std::string procName, std::string permissions, const char* heronFileType)
-      : pid(pid), procName(std::move(procName)), permissions(std::move(permissions)), heronFileType(heronFileType) {}
+      : pid(pid),
+        procName(std::move(procName)),
+        permissions(std::move(permissions)),
+        heronFileType(copyRequiredText(heronFileType)) {}
 
   // "pid|procName|permissions|heronFileType|"
   std::string toTraceString() const;
@@ -86,6 +98,8 @@ class HERON_EXPORT HeronClientScanner : public Beacon::Debuggable {
   Mem::OrbRootPath rootPath;
   std::string tableName;
   std::string procRoot;
+  // Index of the pid component in "<procRoot>/<pid>/maps" when split on '/'.
+  unsigned pidTokenIndex;
 };
 
 }  // namespace Heron

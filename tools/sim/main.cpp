@@ -16,6 +16,9 @@ constexpr const char* kUsage =
     "  create NAME [--type N] [--type-name TEXT] [--capacity N] [--regions SPEC]\n"
     "                 create a table under $HERON_ROOT (default /dev/shm/heron)\n"
     "  remove NAME    remove a table's files and directory\n"
+    "  shadow NAME [NAME...] [--rw] [--duration SECONDS]\n"
+    "                 map each table's relay.1 and ember read-only (--rw: read-write,\n"
+    "                 as a writer) and wait for SIGTERM/SIGINT or SECONDS\n"
     "\n"
     "All commands honour HERON_ROOT.\n";
 

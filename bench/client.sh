@@ -1,0 +1,124 @@
+#!/usr/bin/env bash
+# Client discovery at scale: heron -A against the floor (bench/client_floor.c),
+# fuser and lsof, side by side in one run, with 100 and then 1,000 extra
+# processes whose maps files are 60-80 lines long (bench/client_mapper.c),
+# some attached to the two bench tables (one of them read-write).
+#
+#   bench/client.sh [BUILD_DIR] [RUNS]      (defaults: build, 7)
+#
+# Prints the median wall time of RUNS runs of each tool at each size, the
+# ratio of each tool to the floor, and the growth from 100 to 1,000.
+set -euo pipefail
+
+BUILD=${1:-build}
+RUNS=${2:-7}
+HERE=$(cd "$(dirname "$0")" && pwd)
+BIN=$(cd "$BUILD/bin" && pwd)
+WORK=$(mktemp -d /tmp/heron-client-bench.XXXXXX)
+PIDS=()
+
+cleanup() {
+  if ((${#PIDS[@]})); then
+    kill "${PIDS[@]}" 2>/dev/null || true
+    wait 2>/dev/null || true
+  fi
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+cc -O2 -o "$WORK/client_floor" "$HERE/client_floor.c"
+cc -O2 -o "$WORK/client_mapper" "$HERE/client_mapper.c"
+cc -O2 -o "$WORK/client_time" "$HERE/client_time.c"
+
+export HERON_ROOT="$WORK/root"
+mkdir -p "$HERON_ROOT" "$WORK/scratch"
+for t in t1 t2; do
+  "$BIN/heron-sim" create "$t" >/dev/null
+  # Stand-ins for the two mapped files where the simulator makes none.
+  [[ -e "$HERON_ROOT/$t/relay.1" ]] || : >"$HERON_ROOT/$t/relay.1"
+  [[ -e "$HERON_ROOT/$t/ember" ]] || head -c 64 /dev/zero >"$HERON_ROOT/$t/ember"
+  truncate -s '>4096' "$HERON_ROOT/$t/ember" 2>/dev/null || true
+done
+for i in $(seq -w 0 29); do head -c 4096 /dev/zero >"$WORK/scratch/lib$i.so"; done
+ROOT=$(realpath "$HERON_ROOT")
+TABLE_FILE="$ROOT/t1/relay.1"
+
+# Spawns processes number $1..$2: the first maps t1 read-write, every tenth
+# maps t1 read-only and every tenth (offset) t2 read-only.
+spawn() {
+  local i
+  for ((i = $1; i <= $2; i++)); do
+    local args=("$WORK/scratch" 26 22)
+    if ((i == 1)); then
+      args+=("$ROOT/t1" rw)
+    elif ((i % 10 == 2)); then
+      args+=("$ROOT/t1")
+    elif ((i % 10 == 3)); then
+      args+=("$ROOT/t2")
+    fi
+    "$WORK/client_mapper" "${args[@]}" &
+    PIDS+=($!)
+  done
+  sleep 1
+}
+
+TOOLS=(floor heron fuser lsof)
+command_of() {
+  case $1 in
+    floor) echo "$WORK/client_floor" ;;
+    heron) echo "$BIN/heron -A" ;;
+    fuser) echo "fuser $TABLE_FILE" ;;
+    lsof) echo "lsof -t $TABLE_FILE" ;;
+  esac
+}
+
+# Median of a list of numbers.
+median() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {printf "%.1f", a[int((NR+1)/2)]}'; }
+
+# RUNS rounds; each round runs every tool once, in turn, so that the load of
+# the (shared) machine falls on all tools alike. Records the median wall time
+# and the median CPU time (user + system) in milliseconds.
+declare -A WALL CPU
+measure() {
+  local size=$1 r tool
+  declare -A walls cpus
+  for ((r = 0; r < RUNS; r++)); do
+    for tool in "${TOOLS[@]}"; do
+      # shellcheck disable=SC2046
+      read -r wall cpu < <("$WORK/client_time" $(command_of "$tool"))
+      walls[$tool]+="$wall "
+      cpus[$tool]+="$cpu "
+    done
+  done
+  for tool in "${TOOLS[@]}"; do
+    # shellcheck disable=SC2086
+    WALL[$tool,$size]=$(median ${walls[$tool]})
+    # shellcheck disable=SC2086
+    CPU[$tool,$size]=$(median ${cpus[$tool]})
+  done
+}
+
+spawn 1 100
+lines=$(wc -l <"/proc/${PIDS[5]}/maps")
+echo "processes on the host: $(ls -d /proc/[0-9]* 2>/dev/null | wc -l) (100 extra; a bench client's maps has $lines lines)"
+measure 100
+spawn 101 1000
+echo "processes on the host: $(ls -d /proc/[0-9]* 2>/dev/null | wc -l) (1000 extra)"
+measure 1000
+
+# Sanity: heron lists every attached bench client.
+listed=$("$BIN/heron" -A 2>/dev/null | grep -A4 "^Heron table \"t1\"" | grep -o -- '-[0-9]*(' | wc -l)
+echo "heron -A lists $listed clients of t1 (expected 101: 1 writer, 100 shadows)"
+
+report() {
+  local -n table=$1
+  printf '\n%s\n%-10s %12s %12s %10s %14s\n' "$2" tool "100 (ms)" "1000 (ms)" growth "vs floor@1000"
+  for tool in "${TOOLS[@]}"; do
+    a=${table[$tool,100]}
+    b=${table[$tool,1000]}
+    printf '%-10s %12s %12s %9.2fx %13.2fx\n' "$tool" "$a" "$b" "$(echo "$b / $a" | bc -l)" \
+      "$(echo "$b / ${table[floor,1000]}" | bc -l)"
+  done
+}
+report WALL "Wall time, median of $RUNS interleaved rounds"
+report CPU "CPU time (user + system), median of $RUNS interleaved rounds"

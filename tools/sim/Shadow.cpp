@@ -1,0 +1,131 @@
+// heron-sim shadow NAME [NAME...] [--rw] [--duration SECONDS]
+//
+// Maps each named table's relay.1 and ember (when the table has one yet)
+// files and waits, so that the client
+// reports have a real process to find. By default the mappings are read-only
+// (O_RDONLY, PROT_READ), as a reader's are; with --rw they are read-write and
+// shared, as the writer's are (for tests of the writer role; nothing is
+// written). Prints "shadow PID attached to PATH" for each table once all are
+// mapped, then waits for
+// SIGTERM or SIGINT, or for --duration seconds.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Sim.h"
+
+namespace Sim {
+
+namespace {
+
+// One file mapped for the lifetime of the object.
+class Mapping {
+ public:
+  Mapping() = default;
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping() {
+    if (address_ != MAP_FAILED) {
+      ::munmap(address_, length_);
+    }
+  }
+
+  bool map(const std::string& path, bool readWrite, std::string& error) {
+    int fd = ::open(path.c_str(), readWrite ? O_RDWR : O_RDONLY);
+    if (fd < 0) {
+      error = path + ": " + std::strerror(errno);
+      return false;
+    }
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+      error = path + ": " + std::strerror(errno);
+      ::close(fd);
+      return false;
+    }
+    // An empty file still gets a one-page mapping (never touched), so that
+    // the process shows up in its maps file.
+    long page = ::sysconf(_SC_PAGESIZE);
+    length_ = status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : static_cast<std::size_t>(page);
+    address_ = ::mmap(nullptr, length_, readWrite ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+    int mapErrno = errno;
+    ::close(fd);
+    if (address_ == MAP_FAILED) {
+      error = path + ": mmap: " + std::strerror(mapErrno);
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  void* address_ = MAP_FAILED;
+  std::size_t length_ = 0;
+};
+
+}  // namespace
+
+int commandShadow(const std::string& name, const Options& options) {
+  bool ok = true;
+  unsigned long long duration = options.number("duration", 0, ok);
+  if (!ok) {
+    std::cerr << "heron-sim shadow: --duration needs a number of seconds\n";
+    return 2;
+  }
+  const bool readWrite = options.has("rw");
+  // Block the stop signals before anything else, so none is lost between
+  // the announcement and the wait.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGINT);
+  sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  std::vector<std::string> names{name};
+  names.insert(names.end(), options.positional.begin(), options.positional.end());
+  std::vector<std::string> paths;
+  // Two mappings per table, released when the command returns.
+  std::vector<std::unique_ptr<Mapping>> mappings;
+  for (const std::string& tableName : names) {
+    Mem::OrbRootPath root(handler(), tableName, false);
+    for (const char* file : {"relay.1", "ember"}) {
+      // A table whose writer never ran has no ember yet: nothing to map.
+      struct stat status {};
+      if (std::strcmp(file, "ember") == 0 && ::stat(root.fullPath(file).c_str(), &status) != 0) {
+        continue;
+      }
+      mappings.push_back(std::make_unique<Mapping>());
+      std::string error;
+      if (!mappings.back()->map(root.fullPath(file), readWrite, error)) {
+        std::cerr << "heron-sim shadow: " << error << '\n';
+        return 1;
+      }
+    }
+    paths.push_back(root.path());
+  }
+  for (const std::string& path : paths) {
+    std::cout << "shadow " << ::getpid() << " attached to " << path << '\n';
+  }
+  std::cout.flush();
+
+  if (duration == 0) {
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+  } else {
+    struct timespec timeout {};
+    timeout.tv_sec = static_cast<time_t>(duration);
+    while (sigtimedwait(&stopSignals, nullptr, &timeout) < 0 && errno == EINTR) {
+    }
+  }
+  return 0;
+}
+
+}  // namespace Sim
