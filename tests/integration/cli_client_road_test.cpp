@@ -8,6 +8,47 @@
 namespace HeronTest {
 namespace {
 
+// The reports cover the whole host: tables of other collections (shown by
+// absolute path) come and go with other processes, and so do the notes on
+// standard error about their readers. Only what concerns this test's own
+// root is compared.
+std::string ownBlocks(const std::string& report) {
+  std::string kept;
+  std::size_t at = 0;
+  while (at < report.size()) {
+    std::size_t end = report.find("\n\n", at);
+    std::size_t stop = end == std::string::npos ? report.size() : end + 2;
+    std::string block = report.substr(at, stop - at);
+    if (block.find("Heron table \"/") == std::string::npos) {
+      kept += block;
+    }
+    at = stop;
+  }
+  return kept;
+}
+
+std::string ownErrors(const std::string& err) {
+  std::string kept;
+  std::size_t at = 0;
+  while (at < err.size()) {
+    std::size_t end = err.find('\n', at);
+    std::size_t stop = end == std::string::npos ? err.size() : end + 1;
+    std::string line = err.substr(at, stop - at);
+    if (line.rfind("cannot populate heron table from ", 0) != 0) {
+      kept += line;
+    }
+    at = stop;
+  }
+  return kept;
+}
+
+RunResult own(const RunResult& result) {
+  RunResult kept = result;
+  kept.out = ownBlocks(result.out);
+  kept.err = ownErrors(result.err);
+  return kept;
+}
+
 class CliClientRoad : public CliTest {
  protected:
   void SetUp() override { ASSERT_TRUE(root.create("tab")); }
@@ -19,8 +60,8 @@ class CliClientRoad : public CliTest {
     RunResult first;
     RunResult second;
     for (int attempt = 0; attempt < 3; ++attempt) {
-      first = heron(a);
-      second = heron(b);
+      first = own(heron(a));
+      second = own(heron(b));
       if (first.exited() && same(second, first.out, first.err, first.status)) {
         break;
       }
@@ -61,9 +102,9 @@ TEST_F(CliClientRoad, ReportGoesToTheOutputFile) {
   RunResult toStdout;
   RunResult toFile;
   for (int attempt = 0; attempt < 3; ++attempt) {
-    toStdout = heron({"-A"});
-    toFile = heron({"-A", "-f", file});
-    if (toFile.out + readFile(file) == toStdout.out) {
+    toStdout = own(heron({"-A"}));
+    toFile = own(heron({"-A", "-f", file}));
+    if (ownBlocks(toFile.out + readFile(file)) == toStdout.out) {
       break;
     }
   }
@@ -72,7 +113,7 @@ TEST_F(CliClientRoad, ReportGoesToTheOutputFile) {
   ASSERT_TRUE(toFile.exited()) << toFile.describe();
   EXPECT_EQ(toFile.status, toStdout.status);
   EXPECT_EQ(toFile.err, toStdout.err);
-  EXPECT_EQ(toFile.out + readFile(file), toStdout.out);
+  EXPECT_EQ(ownBlocks(toFile.out + readFile(file)), toStdout.out);
 }
 
 }  // namespace
