@@ -4,8 +4,9 @@
 // its path relative to the root. Matching:
 //   ""                    every table
 //   contains * ? or [     fnmatch glob; '*' may cross '/'
-//   absolute path         made relative to the root first; an absolute path
-//                         outside the root matches when it is itself a table
+//   absolute path         made relative to the root first (the root itself
+//                         is every table); an absolute path outside the
+//                         root matches when it is itself a table
 //   anything else         the names that begin with it
 // Matches are in byte order of their names. Symlinked directories are not
 // followed.

@@ -31,7 +31,9 @@ class OwnerFile : public Beacon::Debuggable {
     char typeName[32];
     char hostname[64];
 
-    // Several lines, each "\t<field>: <value>", no trailing line end.
+    // "Owner file:" then one line per field, each "\t<Field>: <value>"
+    // (magic in hexadecimal with its text, type number with its name,
+    // creation time in ns); no line end after the last line.
     std::string toPrettyString() const;
   };
 

@@ -67,7 +67,11 @@ void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {
 
   if (!pattern.empty() && pattern.front() == '/') {
     std::string absolute = canonical(pattern);
-    if (absolute.size() > root.size() && absolute.compare(0, root.size(), root) == 0 && absolute[root.size()] == '/') {
+    if (absolute == root) {
+      // The root itself: every table in it.
+      pattern.clear();
+    } else if (absolute.size() > root.size() && absolute.compare(0, root.size(), root) == 0 &&
+               absolute[root.size()] == '/') {
       pattern = absolute.substr(root.size() + 1);
     } else {
       // Outside the root: the path names a table by itself, or nothing.
@@ -84,7 +88,8 @@ void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {
 
   bool glob = pattern.find_first_of("*?[") != std::string::npos;
   for (const std::string& name : names) {
-    bool match = glob ? ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0 : name.compare(0, pattern.size(), pattern) == 0;
+    bool match =
+        glob ? ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0 : name.compare(0, pattern.size(), pattern) == 0;
     if (match) {
       matches_.push_back(name);
     }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <ctime>
 
 #include "Beacon/Util.h"
@@ -54,7 +55,9 @@ bool EmberWriter::open(std::string& error) {
   }
   header_ = static_cast<EmberHeader*>(file_.writableBase());
   auto pid = static_cast<std::uint32_t>(::getpid());
-  if (fresh || header_->magic != EmberHeader::kMagic) {
+  if (fresh || header_->magic != EmberHeader::kMagic || header_->version != EmberHeader::kVersion) {
+    // A new identity: everything but the fields set below is zero.
+    std::memset(static_cast<void*>(header_), 0, sizeof *header_);
     header_->version = EmberHeader::kVersion;
     header_->current = EmberId{static_cast<std::uint16_t>(pid & 0xFFFFU), 0};
     header_->restarts = 0;

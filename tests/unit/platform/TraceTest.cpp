@@ -62,3 +62,46 @@ TEST(Trace, OneHandlerPerComponent) {
 TEST(TraceDeathTest, FatalAssertionPrintsMessageAndLocation) {
   EXPECT_DEATH(Beacon::fmassert(false, "Src", "fn", 42, "Cls", "broken {}", 7), "FATAL Cls::fn \\(Src:42\\): broken 7");
 }
+
+TEST(TraceMask, DecimalAndOctalForms) {
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("32", "X"), 32U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("X=0x20,Y=7", "Y"), 7U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask("-1", "X"), 0U);
+}
+
+TEST(TraceMask, EnvironmentSetsTheMaskOfANewHandler) {
+  ::setenv("BEACON_TRACE", "EnvTraced=0x220,Other=1", 1);
+  auto traced = Beacon::Platform::getDebugHandler("EnvTraced", false);
+  auto other = Beacon::Platform::getDebugHandler("EnvUntraced", false);
+  ::unsetenv("BEACON_TRACE");
+  EXPECT_EQ(traced->mask(), 0x220U);
+  EXPECT_TRUE(traced->enabled(5));
+  EXPECT_TRUE(traced->enabled(9));
+  EXPECT_FALSE(traced->enabled(0));
+  EXPECT_EQ(other->mask(), 0U);
+}
+
+TEST(Trace, LevelsBeyondTheMaskAreOff) {
+  Beacon::Platform::DebugHandler handler("TraceTest", ~0ULL);
+  EXPECT_TRUE(handler.enabled(63));
+  EXPECT_FALSE(handler.enabled(64));
+  EXPECT_FALSE(handler.enabled(1000));
+}
+
+TEST(Trace, LineCarriesComponentLevelClassFunctionSourceAndLine) {
+  Beacon::Platform::DebugHandler handler("Comp", 1U << 9);
+  testing::internal::CaptureStderr();
+  Beacon::fmtrace(handler, 9, "File.cpp", "fn", 12, "Cls", "x={}", 5);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find(" Comp L9 Cls::fn (File.cpp:12) x=5\n"), std::string::npos) << err;
+  EXPECT_EQ(err.back(), '\n');
+  EXPECT_EQ(err.find('\n'), err.size() - 1);
+}
+
+TEST(Trace, StringFormFormatsEvenWhenTracingIsOff) {
+  Beacon::Platform::DebugHandler handler("Off", 0);
+  testing::internal::CaptureStderr();
+  std::string text = Beacon::fmtracestr(handler, "S", "f", 1, "C", "{}-{}", 1, 2);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(text, "1-2");
+}

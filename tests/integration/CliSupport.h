@@ -1,0 +1,100 @@
+// Shared pieces of the heron command-line tests: the help text as the
+// documentation gives it, and a fixture that runs the real heron binary on a
+// fresh collection root.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/Run.h"
+
+namespace HeronTest {
+
+inline const char* const kHelpText =
+    "Description:\n"
+    "   heron is a simple utility that passively walks a Heron collection,\n"
+    "   printing the elements in a nice and orderly fashion.\n"
+    "\n"
+    "Usage:\n"
+    "   heron [OPTIONS] [EXPR]\n"
+    "\n"
+    "   where OPTIONS are optional flags described below, and EXPR is a\n"
+    "   heron collection name, or the full path to a specific collection.\n"
+    "\n"
+    "   -a                  Dump the contents of regions and relay queues\n"
+    "   -d                  Like -s, but with per-region detail sorted by entry\n"
+    "                          size and then by regionId\n"
+    "   -e                  Enable printing of empty entries\n"
+    "   -f <FILE>           Direct output towards a file\n"
+    "   -q                  Dump the contents of the relay queues\n"
+    "   -R                  Dump the contents of the Regions\n"
+    "   -r <REGION_ID>      Dump the contents of the Region with id REGION_ID\n"
+    "   -s                  Print various interesting stats about the collection\n"
+    "                          as well as headers of important files\n"
+    "   -p                  Pretty-print the hierarchy\n"
+    "   -j                  Print the hierarchy as JSON\n"
+    "   -O                  Sort region output by entrySize then by occupancy\n"
+    "   --who, -w           Prints info about processes that are attached to the\n"
+    "                       given collection\n"
+    "   --what, -c <PID>    Prints tables that have a client with the given PID\n"
+    "   --who-all, -A       Prints per-collection info about processes that are\n"
+    "                       attached to every heron collection\n"
+    "\n"
+    "Help:\n"
+    "   --help, -h          Display this helper and exit\n"
+    "\n";
+
+inline const char* const kChrootHint =
+    "The utility must be run from the same directory as the executable that produces the table.\n";
+
+class CliTest : public testing::Test {
+ protected:
+  // Runs heron (argv[0] "heron") with HERON_ROOT set to the fixture's root,
+  // plus `extraEnv`, in `cwd` when given.
+  RunResult heron(const std::vector<std::string>& args, const std::vector<std::string>& extraEnv = {},
+                  const std::string& cwd = "") const {
+    std::vector<std::string> argv = {heronBin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<std::string> env = root.env();
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+    return run(argv, env, cwd, "heron");
+  }
+
+  // Same, with exactly the environment given (no HERON_ROOT unless listed).
+  RunResult heronWithEnv(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                         const std::string& cwd = "") const {
+    std::vector<std::string> argv = {heronBin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, env, cwd, "heron");
+  }
+
+  TempRoot root;
+};
+
+// Checks standard output, standard error and exit status of a run at once
+// (EXPECT_TRUE(same(run, out, err, status))), naming every difference.
+inline testing::AssertionResult same(const RunResult& result, const std::string& out, const std::string& err,
+                                     int status) {
+  bool ok = true;
+  std::string why;
+  if (!result.exited()) {
+    ok = false;
+    why += "\n  ended by " + result.describe();
+  } else if (result.status != status) {
+    ok = false;
+    why += "\n  status " + std::to_string(result.status) + ", expected " + std::to_string(status);
+  }
+  if (result.out != out) {
+    ok = false;
+    why += "\n  stdout:\n[" + result.out + "]\n  expected:\n[" + out + "]";
+  }
+  if (result.err != err) {
+    ok = false;
+    why += "\n  stderr:\n[" + result.err + "]\n  expected:\n[" + err + "]";
+  }
+  return ok ? testing::AssertionSuccess() : testing::AssertionFailure() << why;
+}
+
+}  // namespace HeronTest

@@ -1,0 +1,151 @@
+// libheron.so exports the utility's three names and nothing else of the
+// project: everything else is built with hidden visibility.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/Run.h"
+
+namespace HeronTest {
+namespace {
+
+// The names of the dynamic symbols the library defines, demangled or not.
+std::vector<std::string> exportedNames(bool demangle) {
+  std::vector<std::string> argv = {"/usr/bin/nm", "-D", "--defined-only"};
+  if (demangle) {
+    argv.push_back("-C");
+  }
+  argv.push_back(heronLib());
+  RunResult result = run(argv, {"PATH=/usr/bin:/bin"});
+  EXPECT_TRUE(result.exited() && result.status == 0) << result.describe() << result.err;
+  std::vector<std::string> names;
+  std::istringstream lines(result.out);
+  std::string line;
+  while (std::getline(lines, line)) {
+    // "<address> <type> <name>"; a demangled name may contain blanks.
+    std::size_t first = line.find(' ');
+    std::size_t second = first == std::string::npos ? first : line.find(' ', first + 1);
+    if (second != std::string::npos) {
+      names.push_back(line.substr(second + 1));
+    }
+  }
+  return names;
+}
+
+// Where a mangled name lives: its outermost scope and the name inside it
+// ("Heron" and "main" for Heron::main). Virtual tables, type information and
+// guard variables are classified by the entity they belong to.
+struct Scope {
+  bool cxx = false;
+  bool standard = false;  // std:: (or one of its abbreviations)
+  std::string outer;
+  std::string inner;
+};
+
+bool readIdentifier(const std::string& name, std::size_t& at, std::string& out) {
+  std::size_t length = 0;
+  std::size_t digits = at;
+  while (digits < name.size() && std::isdigit(static_cast<unsigned char>(name[digits])) != 0) {
+    length = length * 10 + static_cast<std::size_t>(name[digits] - '0');
+    ++digits;
+  }
+  if (digits == at || digits + length > name.size()) {
+    return false;
+  }
+  out = name.substr(digits, length);
+  at = digits + length;
+  return true;
+}
+
+Scope scopeOf(const std::string& name) {
+  Scope scope;
+  if (name.compare(0, 2, "_Z") != 0) {
+    return scope;
+  }
+  scope.cxx = true;
+  std::size_t at = 2;
+  if (name.compare(at, 2, "GV") == 0 || (name.compare(at, 1, "T") == 0 && name.size() > at + 1 &&
+                                         std::string("VISTC").find(name[at + 1]) != std::string::npos)) {
+    at += 2;
+  }
+  bool nested = at < name.size() && name[at] == 'N';
+  if (nested) {
+    ++at;
+    while (at < name.size() && std::string("KVrRO").find(name[at]) != std::string::npos) {
+      ++at;
+    }
+  }
+  if (at < name.size() && name[at] == 'S') {
+    scope.standard = true;
+    return scope;
+  }
+  if (readIdentifier(name, at, scope.outer) && nested) {
+    readIdentifier(name, at, scope.inner);
+  }
+  return scope;
+}
+
+TEST(LibraryExports, ClassifierKnowsWhereNamesLive) {
+  Scope main = scopeOf("_ZN5Heron4mainEiPPc");
+  EXPECT_EQ(main.outer, "Heron");
+  EXPECT_EQ(main.inner, "main");
+  Scope member = scopeOf("_ZNK5Heron18HeronClientScanner14doGetTableInfoEi");
+  EXPECT_EQ(member.inner, "HeronClientScanner");
+  Scope vtable = scopeOf("_ZTVN5Heron18HeronClientScannerE");
+  EXPECT_EQ(vtable.outer, "Heron");
+  EXPECT_EQ(vtable.inner, "HeronClientScanner");
+  Scope global = scopeOf("_Z10printTablev");
+  EXPECT_TRUE(global.cxx);
+  EXPECT_EQ(global.outer, "printTable");
+  EXPECT_EQ(global.inner, "");
+  EXPECT_TRUE(scopeOf("_ZNSt6vectorIiSaIiEE9push_backEv").standard);
+  EXPECT_EQ(scopeOf("_ZN3Mem8RootPathC1Ev").outer, "Mem");
+  EXPECT_FALSE(scopeOf("_init").cxx);
+}
+
+TEST(LibraryExports, OnlyTheThreeNamesOfTheProjectAreExported) {
+  std::vector<std::string> names = exportedNames(false);
+  ASSERT_FALSE(names.empty());
+  const std::set<std::string> project = {"Heron", "Beacon", "Mem", "SharedMem", "Quarry", "Relay", "Tock", "Sim"};
+  const std::set<std::string> exported = {"main", "printHeron", "HeronClientScanner"};
+  for (const std::string& name : names) {
+    Scope scope = scopeOf(name);
+    if (!scope.cxx) {
+      // C names: only runtime and sanitizer symbols, which begin with '_'.
+      EXPECT_EQ(name.compare(0, 1, "_"), 0) << "exported: " << name;
+    } else if (scope.standard || scope.outer == "__gnu_cxx" || scope.outer == "fmt") {
+      // Instantiations of library templates may appear.
+    } else if (project.count(scope.outer) != 0) {
+      EXPECT_TRUE(scope.outer == "Heron" && exported.count(scope.inner) != 0) << "exported: " << name;
+    } else {
+      // Anything else is a name of ours outside every namespace.
+      ADD_FAILURE() << "exported: " << name;
+    }
+  }
+}
+
+TEST(LibraryExports, TheThreeNamesArePresent) {
+  std::set<std::string> found;
+  for (const std::string& name : exportedNames(true)) {
+    found.insert(name);
+  }
+  EXPECT_EQ(found.count("Heron::main(int, char**)"), 1U);
+  bool printHeron = false;
+  bool scannerMember = false;
+  for (const std::string& name : found) {
+    printHeron = printHeron || name.rfind("Heron::printHeron(", 0) == 0;
+    scannerMember = scannerMember || name.rfind("Heron::HeronClientScanner::doGetAllClientInfo(", 0) == 0;
+  }
+  EXPECT_TRUE(printHeron);
+  EXPECT_TRUE(scannerMember);
+  EXPECT_EQ(found.count("Heron::HeronClientScanner::heronFileTypes"), 1U);
+  EXPECT_EQ(found.count("typeinfo for Heron::HeronClientScanner"), 1U);
+  EXPECT_EQ(found.count("vtable for Heron::HeronClientScanner"), 1U);
+}
+
+}  // namespace
+}  // namespace HeronTest

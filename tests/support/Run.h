@@ -1,0 +1,66 @@
+// Runs a program as a child process and captures everything it says.
+//
+// The child gets exactly the environment it is given (plus the sanitizer
+// options of the test process, so that sanitized builds behave), standard
+// input from /dev/null, and its standard output and standard error in two
+// separate pipes. No shell is involved.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace HeronTest {
+
+struct RunResult {
+  std::string out;        // standard output, byte for byte
+  std::string err;        // standard error, byte for byte
+  int status = -1;        // exit status when the child exited, else -1
+  int signal = 0;         // the signal that ended the child, else 0
+  bool timedOut = false;  // killed after the time limit
+
+  bool exited() const { return signal == 0 && !timedOut && status >= 0; }
+  // "status N" / "signal N" / "timed out", for failure messages.
+  std::string describe() const;
+};
+
+// argv[0] is the program path; it is also what the child sees as argv[0]
+// unless `argv0` is given. `env` holds "NAME=value" entries. `cwd`, when not
+// empty, is the child's working directory.
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd = "",
+              const std::string& argv0 = "", int timeoutSeconds = 60);
+
+// The build's binaries: $HERON_BIN/<name> (set by ctest), falling back to
+// build/bin relative to the current directory.
+std::string binary(const std::string& name);
+std::string heronBin();
+std::string simBin();
+// The shared library: $HERON_LIB/libheron.so.
+std::string heronLib();
+
+// A fresh, empty collection root under /tmp, removed (with everything in it)
+// on destruction. The path is canonical, so it is what heron prints.
+class TempRoot {
+ public:
+  TempRoot();
+  ~TempRoot();
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() + "/" + name.
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // {"HERON_ROOT=<path>"}.
+  std::vector<std::string> env() const;
+  // Runs `heron-sim create NAME ARGS...` on this root; true on status 0.
+  bool create(const std::string& name, const std::vector<std::string>& args = {}) const;
+
+ private:
+  std::string path_;
+};
+
+// Whole-file helpers for tests.
+std::string readFile(const std::string& path);
+bool writeFile(const std::string& path, const std::string& bytes);
+bool exists(const std::string& path);
+
+}  // namespace HeronTest

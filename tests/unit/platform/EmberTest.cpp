@@ -1,0 +1,164 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <iomanip>
+#include <sstream>
+#include <string>
+
+#include "Beacon/Platform.h"
+#include "SharedMem/Ember.h"
+#include "SharedMem/EmberId.h"
+#include "support/Run.h"
+
+namespace {
+
+using SharedMem::EmberHeader;
+using SharedMem::LoadStatus;
+
+Beacon::Platform::DebugHandler& handler() {
+  static Beacon::Platform::DebugHandler instance("EmberTest", 0);
+  return instance;
+}
+
+std::string validBytes() {
+  EmberHeader header{};
+  header.magic = EmberHeader::kMagic;
+  header.version = EmberHeader::kVersion;
+  header.current = SharedMem::EmberId{12, 3};
+  header.writerPid = 12;
+  header.restarts = 3;
+  return std::string(reinterpret_cast<const char*>(&header), sizeof header);
+}
+
+TEST(Ember, WriterCreatesAndReaderReads) {
+  HeronTest::TempRoot root;
+  Mem::RootPath table(root.path());
+  std::uint64_t before = SharedMem::nowNs();
+  SharedMem::EmberWriter writer(handler(), table);
+  std::string error;
+  ASSERT_TRUE(writer.open(error)) << error;
+  std::string file = HeronTest::readFile(root.file("ember"));
+  ASSERT_EQ(file.size(), 64U);
+  EXPECT_EQ(file.substr(0, 8), "HRNEMBER");
+
+  EmberHeader header{};
+  ASSERT_EQ(SharedMem::readEmber(table, header), LoadStatus::Ok);
+  auto pid = static_cast<std::uint32_t>(::getpid());
+  EXPECT_EQ(header.version, 1U);
+  EXPECT_EQ(header.current.pid, pid & 0xFFFFU);
+  EXPECT_EQ(header.current.instanceId, 0);
+  EXPECT_EQ(header.writerPid, pid);
+  EXPECT_EQ(header.restarts, 0U);
+  EXPECT_GE(header.startedNs, before);
+  EXPECT_EQ(header.heartbeatNs, header.startedNs);
+  EXPECT_EQ(writer.id().pid, header.current.pid);
+}
+
+TEST(Ember, RestartBumpsInstanceAndRestarts) {
+  HeronTest::TempRoot root;
+  Mem::RootPath table(root.path());
+  std::string error;
+  {
+    SharedMem::EmberWriter first(handler(), table);
+    ASSERT_TRUE(first.open(error)) << error;
+  }
+  SharedMem::EmberWriter second(handler(), table);
+  ASSERT_TRUE(second.open(error)) << error;
+  EmberHeader header{};
+  ASSERT_EQ(SharedMem::readEmber(table, header), LoadStatus::Ok);
+  EXPECT_EQ(header.current.instanceId, 1);
+  EXPECT_EQ(header.restarts, 1U);
+  EXPECT_EQ(second.id().instanceId, 1);
+}
+
+TEST(Ember, HeartbeatMovesForward) {
+  HeronTest::TempRoot root;
+  Mem::RootPath table(root.path());
+  SharedMem::EmberWriter writer(handler(), table);
+  std::string error;
+  ASSERT_TRUE(writer.open(error)) << error;
+  EmberHeader before{};
+  ASSERT_EQ(SharedMem::readEmber(table, before), LoadStatus::Ok);
+  ::usleep(2000);
+  writer.heartbeat();
+  EmberHeader after{};
+  ASSERT_EQ(SharedMem::readEmber(table, after), LoadStatus::Ok);
+  EXPECT_GT(after.heartbeatNs, before.heartbeatNs);
+  EXPECT_EQ(after.startedNs, before.startedNs);
+}
+
+TEST(Ember, ValidFileReads) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), validBytes()));
+  EmberHeader header{};
+  ASSERT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Ok);
+  EXPECT_EQ(header.current.pid, 12);
+  EXPECT_EQ(header.current.instanceId, 3);
+}
+
+TEST(Ember, MissingFileIsNotReadable) {
+  HeronTest::TempRoot root;
+  EmberHeader header{};
+  EXPECT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::NotReady);
+}
+
+TEST(Ember, ShortFileIsNotReadable) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), validBytes().substr(0, 63)));
+  EmberHeader header{};
+  EXPECT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::NotReady);
+}
+
+TEST(Ember, BadMagicIsNotReadable) {
+  HeronTest::TempRoot root;
+  std::string bytes = validBytes();
+  bytes[0] = 'X';
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), bytes));
+  EmberHeader header{};
+  EXPECT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Corrupt);
+}
+
+TEST(Ember, BadVersionIsNotReadable) {
+  HeronTest::TempRoot root;
+  std::string bytes = validBytes();
+  bytes[8] = 2;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), bytes));
+  EmberHeader header{};
+  EXPECT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Incompatible);
+}
+
+TEST(EmberId, PrintsPidDotInstanceInDecimal) {
+  std::ostringstream text;
+  text << std::hex << SharedMem::EmberId{4711, 2} << ' ' << 255;
+  EXPECT_EQ(text.str(), "4711.2 ff");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Ember, WriterReplacesAnUnreadableFileWithAFreshIdentity) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), std::string(64, '\x7f')));
+  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  std::string error;
+  ASSERT_TRUE(writer.open(error)) << error;
+  EmberHeader header{};
+  ASSERT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Ok);
+  EXPECT_EQ(header.current.instanceId, 0);
+  EXPECT_EQ(header.restarts, 0U);
+  EXPECT_EQ(header.reserved[0], 0U);
+  EXPECT_EQ(header.reserved[1], 0U);
+  EXPECT_EQ(header.reserved[2], 0U);
+}
+
+TEST(Ember, WriterRefusesAFileShorterThanTheHeader) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), "short"));
+  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  std::string error;
+  EXPECT_FALSE(writer.open(error));
+  EXPECT_FALSE(error.empty());
+}
+
+}  // namespace

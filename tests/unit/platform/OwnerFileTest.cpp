@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <sstream>
+#include <string>
+
+#include "Beacon/Platform.h"
+#include "SharedMem/OwnerFile.h"
+#include "support/Run.h"
+
+namespace {
+
+using SharedMem::LoadStatus;
+using SharedMem::OwnerFile;
+
+Beacon::Platform::DebugHandler& handler() {
+  static Beacon::Platform::DebugHandler instance("OwnerFileTest", 0);
+  return instance;
+}
+
+OwnerFile::Header validHeader() {
+  OwnerFile::Header header{};
+  header.magic = OwnerFile::kMagic;
+  header.version = OwnerFile::kVersion;
+  header.sharedMemType = SharedMem::Table;
+  header.ownerPid = 4711;
+  header.ember = SharedMem::EmberId{4711, 2};
+  header.createdNs = 1700000000123456789ULL;
+  std::strcpy(header.typeName, "HeronTable");
+  std::strcpy(header.hostname, "box");
+  return header;
+}
+
+std::string bytes(const OwnerFile::Header& header, std::size_t size = sizeof(OwnerFile::Header)) {
+  return std::string(reinterpret_cast<const char*>(&header), size);
+}
+
+void expectUnreadable(const OwnerFile& owner) {
+  EXPECT_EQ(owner.typeName(), "");
+  EXPECT_EQ(owner.sharedMemType(), SharedMem::Unknown);
+  OwnerFile::Header header{};
+  EXPECT_FALSE(owner.header(header));
+}
+
+TEST(OwnerFile, CreateThenReadRoundTrips) {
+  HeronTest::TempRoot root;
+  Mem::RootPath table(root.path());
+  std::string error;
+  ASSERT_TRUE(OwnerFile::create(table, SharedMem::Table, "HeronTable", {77, 3}, error)) << error;
+  EXPECT_EQ(HeronTest::readFile(root.file("owner")).size(), 128U);
+  EXPECT_FALSE(HeronTest::exists(root.file("owner.tmp")));
+
+  OwnerFile owner(handler(), table, false);
+  EXPECT_EQ(owner.status(), LoadStatus::Ok);
+  EXPECT_EQ(owner.typeName(), "HeronTable");
+  EXPECT_EQ(owner.sharedMemType(), SharedMem::Table);
+  OwnerFile::Header header{};
+  ASSERT_TRUE(owner.header(header));
+  EXPECT_EQ(header.magic, OwnerFile::kMagic);
+  EXPECT_EQ(header.version, 1U);
+  EXPECT_EQ(header.ownerPid, static_cast<std::uint32_t>(::getpid()));
+  EXPECT_EQ(header.ember.pid, 77);
+  EXPECT_EQ(header.ember.instanceId, 3);
+  EXPECT_GT(header.createdNs, 1600000000000000000ULL);
+  char host[64] = {};
+  ::gethostname(host, sizeof host - 1);
+  EXPECT_STREQ(header.hostname, host);
+}
+
+TEST(OwnerFile, MagicIsHrnownerInFileOrder) {
+  HeronTest::TempRoot root;
+  std::string error;
+  ASSERT_TRUE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Segment, "Seg", {1, 0}, error)) << error;
+  std::string file = HeronTest::readFile(root.file("owner"));
+  EXPECT_EQ(file.substr(0, 8), "HRNOWNER");
+  EXPECT_EQ(file.substr(32, 4), std::string("Seg\0", 4));
+}
+
+TEST(OwnerFile, CreateRefusesAnExistingOwner) {
+  HeronTest::TempRoot root;
+  std::string error;
+  ASSERT_TRUE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Table, "A", {1, 0}, error)) << error;
+  EXPECT_FALSE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Table, "B", {1, 0}, error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), "A");
+}
+
+TEST(OwnerFile, LongTypeNameIsCutToFitItsField) {
+  HeronTest::TempRoot root;
+  std::string error;
+  ASSERT_TRUE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Table, std::string(40, 'x'), {1, 0}, error));
+  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), std::string(31, 'x'));
+}
+
+TEST(OwnerFile, TypeNameFillingTheWholeFieldIsRead) {
+  HeronTest::TempRoot root;
+  OwnerFile::Header header = validHeader();
+  std::memset(header.typeName, 'y', sizeof header.typeName);
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
+  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), std::string(32, 'y'));
+}
+
+TEST(OwnerFile, MissingFileIsNotReadable) {
+  HeronTest::TempRoot root;
+  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  EXPECT_EQ(owner.status(), LoadStatus::NotReady);
+  expectUnreadable(owner);
+}
+
+TEST(OwnerFile, ShortFileIsNotReadable) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(validHeader(), 127)));
+  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  EXPECT_EQ(owner.status(), LoadStatus::NotReady);
+  expectUnreadable(owner);
+}
+
+TEST(OwnerFile, BadMagicIsNotReadable) {
+  HeronTest::TempRoot root;
+  OwnerFile::Header header = validHeader();
+  header.magic ^= 1;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
+  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  EXPECT_EQ(owner.status(), LoadStatus::Corrupt);
+  expectUnreadable(owner);
+}
+
+TEST(OwnerFile, BadVersionIsNotReadable) {
+  HeronTest::TempRoot root;
+  OwnerFile::Header header = validHeader();
+  header.version = 2;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
+  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  EXPECT_EQ(owner.status(), LoadStatus::Incompatible);
+  expectUnreadable(owner);
+}
+
+TEST(OwnerFile, LongerFileReadsItsFirst128Bytes) {
+  HeronTest::TempRoot root;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(validHeader()) + "trailing"));
+  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), "HeronTable");
+}
+
+TEST(OwnerFile, TypeZeroInAValidFileReadsAsUnknownWithItsText) {
+  HeronTest::TempRoot root;
+  OwnerFile::Header header = validHeader();
+  header.sharedMemType = 0;
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
+  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  EXPECT_EQ(owner.status(), LoadStatus::Ok);
+  EXPECT_EQ(owner.sharedMemType(), SharedMem::Unknown);
+  EXPECT_EQ(owner.typeName(), "HeronTable");
+}
+
+TEST(OwnerFile, EmptyTypeNameInAValidFile) {
+  HeronTest::TempRoot root;
+  OwnerFile::Header header = validHeader();
+  std::memset(header.typeName, 0, sizeof header.typeName);
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
+  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  EXPECT_EQ(owner.sharedMemType(), SharedMem::Table);
+  EXPECT_EQ(owner.typeName(), "");
+}
+
+TEST(OwnerFile, PrettyStringForm) {
+  EXPECT_EQ(validHeader().toPrettyString(),
+            "Owner file:\n"
+            "\tMagic: 0x52454e574f4e5248 (\"HRNOWNER\")\n"
+            "\tVersion: 1\n"
+            "\tType: 2 (table)\n"
+            "\tType name: HeronTable\n"
+            "\tOwner pid: 4711\n"
+            "\tEmber: 4711.2\n"
+            "\tCreated: 1700000000123456789 ns\n"
+            "\tHost: box");
+}
+
+TEST(OwnerFile, PrettyStringOfAnUnknownTypeNumber) {
+  OwnerFile::Header header = validHeader();
+  header.sharedMemType = 9;
+  EXPECT_NE(header.toPrettyString().find("\tType: 9 (9)\n"), std::string::npos) << header.toPrettyString();
+}
+
+TEST(SharedMemType, Names) {
+  std::ostringstream text;
+  text << SharedMem::Unknown << ' ' << SharedMem::Segment << ' ' << SharedMem::Table << ' ' << SharedMem::Archive << ' '
+       << static_cast<SharedMem::SharedMemType>(7);
+  EXPECT_EQ(text.str(), "unknown segment table archive 7");
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "Beacon/Platform.h"
+#include "Mem/TableFinder.h"
+#include "SharedMem/OwnerFile.h"
+#include "support/Run.h"
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+Beacon::Platform::DebugHandler& handler() {
+  static Beacon::Platform::DebugHandler instance("TableFinderTest", 0);
+  return instance;
+}
+
+void makeDirs(const std::string& path) {
+  for (std::size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
+    ::mkdir(path.substr(0, at).c_str(), 0755);
+    if (at == std::string::npos) {
+      break;
+    }
+  }
+}
+
+void makeTable(const HeronTest::TempRoot& root, const std::string& name,
+               SharedMem::SharedMemType type = SharedMem::Table) {
+  makeDirs(root.file(name));
+  std::string error;
+  ASSERT_TRUE(SharedMem::OwnerFile::create(Mem::RootPath(root.file(name)), type, "HeronTable", {1, 0}, error)) << error;
+}
+
+Names find(const HeronTest::TempRoot& root, const char* expr, SharedMem::SharedMemType kind = SharedMem::Table) {
+  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  finder.find(expr, kind);
+  return finder.matches();
+}
+
+class TableFinderTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"tab2", "tab", "b", "a", "B", "table/x", "md/eu/quotes", "xtab"}) {
+      makeTable(root, name);
+    }
+  }
+  HeronTest::TempRoot root;
+};
+
+TEST_F(TableFinderTest, EmptyExprListsEveryTableInByteOrder) {
+  EXPECT_EQ(find(root, ""), (Names{"B", "a", "b", "md/eu/quotes", "tab", "tab2", "table/x", "xtab"}));
+}
+
+TEST_F(TableFinderTest, NullExprListsEveryTable) { EXPECT_EQ(find(root, nullptr).size(), 8U); }
+
+TEST_F(TableFinderTest, ByteOrderPutsHighBytesLast) {
+  makeTable(root, "\xc3\xa9t\xc3\xa9");
+  makeTable(root, "zz");
+  Names all = find(root, "");
+  ASSERT_EQ(all.size(), 10U);
+  EXPECT_EQ(all[8], "zz");
+  EXPECT_EQ(all[9], "\xc3\xa9t\xc3\xa9");
+}
+
+TEST_F(TableFinderTest, PlainExprMatchesNamesBeginningWithIt) {
+  EXPECT_EQ(find(root, "tab"), (Names{"tab", "tab2", "table/x"}));
+  EXPECT_EQ(find(root, "md/eu"), (Names{"md/eu/quotes"}));
+  EXPECT_EQ(find(root, "nope"), Names{});
+}
+
+TEST_F(TableFinderTest, PlainExprIsCaseSensitive) { EXPECT_EQ(find(root, "b"), (Names{"b"})); }
+
+TEST_F(TableFinderTest, GlobStarCrossesSlash) {
+  EXPECT_EQ(find(root, "md*quotes"), (Names{"md/eu/quotes"}));
+  EXPECT_EQ(find(root, "*x"), (Names{"table/x"}));
+}
+
+TEST_F(TableFinderTest, GlobIsAnchoredAtBothEnds) { EXPECT_EQ(find(root, "tab*"), (Names{"tab", "tab2", "table/x"})); }
+
+TEST_F(TableFinderTest, GlobQuestionMarkAndBracket) {
+  EXPECT_EQ(find(root, "tab?"), (Names{"tab2"}));
+  EXPECT_EQ(find(root, "[ab]"), (Names{"a", "b"}));
+}
+
+TEST_F(TableFinderTest, AbsolutePathInsideRootIsMadeRelative) {
+  EXPECT_EQ(find(root, root.file("tab").c_str()), (Names{"tab", "tab2", "table/x"}));
+  EXPECT_EQ(find(root, root.file("md/eu/quotes").c_str()), (Names{"md/eu/quotes"}));
+}
+
+TEST_F(TableFinderTest, AbsoluteGlobInsideRootIsMadeRelative) {
+  EXPECT_EQ(find(root, root.file("t*x").c_str()), (Names{"table/x"}));
+}
+
+TEST_F(TableFinderTest, AbsolutePathOutsideRootNamesItselfWhenATable) {
+  HeronTest::TempRoot other;
+  makeTable(other, "elsewhere");
+  std::string path = other.file("elsewhere");
+  EXPECT_EQ(find(root, path.c_str()), (Names{path}));
+  EXPECT_EQ(find(root, other.path().c_str()), Names{});
+}
+
+TEST_F(TableFinderTest, OnlyTablesOfTheKindAsked) {
+  makeTable(root, "seg", SharedMem::Segment);
+  makeTable(root, "arc", SharedMem::Archive);
+  EXPECT_EQ(find(root, "seg"), Names{});
+  EXPECT_EQ(find(root, "", SharedMem::Segment), (Names{"seg"}));
+  EXPECT_EQ(find(root, "", SharedMem::Archive), (Names{"arc"}));
+}
+
+TEST_F(TableFinderTest, DirectoryWithoutOwnerIsNotATableButIsSearched) {
+  makeDirs(root.file("empty/dir"));
+  EXPECT_EQ(find(root, "empty"), Names{});
+  EXPECT_EQ(find(root, "md"), (Names{"md/eu/quotes"}));
+}
+
+TEST_F(TableFinderTest, UnreadableOwnerIsNotATable) {
+  makeDirs(root.file("short"));
+  ASSERT_TRUE(HeronTest::writeFile(root.file("short/owner"), "HRNOWNER"));
+  EXPECT_EQ(find(root, "short"), Names{});
+}
+
+TEST_F(TableFinderTest, TablesNestedInTablesAreListed) {
+  makeTable(root, "tab/inner");
+  EXPECT_EQ(find(root, "tab/"), (Names{"tab/inner"}));
+}
+
+TEST_F(TableFinderTest, SymlinkedDirectoriesAreNotFollowed) {
+  ASSERT_EQ(::symlink(root.file("md").c_str(), root.file("link").c_str()), 0);
+  EXPECT_EQ(find(root, "link"), Names{});
+  EXPECT_EQ(find(root, "*quotes"), (Names{"md/eu/quotes"}));
+}
+
+TEST_F(TableFinderTest, FindReplacesEarlierMatches) {
+  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  finder.find("tab", SharedMem::Table);
+  finder.find("xtab", SharedMem::Table);
+  EXPECT_EQ(finder.matches(), (Names{"xtab"}));
+}
+
+TEST(TableFinder, MissingRootFindsNothing) {
+  Mem::TableFinder finder(handler(), Mem::RootPath("/nonexistent/heron/root"));
+  finder.find("", SharedMem::Table);
+  EXPECT_TRUE(finder.matches().empty());
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(TableFinderTest, AbsoluteRootItselfListsEveryTable) {
+  EXPECT_EQ(find(root, root.path().c_str()).size(), 8U);
+  EXPECT_EQ(find(root, (root.path() + "/").c_str()).size(), 8U);
+}
+
+}  // namespace

@@ -1,0 +1,134 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <iomanip>
+#include <sstream>
+#include <string>
+
+#include "Beacon/Platform.h"
+#include "Beacon/Util.h"
+#include "Mem/VersionedRef.h"
+#include "Tock/Sequence.h"
+#include "support/Run.h"
+
+namespace {
+
+Beacon::Platform::DebugHandler& handler() {
+  static Beacon::Platform::DebugHandler instance("UtilTest", 0);
+  return instance;
+}
+
+TEST(DecodeMagic, ShowsTheBytesInFileOrder) {
+  EXPECT_EQ(Beacon::Util::decodeMagic(Beacon::Util::encodeMagic("HRNOWNER")), "HRNOWNER");
+  EXPECT_EQ(Beacon::Util::decodeMagic(0x59414c45524e5248ULL), "HRNRELAY");
+  EXPECT_EQ(Beacon::Util::decodeMagic(0x41ULL), "A.......");
+}
+
+TEST(DecodeMagic, UnprintableBytesShowAsDots) {
+  EXPECT_EQ(Beacon::Util::decodeMagic(0), "........");
+  EXPECT_EQ(Beacon::Util::decodeMagic(0xFF7F1F2042ULL), "B ......");
+}
+
+TEST(EncodeMagic, FirstCharacterIsTheLowByte) {
+  static_assert(Beacon::Util::encodeMagic("ABCDEFGH") == 0x4847464544434241ULL, "little-endian file order");
+  EXPECT_EQ(Beacon::Util::encodeMagic("HRNEMBER") & 0xFFU, static_cast<unsigned>('H'));
+}
+
+class ReadPidCmdline : public testing::Test {
+ protected:
+  void fake(int pid, const std::string& bytes) {
+    std::string dir = proc.file(std::to_string(pid));
+    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
+    ASSERT_TRUE(HeronTest::writeFile(dir + "/cmdline", bytes));
+  }
+  std::string read(int pid) { return Beacon::Util::readPidCmdline(handler(), pid, proc.path()); }
+  HeronTest::TempRoot proc;
+};
+
+TEST_F(ReadPidCmdline, NulsBecomeBlanks) {
+  fake(100, std::string("/usr/bin/prog\0-x\0arg two\0", 25));
+  EXPECT_EQ(read(100), "/usr/bin/prog -x arg two");
+}
+
+TEST_F(ReadPidCmdline, NoTrailingBlank) {
+  fake(101, std::string("prog\0\0\0", 7));
+  EXPECT_EQ(read(101), "prog");
+}
+
+TEST_F(ReadPidCmdline, WithoutTerminatingNul) {
+  fake(102, "rewritten title");
+  EXPECT_EQ(read(102), "rewritten title");
+}
+
+TEST_F(ReadPidCmdline, EmptyCmdlineIsEmpty) {
+  fake(103, "");
+  EXPECT_EQ(read(103), "");
+}
+
+TEST_F(ReadPidCmdline, LongCmdlineIsReadWhole) {
+  std::string arg(10000, 'a');
+  fake(104, std::string("prog\0", 5) + arg + std::string("\0", 1));
+  EXPECT_EQ(read(104), "prog " + arg);
+}
+
+TEST_F(ReadPidCmdline, MissingPidIsEmpty) { EXPECT_EQ(read(999), ""); }
+
+TEST(ReadPidCmdlineLive, RealProcess) {
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::execl("/bin/sleep", "/bin/sleep", "30", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  // The cmdline changes from the test binary's to sleep's at exec.
+  std::string text;
+  for (int i = 0; i < 500 && text != "/bin/sleep 30"; ++i) {
+    ::usleep(2000);
+    text = Beacon::Util::readPidCmdline(handler(), child);
+  }
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_EQ(text, "/bin/sleep 30");
+}
+
+TEST(ReadPidCmdlineLive, VanishedProcessIsEmpty) {
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::_exit(0);
+  }
+  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  EXPECT_EQ(Beacon::Util::readPidCmdline(handler(), child), "");
+}
+
+TEST(VersionedRef, PrintsValueThenVersionInDecimal) {
+  std::ostringstream text;
+  text << std::hex << Mem::VersionedRef<unsigned>{3, 1024} << ' ' << 255;
+  EXPECT_EQ(text.str(), "1024 (v3) ff");
+}
+
+TEST(Sequence, PrintsDecimalWhateverTheStreamBase) {
+  std::ostringstream text;
+  text << std::hex << std::setfill('0') << Tock::Sequence{18446744073709551615ULL} << ' ' << 255;
+  EXPECT_EQ(text.str(), "18446744073709551615 ff");
+}
+
+TEST(Time, IsSecondsSinceTheEpoch) {
+  double now = Beacon::time();
+  EXPECT_GT(now, 1.6e9);
+  EXPECT_LE(now, Beacon::time());
+}
+
+TEST(MemoryResourceException, CarriesItsText) {
+  try {
+    Beacon::MemoryResourceException::throwException("remap failed");
+    FAIL() << "no exception";
+  } catch (const Beacon::MemoryResourceException& e) {
+    EXPECT_STREQ(e.what(), "remap failed");
+  }
+}
+
+}  // namespace
