@@ -180,13 +180,44 @@ namespace {
 // One maps file opened for line reading with a large buffer; the buffer must
 // outlive the stream, so both live here.
 struct MapsFile {
-  explicit MapsFile(const std::string& path) : buffer(new char[kMapsReadBuffer]) {
+  void open(const std::string& path) {
+    buffer.reset(new char[kMapsReadBuffer]);
     stream.rdbuf()->pubsetbuf(buffer.get(), static_cast<std::streamsize>(kMapsReadBuffer));
     stream.open(path, std::ios::in);
   }
   std::unique_ptr<char[]> buffer;
   std::ifstream stream;
 };
+
+// The pid, process name and open maps file of one /proc entry, the same for
+// both extraction forms. False, after the documented traces, when the entry
+// is not a process or the process is gone.
+bool openProcessMaps(const HeronClientScanner& scanner, const std::string& pidText, const std::string& mapsPath,
+                     const char* function, long& pid, std::string& procName, MapsFile& file) {
+  const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
+  // errno is not cleared on purpose: a failure left by the directory walk
+  // drops a non-numeric entry that follows it.
+  pid = std::strtol(pidText.c_str(), nullptr, 10);
+  if (pid == 0 && errno != 0) {
+    return false;
+  }
+  procName = scanner.getProcNameForPid(pidText);
+  if (procName.empty()) {
+    return false;
+  }
+  file.open(mapsPath);
+  std::ifstream& stream = file.stream;
+  if (!stream.is_open()) {
+    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "file {} no longer exists", mapsPath);
+    return false;
+  }
+  if (!stream.good()) {
+    Beacon::fmtrace(handler, 0, kSource, function, __LINE__, kClass, "file {} error: eofbit: {} failbit: {} badbit: {}",
+                    mapsPath, stream.eof(), stream.fail(), stream.bad());
+    return false;
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -197,28 +228,13 @@ void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vecto
     Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass,
                     "Extracting mmap info for rootpath: {}, filePath: {}", rootPath.path(), mapsPath);
   }
-  const std::string pidText = getToken(mapsPath, pidTokenIndex, "/");
-  // errno is not cleared on purpose: a failure left by the directory walk
-  // drops a non-numeric entry that follows it.
-  const long pid = std::strtol(pidText.c_str(), nullptr, 10);
-  if (pid == 0 && errno != 0) {
+  long pid = 0;
+  std::string procName;
+  MapsFile file;
+  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, function, pid, procName, file)) {
     return;
   }
-  const std::string procName = getProcNameForPid(pidText);
-  if (procName.empty()) {
-    return;
-  }
-  MapsFile file(mapsPath);
   std::ifstream& stream = file.stream;
-  if (!stream.is_open()) {
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "file {} no longer exists", mapsPath);
-    return;
-  }
-  if (!stream.good()) {
-    Beacon::fmtrace(handler, 0, kSource, function, __LINE__, kClass, "file {} error: eofbit: {} failbit: {} badbit: {}",
-                    mapsPath, stream.eof(), stream.fail(), stream.bad());
-    return;
-  }
   const std::string targetPaths[2] = {rootPath.fullPath(heronFileTypes[0]), rootPath.fullPath(heronFileTypes[1])};
 
   const bool traceLines = handler.enabled(9);
@@ -269,27 +285,13 @@ void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, Tab
     Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass,
                     "Extracting mmap info by table for rootpath: {}, filePath: {}", rootPath.path(), mapsPath);
   }
-  const std::string pidText = getToken(mapsPath, pidTokenIndex, "/");
-  // errno is not cleared on purpose (see extractMmapInfo).
-  const long pid = std::strtol(pidText.c_str(), nullptr, 10);
-  if (pid == 0 && errno != 0) {
+  long pid = 0;
+  std::string procName;
+  MapsFile file;
+  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, function, pid, procName, file)) {
     return;
   }
-  const std::string procName = getProcNameForPid(pidText);
-  if (procName.empty()) {
-    return;
-  }
-  MapsFile file(mapsPath);
   std::ifstream& stream = file.stream;
-  if (!stream.is_open()) {
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "file {} no longer exists", mapsPath);
-    return;
-  }
-  if (!stream.good()) {
-    Beacon::fmtrace(handler, 0, kSource, function, __LINE__, kClass, "file {} error: eofbit: {} failbit: {} badbit: {}",
-                    mapsPath, stream.eof(), stream.fail(), stream.bad());
-    return;
-  }
 
   const bool traceLines = handler.enabled(9);
   std::string line;

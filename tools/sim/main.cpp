@@ -13,7 +13,7 @@ constexpr const char* kUsage =
     "Usage: heron-sim COMMAND [NAME] [options]\n"
     "\n"
     "Commands:\n"
-    "  create NAME [--type N] [--type-name TEXT] [--capacity N] [--regions SPEC]\n"
+    "  create NAME [--type N] [--type-name TEXT] [--capacity N] [--regions LIST]\n"
     "                 create a table under $HERON_ROOT (default /dev/shm/heron)\n"
     "  remove NAME    remove a table's files and directory\n"
     "  write NAME [--rate N | --flat-out] [--duration S] [--grow-every N] [--max-capacity N]\n"

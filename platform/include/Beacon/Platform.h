@@ -41,7 +41,7 @@ class DebugHandler {
 
 // Parses a BEACON_TRACE value for one component. Returns the mask that applies
 // to `component`, 0 when none does or the text is malformed.
-std::uint64_t parseTraceMask(std::string_view spec, std::string_view component);
+std::uint64_t parseTraceMask(std::string_view setting, std::string_view component);
 
 // The handler of a component; the same object for every call with one name.
 // The flag is reserved (callers pass false).

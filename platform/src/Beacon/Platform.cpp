@@ -44,15 +44,15 @@ bool parseNumber(std::string_view text, std::uint64_t& value) {
 
 }  // namespace
 
-std::uint64_t parseTraceMask(std::string_view spec, std::string_view component) {
+std::uint64_t parseTraceMask(std::string_view setting, std::string_view component) {
   std::uint64_t value = 0;
-  if (spec.find('=') == std::string_view::npos) {
-    return parseNumber(spec, value) ? value : 0;
+  if (setting.find('=') == std::string_view::npos) {
+    return parseNumber(setting, value) ? value : 0;
   }
-  while (!spec.empty()) {
-    std::size_t comma = spec.find(',');
-    std::string_view item = spec.substr(0, comma);
-    spec = comma == std::string_view::npos ? std::string_view() : spec.substr(comma + 1);
+  while (!setting.empty()) {
+    std::size_t comma = setting.find(',');
+    std::string_view item = setting.substr(0, comma);
+    setting = comma == std::string_view::npos ? std::string_view() : setting.substr(comma + 1);
     std::size_t eq = item.find('=');
     if (eq == std::string_view::npos) {
       continue;
@@ -73,8 +73,8 @@ std::shared_ptr<DebugHandler> getDebugHandler(const std::string& name, bool) {
   if (found != handlers.end()) {
     return found->second;
   }
-  const char* spec = std::getenv("BEACON_TRACE");
-  auto handler = std::make_shared<DebugHandler>(name, spec != nullptr ? parseTraceMask(spec, name) : 0);
+  const char* setting = std::getenv("BEACON_TRACE");
+  auto handler = std::make_shared<DebugHandler>(name, setting != nullptr ? parseTraceMask(setting, name) : 0);
   handlers.emplace(name, handler);
   return handler;
 }

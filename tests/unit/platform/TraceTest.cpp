@@ -26,10 +26,10 @@ TEST(TraceMask, SingleMaskAppliesToEveryComponent) {
 }
 
 TEST(TraceMask, PerComponentMasks) {
-  const char* spec = "HeronScanner=0x221,QuarryReader=0x20";
-  EXPECT_EQ(Beacon::Platform::parseTraceMask(spec, "HeronScanner"), 0x221U);
-  EXPECT_EQ(Beacon::Platform::parseTraceMask(spec, "QuarryReader"), 0x20U);
-  EXPECT_EQ(Beacon::Platform::parseTraceMask(spec, "Other"), 0U);
+  const char* setting = "HeronScanner=0x221,QuarryReader=0x20";
+  EXPECT_EQ(Beacon::Platform::parseTraceMask(setting, "HeronScanner"), 0x221U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask(setting, "QuarryReader"), 0x20U);
+  EXPECT_EQ(Beacon::Platform::parseTraceMask(setting, "Other"), 0U);
 }
 
 TEST(TraceMask, MalformedIsZero) {
