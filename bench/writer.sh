@@ -50,9 +50,18 @@ median() { sort -n | awk '{a[NR] = $1} END {print (NR % 2) ? a[(NR + 1) / 2] : i
 
 alone=()
 loaded=()
+busy=()
 total_reports=0
 for ((i = 1; i <= PAIRS; i++)); do
   alone+=("$(writer_rate)")
+  # heron started as often but reading nothing (--help): what starting and
+  # ending processes on the other CPU costs the writer by itself, apart from
+  # anything heron reads.
+  "${PIN_REPORTS[@]}" bash -c "while :; do '$BIN/heron' --help >/dev/null; done" &
+  LOOP_PID=$!
+  busy+=("$(writer_rate)")
+  kill "$LOOP_PID" 2>/dev/null || true
+  wait "$LOOP_PID" 2>/dev/null || true
   "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
   LOOP_PID=$!
   loaded+=("$(writer_rate)")
@@ -60,13 +69,14 @@ for ((i = 1; i <= PAIRS; i++)); do
   wait "$LOOP_PID" 2>/dev/null || true
   LOOP_PID=""
   total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
-  echo "pair $i: alone ${alone[-1]}, with reports ${loaded[-1]} (wall/s cpu/s)"
+  echo "pair $i: alone ${alone[-1]}, heron --help loop ${busy[-1]}, with reports ${loaded[-1]} (wall/s cpu/s)"
 done
 echo "heron reports run while loaded: $total_reports ($((total_reports / (PAIRS * EACH)))/s)"
 echo "cpus: $(nproc), load average: $(cut -d' ' -f1-3 /proc/loadavg), pinned: ${PIN_WRITER[*]:-no}"
 for col in 1 2; do
   a=$(printf '%s\n' "${alone[@]}" | cut -d' ' -f$col | median)
   l=$(printf '%s\n' "${loaded[@]}" | cut -d' ' -f$col | median)
+  b=$(printf '%s\n' "${busy[@]}" | cut -d' ' -f$col | median)
   what=$([[ $col -eq 1 ]] && echo "per second" || echo "per cpu-second of the writer")
-  awk -v a="$a" -v l="$l" -v w="$what" 'BEGIN {printf "appends %s: alone %d, with heron -q/-s/-A in a loop %d, ratio %.1f %%\n", w, a, l, 100 * l / a}'
+  awk -v a="$a" -v l="$l" -v b="$b" -v w="$what" 'BEGIN {printf "appends %s: alone %d, heron --help loop %d (%.1f %%), with heron -q/-s/-A in a loop %d, ratio %.1f %%\n", w, a, b, 100 * b / a, l, 100 * l / a}'
 done
