@@ -205,9 +205,9 @@ void RelayReaderGeneric<Slot>::checkMapping(RelayTableId id) const {
   const std::size_t mapped = file.mappedSize();
   const std::size_t real = file.memSize();
   // Table files never shrink; one that did would fault the next access.
-  Beacon::fmassert(real >= mapped, kSource, "resizeRelay", __LINE__, kClass,
-                   "requesting to map {} {} relay notifications. Requested file resize to {} but real file size is {}",
-                   file.name(), cachedNotifications_[id].value, mapped, real);
+  Beacon::fmassert(real >= mapped, kSource, "checkMapping", __LINE__, kClass,
+                   "{} shrank to {} bytes, below its {}-byte mapping of {} relay notifications", file.name(), real,
+                   mapped, cachedNotifications_[id].value);
 }
 
 template <typename Slot>
@@ -327,8 +327,10 @@ void RelayReaderGeneric<Slot>::scan(std::ostream& out, bool activeOnly) {
 
   // A large report gets its room up front, in one mapping of huge pages:
   // grown by doubling, a report of millions of lines would be copied and
-  // faulted in again and again. Should the estimate fall short, the stream
-  // moves the text to its own storage and goes on there.
+  // faulted in again and again. What stringbuf::setbuf does is left to the
+  // library; libstdc++, the one this project builds with, writes into the
+  // given array and, should the estimate fall short, moves the text to its
+  // own storage and goes on there. The tellp test below covers both cases.
   const std::size_t lines = snapshot[Base::PRIMARY].size() + snapshot[Base::SECONDARY].size();
   ReportBuffer room(lines > kLargeReport ? 4096 + lines * LineBuffer<Notification>::kLineMax : 0);
   if (room.data() != nullptr) {

@@ -2,12 +2,11 @@
 // capacity, header copies and header text, and the snapshot scan's report.
 // Expected texts are written out in full from the documented layout.
 #include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iomanip>
@@ -38,7 +37,8 @@ constexpr std::uint32_t kTomb = Quarry::Offset::TOMBSTONED;
 
 // The timing line: "Relay scanned in <seconds> seconds", a line break,
 // "Restarted <n> times", and the end of line of the report.
-const std::regex kTimingZero("Relay scanned in [0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
+// The seconds come from the wall clock, which may step back during a scan.
+const std::regex kTimingZero("Relay scanned in -?[0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
 
 class RelayReaderTest : public ::testing::Test {
  protected:
@@ -300,8 +300,7 @@ TEST_F(RelayReaderDeathTest, ScanOfAShrunkFileIsFatalNotAFault) {
   ASSERT_TRUE(RelayTest::truncateFile(dir + "/relay.1", 90));
   std::ostringstream out;
   EXPECT_DEATH(reader.scan(out, false),
-               "requesting to map .*/t/relay.1 3 relay notifications. Requested file resize to 124 but real file "
-               "size is 90");
+               "/t/relay.1 shrank to 90 bytes, below its 124-byte mapping of 3 relay notifications");
 }
 
 TEST_F(RelayReaderDeathTest, HeaderCopyOfAShrunkFileIsFatalNotAFault) {
@@ -309,7 +308,7 @@ TEST_F(RelayReaderDeathTest, HeaderCopyOfAShrunkFileIsFatalNotAFault) {
   Reader reader(RelayTest::handler(), root, false);
   ASSERT_TRUE(reader.initialize());
   ASSERT_TRUE(RelayTest::truncateFile(dir + "/relay.2", 0));
-  EXPECT_DEATH(reader.header(Table::SECONDARY), "real file size is 0");
+  EXPECT_DEATH(reader.header(Table::SECONDARY), "/t/relay.2 shrank to 0 bytes, below its [0-9]+-byte mapping");
 }
 
 TEST_F(RelayReaderDeathTest, FailedRemapThrowsMemoryResourceException) {
