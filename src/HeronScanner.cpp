@@ -83,7 +83,8 @@ void printStatistics(std::ostream& out, const SharedMem::OwnerFile& owner, Heron
   saved.copyfmt(out);
   const RelayHeader primary = relay.header(Heron::RelayHelperScanner::PRIMARY);
   const RelayHeader secondary = relay.header(Heron::RelayHelperScanner::SECONDARY);
-  out << "Relay headers:" << " (" << 88 << " bytes in primary, " << 88 << " bytes in secondary)\n";
+  out << "Relay headers:"
+      << " (" << 88 << " bytes in primary, " << 88 << " bytes in secondary)\n";
   out << "\tepoch[ PRIMARY ]: " << primary.epoch[Heron::RelayHelperScanner::PRIMARY] << "\n";
   out << "\tepoch[ SECONDARY ]: " << primary.epoch[Heron::RelayHelperScanner::SECONDARY] << "\n";
   out << "\tLatest writer sequence:" << primary.latestWriterSequence << "\n";
@@ -177,7 +178,9 @@ int main(int argc, char** argv) {
         outputFile = optarg;
         break;
       case 'r':
-        // No error checking by design: garbage is 0, negatives wrap.
+        // No error checking by design: garbage is 0, negatives wrap. A value
+        // past the range of long saturates first, so a huge id differs
+        // between the 32- and 64-bit builds.
         regionIds.insert(static_cast<unsigned>(std::strtol(optarg, nullptr, 10)));
         regions = true;
         break;
@@ -243,8 +246,8 @@ int main(int argc, char** argv) {
         std::cerr << "Exact match found. There are other matches. "
                   << "To see the other matches, try using the following:" << std::endl;
         std::cerr << "    '" << expr << "*'" << std::endl;
-        return printTable(outputFile, expr.c_str(), who, stats, regions, regionIds, detail, sortByOccupancy,
-                          printEmpty, queues, style);
+        return printTable(outputFile, expr.c_str(), who, stats, regions, regionIds, detail, sortByOccupancy, printEmpty,
+                          queues, style);
       }
     }
   }

@@ -1,5 +1,7 @@
-// Makes sure the standard streams exist before any static object of the
-// library that might print during its construction.
+// Makes sure the standard streams exist before any ordinary (unprioritised)
+// static object of the library that might print while it is built. The shared
+// "HeronScanner" handler (priority 60000) is built just before this; it traces
+// through stdio, not the streams, so it needs nothing from here.
 #include <iostream>
 
 namespace {

@@ -12,6 +12,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
 #include <string>
 
 #include "HeronScanner.h"
@@ -246,6 +249,11 @@ TEST_F(CliDump, RelayReaderFailureAfterTheRegionScanner) {
   EXPECT_TRUE(same(heron({"-s", "tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
 }
 
+TEST_F(CliDump, NoDumpFlagsStillSetUpTheRelayReader) {
+  ASSERT_EQ(::unlink((table + "/relay.1").c_str()), 0);
+  EXPECT_TRUE(same(heron({"tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
+}
+
 TEST_F(CliDump, MissingSecondaryFailsTheRelayReader) {
   ASSERT_EQ(::unlink((table + "/relay.2").c_str()), 0);
   EXPECT_TRUE(same(heron({"-q", "tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
@@ -293,6 +301,31 @@ TEST_F(CliDump, UnreadableOwnerHeaderIsReportedAndTheDumpGoesOn) {
   EXPECT_EQ(status, 0);
   std::string text = readFile(file);
   EXPECT_TRUE(startsWith(text, "OwnerFile information unavailable\n" + expected)) << text;
+}
+
+// The relay block switches the stream to zero-filled hexadecimal for the
+// table version; the caller's format must come back afterwards.
+TEST_F(CliDump, StreamFormatIsRestoredAfterTheRelayBlock) {
+  ::setenv("HERON_ROOT", root.path().c_str(), 1);
+  std::ostringstream captured;
+  std::streambuf* original = std::cout.rdbuf(captured.rdbuf());
+  const std::ios_base::fmtflags flags = std::cout.flags();
+  const char fill = std::cout.fill();
+  std::cout << std::dec << std::setfill(' ');
+  int status = printTable("", "tab", false, true, false, {}, false, false, false, false, Heron::Text);
+  const std::ios_base::fmtflags after = std::cout.flags();
+  const char fillAfter = std::cout.fill();
+  std::cout << 255;
+  std::cout.flags(flags);
+  std::cout.fill(fill);
+  std::cout.rdbuf(original);
+  ::unsetenv("HERON_ROOT");
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(after & std::ios_base::basefield, std::ios_base::dec);
+  EXPECT_EQ(fillAfter, ' ');
+  std::string text = captured.str();
+  EXPECT_NE(text.find("(version: 0x"), std::string::npos) << text;
+  EXPECT_TRUE(text.size() >= 3 && text.compare(text.size() - 3, 3, "255") == 0) << text;
 }
 
 }  // namespace

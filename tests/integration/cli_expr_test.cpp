@@ -82,6 +82,13 @@ TEST_F(CliExpr, ExactMatchAmongSeveralIsTakenWithANotice) {
   EXPECT_TRUE(same(heron({"-j", "tab"}), "", std::string(kExactNotice) + "    'tab*'\n" + kNoType, 1));
 }
 
+TEST_F(CliExpr, ExactMatchNeedNotComeFirst) {
+  // "tab1" sorts before "tab?", and the glob tab? matches both.
+  ASSERT_TRUE(root.create("tab1"));
+  ASSERT_TRUE(root.create("tab?"));
+  EXPECT_TRUE(same(heron({"-j", "tab?"}), "", std::string(kExactNotice) + "    'tab?*'\n" + kNoType, 1));
+}
+
 TEST_F(CliExpr, ExactMatchOfANestedName) {
   ASSERT_TRUE(root.create("md/eu"));
   ASSERT_TRUE(root.create("md/eu/quotes"));
@@ -129,6 +136,8 @@ TEST_F(CliExpr, AbsolutePathOutsideTheRootNamesThatTable) {
   EXPECT_TRUE(same(heron({"-j", path}), "", "Table Name: " + path + "\n\n" + kNoType, 1));
 }
 
+// Both styles end in the same message, so this proves the road taken, not
+// which of the two styles won.
 TEST_F(CliExpr, BothStylesTakeTheStyledRoadWhicheverComesLast) {
   ASSERT_TRUE(root.create("tab"));
   EXPECT_TRUE(same(heron({"-j", "-p", "tab"}), "", std::string("Table Name: tab\n\n") + kNoType, 1));

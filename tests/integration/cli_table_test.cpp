@@ -98,5 +98,16 @@ TEST_F(CliTable, WhoWithStatisticsIsTheClientReportOnly) {
   EXPECT_TRUE(whoStats.err.rfind("Table Name: tab\n\n", 0) == 0) << whoStats.err;
 }
 
+TEST_F(CliTable, WhoLongFormIsTheSameReport) {
+  RunResult shortForm = heron({"-w", "tab"});
+  ASSERT_TRUE(shortForm.exited()) << shortForm.describe();
+  EXPECT_TRUE(same(heron({"--who", "tab"}), shortForm.out, shortForm.err, shortForm.status));
+}
+
+TEST_F(CliTable, NoDumpFlagsStillSetUpTheRegionScanner) {
+  ::unlink(root.file("tab/quarry").c_str());
+  EXPECT_TRUE(same(heron({"tab"}), "", "Table Name: tab\n\nFailed to initialize QuarryScanner\n", 1));
+}
+
 }  // namespace
 }  // namespace HeronTest
