@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Writer impact: the append rate of a flat-out heron-sim writer alone, and
-# while heron -q, heron -s and heron -A run in a loop against its table.
+# while heron -q, heron -s and heron -A run in a loop against its table:
+# flat out, and paced at one round a second (PACE seconds between rounds),
+# as an operator watching a table would run them.
 # Alternates alone / loaded runs (PAIRS pairs of SECONDS each) and compares
 # the medians, in one run.
 #
@@ -35,6 +37,8 @@ writer_rate() {
     sed -n 's/.*(\([0-9][0-9]*\)\/s, \([0-9][0-9]*\)\/s of cpu).*/\1 \2/p'
 }
 
+# reports [PAUSE]: rounds of the three reports, PAUSE seconds apart (none:
+# flat out); counts them in $WORK/reports.
 reports() {
   local n=0
   while :; do
@@ -43,14 +47,17 @@ reports() {
     "$BIN/heron" -A >/dev/null 2>&1 || true
     n=$((n + 3))
     echo "$n" >"$WORK/reports"
+    if [[ -n ${1:-} ]]; then sleep "$1"; fi
   done
 }
 
 median() { sort -n | awk '{a[NR] = $1} END {print (NR % 2) ? a[(NR + 1) / 2] : int((a[NR / 2] + a[NR / 2 + 1]) / 2)}'; }
 
+PACE=${PACE:-1}
 alone=()
 loaded=()
 busy=()
+paced=()
 total_reports=0
 for ((i = 1; i <= PAIRS; i++)); do
   alone+=("$(writer_rate)")
@@ -69,7 +76,14 @@ for ((i = 1; i <= PAIRS; i++)); do
   wait "$LOOP_PID" 2>/dev/null || true
   LOOP_PID=""
   total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
-  echo "pair $i: alone ${alone[-1]}, heron --help loop ${busy[-1]}, with reports ${loaded[-1]} (wall/s cpu/s)"
+  "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports '$PACE'" &
+  LOOP_PID=$!
+  paced+=("$(writer_rate)")
+  kill "$LOOP_PID" 2>/dev/null || true
+  wait "$LOOP_PID" 2>/dev/null || true
+  LOOP_PID=""
+  echo "pair $i: alone ${alone[-1]}, heron --help loop ${busy[-1]}, with reports ${loaded[-1]}," \
+    "reports every ${PACE}s ${paced[-1]} (wall/s cpu/s)"
 done
 echo "heron reports run while loaded: $total_reports ($((total_reports / (PAIRS * EACH)))/s)"
 echo "cpus: $(nproc), load average: $(cut -d' ' -f1-3 /proc/loadavg), pinned: ${PIN_WRITER[*]:-no}"
@@ -77,6 +91,7 @@ for col in 1 2; do
   a=$(printf '%s\n' "${alone[@]}" | cut -d' ' -f$col | median)
   l=$(printf '%s\n' "${loaded[@]}" | cut -d' ' -f$col | median)
   b=$(printf '%s\n' "${busy[@]}" | cut -d' ' -f$col | median)
+  p=$(printf '%s\n' "${paced[@]}" | cut -d' ' -f$col | median)
   what=$([[ $col -eq 1 ]] && echo "per second" || echo "per cpu-second of the writer")
-  awk -v a="$a" -v l="$l" -v b="$b" -v w="$what" 'BEGIN {printf "appends %s: alone %d, heron --help loop %d (%.1f %%), with heron -q/-s/-A in a loop %d, ratio %.1f %%\n", w, a, b, 100 * b / a, l, 100 * l / a}'
+  awk -v a="$a" -v l="$l" -v b="$b" -v p="$p" -v w="$what" -v pace="$PACE" 'BEGIN {printf "appends %s: alone %d, heron --help loop %d (%.1f %%), with heron -q/-s/-A in a loop %d, ratio %.1f %%, a round every %ss %d, ratio %.1f %%\n", w, a, b, 100 * b / a, l, 100 * l / a, pace, p, 100 * p / a}'
 done
