@@ -263,6 +263,21 @@ TEST_F(ClientReportsTest, MappedDirectoryOutsideTheRootIsListedUnderItsFullPath)
             std::string::npos);
 }
 
+// Heron files lying directly in the root leave no table name behind the root
+// path; the lookup throws and the launcher reports it in one line.
+TEST_F(ClientReportsTest, FilesMappedDirectlyInTheRootGiveOneLineAndStatusOne) {
+  standIns(root);
+  Shadow shadow({root}, false);
+  ASSERT_TRUE(shadow.attached()) << shadow.announcement();
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"-A"}, std::vector<std::string>{"-c", std::to_string(shadow.pid())}}) {
+    auto result = heron(args);
+    EXPECT_EQ(result.status, 1) << args[0] << ": " << result.err;
+    EXPECT_EQ(result.err.rfind("heron: unexpected error: ", 0), 0U) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+  }
+}
+
 TEST_F(ClientReportsTest, ClientlessTableWithFullHeaderIsListed) {
   createTable("idle");
   if (!simMadeFiles) {
