@@ -27,10 +27,11 @@ void QuarryHelperScanner::fillHeader(Model::HeaderInfo& info) {
   std::uint64_t usedBytes = 0;
   std::uint64_t freeBytes = 0;
   for (Quarry::RegionScanner* scanner : scanners) {
+    // Unit count and size as validated at attach; the used count as it is now.
     const Quarry::RegionHeader& header = scanner->header();
-    const std::uint32_t units = __atomic_load_n(&header.unitCount, __ATOMIC_RELAXED);
-    const std::uint32_t used = __atomic_load_n(&header.usedUnits, __ATOMIC_RELAXED);
-    const std::uint32_t size = __atomic_load_n(&header.unitSize, __ATOMIC_RELAXED);
+    const std::uint32_t units = header.unitCount;
+    const std::uint32_t used = scanner->usedUnits();
+    const std::uint32_t size = header.unitSize;
     // Products formed in 32 bits, then widened.
     const std::uint64_t usedProduct = static_cast<std::uint32_t>(used * size);
     const std::uint64_t totalProduct = static_cast<std::uint32_t>(units * size);

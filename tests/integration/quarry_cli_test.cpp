@@ -336,6 +336,34 @@ TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
   EXPECT_EQ(r.out, std::string("Region 1: file is 100 bytes, header claims 8192; skipped\n") + kRegionTwo);
 }
 
+TEST_F(QuarryCli, FifoInPlaceOfARegionIsReportedNotWaitedOn) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_EQ(::mkfifo((table("t") + "/region.9").c_str(), 0644), 0);
+  Outcome stats = run("timeout 20 " + binary("heron") + " -s t");
+  EXPECT_EQ(stats.status, 0) << stats.err;
+  EXPECT_TRUE(endsWith(stats.out, "  region 9: not a regular file; skipped\n")) << stats.out;
+  Outcome dump = run("timeout 20 " + binary("heron") + " -R t");
+  EXPECT_EQ(dump.status, 0) << dump.err;
+  EXPECT_EQ(dump.out, std::string(kRegionOne) + kRegionTwo + "Region 9: not a regular file; skipped\n");
+}
+
+// Every table file a reader opens: a FIFO there ends the run with a message
+// (or an NA figure), never a hang. `timeout` turns a hang into status 124.
+TEST_F(QuarryCli, FifoInPlaceOfATableFileNeverBlocks) {
+  for (const char* file : {"quarry", "relay.1", "relay.2", "owner"}) {
+    ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+    const std::string path = table("t") + "/" + file;
+    ASSERT_EQ(::unlink(path.c_str()), 0) << file;
+    ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0) << file;
+    for (const char* options : {"-s t", "-a t", "-w t", "-A"}) {
+      Outcome r = run("timeout 20 " + binary("heron") + " " + options);
+      EXPECT_TRUE(r.status == 0 || r.status == 1) << file << " " << options << ": " << r.status << " " << r.err;
+    }
+    ASSERT_EQ(run(std::string("rm -rf '") + table("t") + "'").status, 0);
+  }
+}
+
 namespace {
 
 // 16 printable bytes: a write's sequence number and a check over it.

@@ -25,6 +25,12 @@ namespace Util {
 // thread, no rights). `procRoot` lets tests point it at a fake /proc.
 std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot = "/proc");
 
+// Opens `path` read-only for reading or mapping a table file and returns the
+// descriptor (the caller closes it), or -1 with `error` set. O_NONBLOCK keeps
+// a FIFO or device left in place of a table file from blocking the open; such
+// a file, or anything else that is not a regular file, is refused.
+int openRegularFile(const std::string& path, std::string& error);
+
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.
 std::string decodeMagic(unsigned long long magic);

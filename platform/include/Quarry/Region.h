@@ -23,12 +23,22 @@ class RegionReader {
   // and maps it. False with `error` set (one line) when it is unusable.
   bool attach(const std::string& path, std::uint32_t expectedId, std::string& error);
 
-  const RegionHeader& header() const { return *reinterpret_cast<const RegionHeader*>(base_); }
+  // The header as copied and validated at attach. Its fixed fields (id, unit
+  // size and count, page size, offsets) bound every later read of the
+  // mapping, so a header rewritten behind the reader's back cannot move a
+  // read outside it; its used count and generation are those of that moment.
+  const RegionHeader& header() const { return header_; }
+  // The writer's current used count, one relaxed load from the mapping.
+  std::uint32_t usedUnits() const { return __atomic_load_n(&live().usedUnits, __ATOMIC_RELAXED); }
   std::size_t mappedSize() const { return size_; }
 
  protected:
+  // The header in the shared mapping: only its changing fields are read.
+  const RegionHeader& live() const { return *reinterpret_cast<const RegionHeader*>(base_); }
+
   const unsigned char* base_ = nullptr;
   std::size_t size_ = 0;
+  RegionHeader header_{};
 };
 
 // A consistent copy of a region's changing parts.
@@ -45,7 +55,7 @@ struct RegionSnapshot {
 
 class RegionScanner : public RegionReader {
  public:
-  std::uint32_t id() const { return __atomic_load_n(&header().regionId, __ATOMIC_RELAXED); }
+  std::uint32_t id() const { return header().regionId; }
   // Copies usedUnits and the bitmap (and the first `previewBytes` of each
   // used unit), retrying up to `attempts` times while the writer changes the
   // region. `consistent` is false when no attempt succeeded; the last copy

@@ -1,9 +1,11 @@
 #include "Beacon/Util.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "Beacon/Trace.h"
@@ -19,6 +21,27 @@ double time() {
 void MemoryResourceException::throwException(const std::string& what) { throw MemoryResourceException(what); }
 
 namespace Util {
+
+int openRegularFile(const std::string& path, std::string& error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    error = std::strerror(errno);
+    return -1;
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
+    error = std::strerror(errno);
+    ::close(fd);
+    return -1;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    error = "not a regular file";
+    ::close(fd);
+    errno = EINVAL;
+    return -1;
+  }
+  return fd;
+}
 
 std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot) {
   std::string path = fmt::format("{}/{}/cmdline", procRoot, pid);

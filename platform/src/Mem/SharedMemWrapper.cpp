@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
 
 namespace Mem {
 
@@ -35,10 +36,12 @@ bool SharedMemWrapper::open(Mode mode) {
   if (fd_ >= 0) {
     return mode_ == mode || mode == Mode::ReadOnly;
   }
-  int flags = (mode == Mode::ReadOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC;
-  fd_ = ::open(path_.c_str(), flags);
+  fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_)
+                                : ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
   if (fd_ < 0) {
-    lastError_ = std::strerror(errno);
+    if (mode != Mode::ReadOnly) {
+      lastError_ = std::strerror(errno);
+    }
     return false;
   }
   mode_ = mode;

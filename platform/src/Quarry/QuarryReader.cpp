@@ -15,6 +15,7 @@
 #include <iostream>
 
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
 #include "Quarry/Offset.h"
 #include "Quarry/Region.h"
 
@@ -29,9 +30,9 @@ NoMapReader::~NoMapReader() {
 }
 
 bool NoMapReader::open(const std::string& path, std::string& error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = Beacon::Util::openRegularFile(path, error);
   if (fd < 0) {
-    error = path + ": " + std::strerror(errno);
+    error = path + ": " + error;
     return false;
   }
   struct stat st {};

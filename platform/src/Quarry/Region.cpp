@@ -10,6 +10,8 @@
 #include <cstring>
 
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
+#include "Quarry/Offset.h"
 #include "Quarry/QuarryReader.h"
 
 namespace Quarry {
@@ -46,9 +48,8 @@ RegionReader::~RegionReader() {
 }
 
 bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std::string& error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int fd = Beacon::Util::openRegularFile(path, error);
   if (fd < 0) {
-    error = std::strerror(errno);
     return false;
   }
   struct stat st {};
@@ -78,14 +79,16 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
   size_ = static_cast<std::size_t>(fileSize);
 
   // The fixed fields never change once the file is in place; they are
-  // checked once here, so later reads stay inside the mapping.
-  const RegionHeader& h = header();
+  // copied and checked once here, and only the copy is used afterwards, so
+  // later reads stay inside the mapping.
+  std::memcpy(&header_, base_, sizeof header_);
+  const RegionHeader& h = header_;
   RegionLayout layout;
   if (h.magic != RegionHeader::kMagic || h.version != RegionHeader::kVersion) {
     error = "bad magic or version";
   } else if (h.regionId != expectedId) {
     error = "header names region " + std::to_string(h.regionId);
-  } else if (h.bitmapOffset != RegionHeader::kBitmapOffset || h.unitCount > (1U << 20) ||
+  } else if (h.bitmapOffset != RegionHeader::kBitmapOffset || h.unitCount > Offset::kMaxUnitIndex ||
              !regionLayout(h.unitCount, h.unitSize, h.pageSize, layout) || h.dataOffset != layout.dataOffset) {
     error = "inconsistent layout";
   } else if (layout.fileSize > fileSize) {
@@ -101,6 +104,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
 
 void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts) const {
   const RegionHeader& h = header();
+  const RegionHeader& shared = live();
   const std::uint32_t units = h.unitCount;
   const std::uint32_t unitSize = h.unitSize;
   const std::size_t bitmapBytes = (static_cast<std::size_t>(units) + 7) / 8;
@@ -111,14 +115,14 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
   out.bitmap.resize(bitmapBytes);
   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
     out.attempts = attempt + 1;
-    const std::uint64_t before = __atomic_load_n(&h.generation, __ATOMIC_ACQUIRE);
+    const std::uint64_t before = __atomic_load_n(&shared.generation, __ATOMIC_ACQUIRE);
     const bool last = attempt + 1 == attempts;
     if ((before & 1U) != 0 && !last) {
       ::sched_yield();
       continue;
     }
     out.generation = before;
-    out.usedUnits = __atomic_load_n(&h.usedUnits, __ATOMIC_RELAXED);
+    out.usedUnits = __atomic_load_n(&shared.usedUnits, __ATOMIC_RELAXED);
     std::memcpy(out.bitmap.data(), base_ + h.bitmapOffset, bitmapBytes);
     out.used.clear();
     out.previews.clear();
@@ -142,7 +146,7 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
       }
     }
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
-    const std::uint64_t after = __atomic_load_n(&h.generation, __ATOMIC_RELAXED);
+    const std::uint64_t after = __atomic_load_n(&shared.generation, __ATOMIC_RELAXED);
     if (after == before && (before & 1U) == 0) {
       out.consistent = true;
       return;

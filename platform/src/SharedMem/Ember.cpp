@@ -20,7 +20,8 @@ std::uint64_t nowNs() {
 
 LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out) {
   std::string path = root.fullPath("ember");
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  std::string error;
+  int fd = Beacon::Util::openRegularFile(path, error);
   if (fd < 0) {
     return LoadStatus::NotReady;
   }

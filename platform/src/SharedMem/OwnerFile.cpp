@@ -63,9 +63,10 @@ std::string OwnerFile::Header::toPrettyString() const {
 OwnerFile::OwnerFile(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool)
     : Beacon::Debuggable(handler) {
   std::string path = root.fullPath("owner");
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  std::string error;
+  int fd = Beacon::Util::openRegularFile(path, error);
   if (fd < 0) {
-    Beacon::fmtrace(handler, 5, "OwnerFile", "OwnerFile", __LINE__, "OwnerFile", "cannot open {}", path);
+    Beacon::fmtrace(handler, 5, "OwnerFile", "OwnerFile", __LINE__, "OwnerFile", "cannot open {}: {}", path, error);
     return;
   }
   Header loaded{};

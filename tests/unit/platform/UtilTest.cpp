@@ -3,7 +3,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
+#include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <string>
@@ -129,6 +135,49 @@ TEST(MemoryResourceException, CarriesItsText) {
   } catch (const Beacon::MemoryResourceException& e) {
     EXPECT_STREQ(e.what(), "remap failed");
   }
+}
+
+class OpenRegularFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/heron-open-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
+  std::string dir_;
+};
+
+TEST_F(OpenRegularFile, OpensARegularFileReadOnly) {
+  const std::string path = dir_ + "/plain";
+  { std::ofstream(path) << "x"; }
+  std::string error;
+  const int fd = Beacon::Util::openRegularFile(path, error);
+  ASSERT_GE(fd, 0) << error;
+  EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
+  EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+  ::close(fd);
+}
+
+TEST_F(OpenRegularFile, MissingFileGivesTheSystemText) {
+  std::string error;
+  EXPECT_EQ(Beacon::Util::openRegularFile(dir_ + "/none", error), -1);
+  EXPECT_EQ(error, std::strerror(ENOENT));
+}
+
+// A FIFO with no writer would block an ordinary open for ever.
+TEST_F(OpenRegularFile, FifoIsRefusedWithoutBlocking) {
+  const std::string path = dir_ + "/fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
+  std::string error;
+  EXPECT_EQ(Beacon::Util::openRegularFile(path, error), -1);
+  EXPECT_EQ(error, "not a regular file");
+}
+
+TEST_F(OpenRegularFile, DirectoryIsRefused) {
+  std::string error;
+  EXPECT_EQ(Beacon::Util::openRegularFile(dir_, error), -1);
+  EXPECT_EQ(error, "not a regular file");
 }
 
 }  // namespace
