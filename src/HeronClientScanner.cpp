@@ -84,6 +84,9 @@ HeronClientScanner::HeronClientScanner(std::ostream* out, const Mem::OrbRootPath
       procRoot(procRoot),
       pidTokenIndex(countComponents(procRoot) + 1) {}
 
+HeronClientScanner::HeronClientScanner(std::ostream* out, const Mem::OrbRootPath& rootPath, const char* tableName)
+    : HeronClientScanner(out, rootPath, tableName, "/proc") {}
+
 HeronClientScanner::~HeronClientScanner() = default;
 
 // ---------------------------------------------------------------------------

@@ -56,10 +56,12 @@ class HERON_EXPORT HeronClientScanner : public Beacon::Debuggable {
   // File names whose mappings make a process a client; index = file type.
   static const char* const heronFileTypes[2];
 
-  // `procRoot` is where the process table is read; tests point it at a fake
-  // one, everything else uses /proc.
+  // Reads the process table at /proc. The scanner borrows `out` and keeps
+  // copies of the root path and table name.
+  HeronClientScanner(std::ostream* out, const Mem::OrbRootPath& rootPath, const char* tableName);
+  // The same over the process table at `procRoot`; tests point it at a fake one.
   HeronClientScanner(std::ostream* out, const Mem::OrbRootPath& rootPath, const char* tableName,
-                     const std::string& procRoot = "/proc");
+                     const std::string& procRoot);
   ~HeronClientScanner() override;
 
   // Reports; each returns the exit status.

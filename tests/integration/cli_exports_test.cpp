@@ -142,6 +142,9 @@ TEST(LibraryExports, TheThreeNamesArePresent) {
   }
   EXPECT_TRUE(printHeron);
   EXPECT_TRUE(scannerMember);
+  EXPECT_EQ(found.count("Heron::HeronClientScanner::HeronClientScanner(std::ostream*, Mem::OrbRootPath const&, char "
+                        "const*)"),
+            1U);
   EXPECT_EQ(found.count("Heron::HeronClientScanner::heronFileTypes"), 1U);
   EXPECT_EQ(found.count("typeinfo for Heron::HeronClientScanner"), 1U);
   EXPECT_EQ(found.count("vtable for Heron::HeronClientScanner"), 1U);
