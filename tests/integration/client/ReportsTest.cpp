@@ -187,6 +187,38 @@ TEST_F(ClientReportsTest, WhoOfATableWithoutClientsPrintsNone) {
   EXPECT_EQ(result.out, "Heron table \"" + root + "/alpha\"\n" + expectedHeader(root + "/alpha") + "Clients: None\n\n");
 }
 
+TEST_F(ClientReportsTest, MissingAllocatorLeavesRegionFiguresNaAndKeepsTheQueueFigures) {
+  createTable("alpha", {"--capacity", "300"});
+  if (!simMadeFiles) {
+    GTEST_SKIP() << "heron-sim create made no quarry/relay.1 files in this build";
+  }
+  ASSERT_EQ(::unlink((root + "/alpha/quarry").c_str()), 0);
+  auto result = heron({"-w", "alpha"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "Heron table \"" + root +
+                            "/alpha\"\n"
+                            "Capacity: primaryNotifications:300 secondaryNotifications:300\n"
+                            "numRegions:NA totalSize:NA pagesFree:NA occupancyRate:NA%\n"
+                            "Clients: None\n\n");
+  EXPECT_EQ(result.err, "Table Name: alpha\n\ncannot populate heron table from quarry reader\n");
+}
+
+TEST_F(ClientReportsTest, BothReadersFailingWriteBothLinesQuarryFirst) {
+  createTable("alpha");
+  if (!simMadeFiles) {
+    GTEST_SKIP() << "heron-sim create made no quarry/relay.1 files in this build";
+  }
+  ASSERT_EQ(::unlink((root + "/alpha/quarry").c_str()), 0);
+  ASSERT_EQ(::unlink((root + "/alpha/relay.2").c_str()), 0);
+  auto result = heron({"-w", "alpha"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "Heron table \"" + root + "/alpha\"\n" + kNoHeader + "Clients: None\n\n");
+  EXPECT_EQ(result.err,
+            "Table Name: alpha\n\n"
+            "cannot populate heron table from quarry reader\n"
+            "cannot populate heron table from relay reader\n");
+}
+
 TEST_F(ClientReportsTest, WhatListsTheTablesOfAPidUnderEachRole) {
   createTable("alpha");
   createTable("beta");
