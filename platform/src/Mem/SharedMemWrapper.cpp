@@ -37,7 +37,7 @@ bool SharedMemWrapper::open(Mode mode) {
     return mode_ == mode || mode == Mode::ReadOnly;
   }
   fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_)
-                                : ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+                               : ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
   if (fd_ < 0) {
     if (mode != Mode::ReadOnly) {
       lastError_ = std::strerror(errno);

@@ -1,6 +1,7 @@
 #include "SharedMem/OwnerFile.h"
 
 #include <fcntl.h>
+#include <fmt/ostream.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "SharedMem/Ember.h"
-#include <fmt/ostream.h>
 
 namespace SharedMem {
 
@@ -56,8 +56,8 @@ std::string OwnerFile::Header::toPrettyString() const {
       "\tCreated: {} ns\n"
       "\tHost: {}",
       magic, Beacon::Util::decodeMagic(magic), version, sharedMemType,
-      fmt::streamed(static_cast<SharedMemType>(sharedMemType)), type, ownerPid, ember.pid, ember.instanceId,
-      createdNs, host);
+      fmt::streamed(static_cast<SharedMemType>(sharedMemType)), type, ownerPid, ember.pid, ember.instanceId, createdNs,
+      host);
 }
 
 OwnerFile::OwnerFile(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool)
