@@ -1,8 +1,13 @@
 # Starting and inspecting `heron-sim demo` for the demo_* tests.
 
 # start_demo [demo options]: sets DEMO_PID and DEMO_LOG once it runs.
+# Each start gets a log of its own: with one shared file, the background
+# child truncates it only once it runs, and the wait below could meanwhile
+# read the previous demo's "demo running" and signal a demo not yet started.
 start_demo() {
-  DEMO_LOG=$WORK/demo.log
+  DEMO_STARTS=$((${DEMO_STARTS:-0} + 1))
+  DEMO_LOG=$WORK/demo.$DEMO_STARTS.log
+  : >"$DEMO_LOG"
   "$SIM" demo "$@" >"$DEMO_LOG" 2>&1 &
   DEMO_PID=$!
   STARTED+=("$DEMO_PID")

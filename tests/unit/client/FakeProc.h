@@ -14,31 +14,9 @@
 #include "Beacon/Platform.h"
 #include "HeronClientScanner.h"
 #include "Mem/RootPath.h"
+#include "support/TempDir.h"
 
 namespace HeronTest {
-
-// A fresh directory under /tmp, removed with everything in it on destruction.
-class TempDir {
- public:
-  TempDir() {
-    char pattern[] = "/tmp/heron-client-XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    path_ = made != nullptr ? made : "";
-  }
-  ~TempDir() {
-    if (!path_.empty()) {
-      std::string command = "rm -rf '" + path_ + "'";
-      int ignored = std::system(command.c_str());
-      (void)ignored;
-    }
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 inline void writeFile(const std::string& path, const std::string& text) {
   std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);

@@ -18,6 +18,7 @@
 #include "Mem/VersionedRef.h"
 #include "Tock/Sequence.h"
 #include "support/Run.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -138,17 +139,11 @@ TEST(MemoryResourceException, CarriesItsText) {
 
 class OpenRegularFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/heron-open-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
-  std::string dir_;
+  HeronTest::TempDir dir;
 };
 
 TEST_F(OpenRegularFile, OpensARegularFileReadOnly) {
-  const std::string path = dir_ + "/plain";
+  const std::string path = dir.path() + "/plain";
   { std::ofstream(path) << "x"; }
   std::string error;
   const int fd = Beacon::Util::openRegularFile(path, error);
@@ -160,13 +155,13 @@ TEST_F(OpenRegularFile, OpensARegularFileReadOnly) {
 
 TEST_F(OpenRegularFile, MissingFileGivesTheSystemText) {
   std::string error;
-  EXPECT_EQ(Beacon::Util::openRegularFile(dir_ + "/none", error), -1);
+  EXPECT_EQ(Beacon::Util::openRegularFile(dir.path() + "/none", error), -1);
   EXPECT_EQ(error, std::strerror(ENOENT));
 }
 
 // A FIFO with no writer would block an ordinary open for ever.
 TEST_F(OpenRegularFile, FifoIsRefusedWithoutBlocking) {
-  const std::string path = dir_ + "/fifo";
+  const std::string path = dir.path() + "/fifo";
   ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0);
   std::string error;
   EXPECT_EQ(Beacon::Util::openRegularFile(path, error), -1);
@@ -175,7 +170,7 @@ TEST_F(OpenRegularFile, FifoIsRefusedWithoutBlocking) {
 
 TEST_F(OpenRegularFile, DirectoryIsRefused) {
   std::string error;
-  EXPECT_EQ(Beacon::Util::openRegularFile(dir_, error), -1);
+  EXPECT_EQ(Beacon::Util::openRegularFile(dir.path(), error), -1);
   EXPECT_EQ(error, "not a regular file");
 }
 

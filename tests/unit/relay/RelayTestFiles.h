@@ -17,6 +17,7 @@
 #include "Beacon/Platform.h"
 #include "Mem/RootPath.h"
 #include "Relay/RelayTable.h"
+#include "support/TempDir.h"
 
 namespace RelayTest {
 
@@ -29,39 +30,10 @@ inline Beacon::Platform::DebugHandler& handler() {
   return *shared;
 }
 
-// A fresh directory that is removed (with its files) on destruction. On
-// tmpfs (/dev/shm) when there is one, like real tables, else in /tmp.
-class TempDir {
+// On tmpfs when there is one, like real tables.
+class TempDir : public HeronTest::TempDir {
  public:
-  TempDir() {
-    char shm[] = "/dev/shm/heron-relay-test.XXXXXX";
-    char tmp[] = "/tmp/heron-relay-test.XXXXXX";
-    const char* made = ::mkdtemp(shm);
-    if (made == nullptr) {
-      made = ::mkdtemp(tmp);
-    }
-    path_ = made != nullptr ? made : "";
-  }
-  ~TempDir() {
-    if (!path_.empty()) {
-      std::string command = "rm -rf '" + path_ + "'";
-      int rc = std::system(command.c_str());
-      (void)rc;
-    }
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  // A table directory inside.
-  std::string table(const std::string& name) const {
-    std::string dir = path_ + "/" + name;
-    ::mkdir(dir.c_str(), 0755);
-    return dir;
-  }
-
- private:
-  std::string path_;
+  TempDir() : HeronTest::TempDir("heron-relay-test", true) {}
 };
 
 // A valid header for `capacity` slots, notifications version 1.
