@@ -74,6 +74,9 @@ const void* SharedMemWrapper::remap(std::size_t size) {
                            : "file holds " + std::to_string(real) + " bytes, " + std::to_string(size) + " requested";
     return nullptr;
   }
+  if (mode_ == Mode::ReadOnly) {
+    Beacon::Util::tolerateShrinkingMappings();
+  }
   int prot = mode_ == Mode::ReadOnly ? PROT_READ : PROT_READ | PROT_WRITE;
   void* base = ::mmap(nullptr, size, prot, MAP_SHARED, fd_, 0);
   if (base == MAP_FAILED) {

@@ -41,6 +41,7 @@ bool NoMapReader::open(const std::string& path, std::string& error) {
     ::close(fd);
     return false;
   }
+  Beacon::Util::tolerateShrinkingMappings();
   void* base = ::mmap(nullptr, sizeof(QuarryHeader), PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (base == MAP_FAILED) {

@@ -69,6 +69,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
     ::close(fd);
     return false;
   }
+  Beacon::Util::tolerateShrinkingMappings();
   void* base = ::mmap(nullptr, static_cast<std::size_t>(fileSize), PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (base == MAP_FAILED) {

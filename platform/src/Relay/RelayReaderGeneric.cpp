@@ -169,6 +169,9 @@ bool RelayReaderGeneric<Slot>::initialize() {
   currentPos_[Base::PRIMARY] = Shared::load32(header_[Base::PRIMARY], Shared::kCurrentPos);
   resizeRelay(Base::SECONDARY);
   currentPos_[Base::SECONDARY] = Shared::load32(header_[Base::SECONDARY], Shared::kCurrentPos);
+  // A file that shrank during the loads above was read as zeros; say so.
+  checkMapping(Base::PRIMARY);
+  checkMapping(Base::SECONDARY);
   return true;
 }
 
@@ -311,6 +314,9 @@ unsigned RelayReaderGeneric<Slot>::attempt(std::vector<Notification> (&snapshot)
     } else {
       snapshot[Base::SECONDARY].clear();
     }
+    // A file that shrank during the copy was read as zeros; say so.
+    checkMapping(Base::PRIMARY);
+    checkMapping(Base::SECONDARY);
     return restarts;
   }
 }
