@@ -32,7 +32,9 @@ namespace {
 void onBusError(int signal, siginfo_t* info, void*) {
   if (info->si_code == BUS_ADRERR) {
     const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    void* at = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(info->si_addr) & ~(page - 1));
+    // Step back to the start of the faulting page without an integer-to-pointer cast.
+    auto* fault = static_cast<char*>(info->si_addr);
+    void* at = fault - (reinterpret_cast<std::uintptr_t>(fault) & (page - 1));
     if (::mmap(at, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED) {
       return;
     }
