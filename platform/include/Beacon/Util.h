@@ -1,6 +1,8 @@
 // Small helpers shared by the runtime and the tools.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <stdexcept>
 #include <string>
 
@@ -28,8 +30,10 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
 // Opens `path` read-only for reading or mapping a table file and returns the
 // descriptor (the caller closes it), or -1 with `error` set. O_NONBLOCK keeps
 // a FIFO or device left in place of a table file from blocking the open; such
-// a file, or anything else that is not a regular file, is refused.
-int openRegularFile(const std::string& path, std::string& error);
+// a file, or anything else that is not a regular file, is refused. The
+// fstat that decided is handed back in `status` when it is given, so callers
+// that need the size do not ask again.
+int openRegularFile(const std::string& path, std::string& error, struct stat* status = nullptr);
 
 // Makes a read-only file mapping whose file shrinks under the reader read
 // zeros instead of killing the process with SIGBUS. No size check can close

@@ -61,7 +61,7 @@ void tolerateShrinkingMappings() {
   ::sigaction(SIGBUS, &action, nullptr);
 }
 
-int openRegularFile(const std::string& path, std::string& error) {
+int openRegularFile(const std::string& path, std::string& error, struct stat* status) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     error = std::strerror(errno);
@@ -78,6 +78,9 @@ int openRegularFile(const std::string& path, std::string& error) {
     ::close(fd);
     errno = EINVAL;
     return -1;
+  }
+  if (status != nullptr) {
+    *status = st;
   }
   return fd;
 }

@@ -30,13 +30,13 @@ NoMapReader::~NoMapReader() {
 }
 
 bool NoMapReader::open(const std::string& path, std::string& error) {
-  int fd = Beacon::Util::openRegularFile(path, error);
+  struct stat st {};
+  int fd = Beacon::Util::openRegularFile(path, error, &st);
   if (fd < 0) {
     error = path + ": " + error;
     return false;
   }
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || st.st_size < static_cast<off_t>(sizeof(QuarryHeader))) {
+  if (st.st_size < static_cast<off_t>(sizeof(QuarryHeader))) {
     error = path + ": shorter than an allocator header";
     ::close(fd);
     return false;

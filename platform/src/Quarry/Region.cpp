@@ -48,14 +48,9 @@ RegionReader::~RegionReader() {
 }
 
 bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std::string& error) {
-  int fd = Beacon::Util::openRegularFile(path, error);
-  if (fd < 0) {
-    return false;
-  }
   struct stat st {};
-  if (::fstat(fd, &st) != 0) {
-    error = std::strerror(errno);
-    ::close(fd);
+  int fd = Beacon::Util::openRegularFile(path, error, &st);
+  if (fd < 0) {
     return false;
   }
   const auto fileSize = static_cast<unsigned long long>(st.st_size);

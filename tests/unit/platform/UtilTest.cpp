@@ -147,8 +147,10 @@ TEST_F(OpenRegularFile, OpensARegularFileReadOnly) {
   const std::string path = dir.path() + "/plain";
   { std::ofstream(path) << "x"; }
   std::string error;
-  const int fd = Beacon::Util::openRegularFile(path, error);
+  struct stat status {};
+  const int fd = Beacon::Util::openRegularFile(path, error, &status);
   ASSERT_GE(fd, 0) << error;
+  EXPECT_EQ(status.st_size, 1);
   EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
   EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
   ::close(fd);
