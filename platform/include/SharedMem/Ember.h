@@ -25,7 +25,11 @@ struct alignas(8) EmberHeader {
   std::uint32_t restarts;
   std::uint64_t startedNs;
   std::uint64_t heartbeatNs;
-  std::uint64_t reserved[3];
+  // CLOCK_MONOTONIC of the same beat. Ages are computed from it, so a step of
+  // the wall clock never makes a live writer look stale; 0 from a writer that
+  // predates the field.
+  std::uint64_t heartbeatMonoNs;
+  std::uint64_t reserved[2];
 };
 
 static_assert(sizeof(EmberHeader) == 64, "ember is 64 bytes");
@@ -35,6 +39,7 @@ static_assert(offsetof(EmberHeader, writerPid) == 16, "ember layout");
 static_assert(offsetof(EmberHeader, restarts) == 20, "ember layout");
 static_assert(offsetof(EmberHeader, startedNs) == 24, "ember layout");
 static_assert(offsetof(EmberHeader, heartbeatNs) == 32, "ember layout");
+static_assert(offsetof(EmberHeader, heartbeatMonoNs) == 40, "ember layout");
 
 // Reader: copies the header out of the file (pread, read-only).
 LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out);
@@ -54,6 +59,9 @@ class EmberWriter : public Beacon::Debuggable {
   EmberHeader* header_ = nullptr;
 };
 
+// Wall clock (CLOCK_REALTIME), ns since the epoch.
 std::uint64_t nowNs();
+// CLOCK_MONOTONIC in ns: the heartbeat clock that ages are measured on.
+std::uint64_t monoNs();
 
 }  // namespace SharedMem

@@ -18,6 +18,12 @@ std::uint64_t nowNs() {
   return static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+std::uint64_t monoNs() {
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
 LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out) {
   std::string path = root.fullPath("ember");
   std::string error;
@@ -71,6 +77,7 @@ bool EmberWriter::open(std::string& error) {
   header_->writerPid = pid;
   header_->startedNs = nowNs();
   header_->heartbeatNs = header_->startedNs;
+  header_->heartbeatMonoNs = monoNs();
   // The magic last: a reader that sees it sees the rest.
   __atomic_store_n(&header_->magic, EmberHeader::kMagic, __ATOMIC_RELEASE);
   return true;
@@ -80,6 +87,9 @@ EmberId EmberWriter::id() const { return header_ != nullptr ? header_->current :
 
 void EmberWriter::heartbeat() {
   if (header_ != nullptr) {
+    // Monotonic first: a reader that sees the new wall beat also sees the
+    // monotonic one it was taken with (or a newer one).
+    __atomic_store_n(&header_->heartbeatMonoNs, monoNs(), __ATOMIC_RELEASE);
     __atomic_store_n(&header_->heartbeatNs, nowNs(), __ATOMIC_RELEASE);
   }
 }

@@ -87,6 +87,26 @@ TEST(Ember, HeartbeatMovesForward) {
   EXPECT_EQ(after.startedNs, before.startedNs);
 }
 
+TEST(Ember, HeartbeatStoresTheMonotonicClockAtOffset40) {
+  HeronTest::TempRoot root;
+  Mem::RootPath table(root.path());
+  SharedMem::EmberWriter writer(handler(), table);
+  std::string error;
+  ASSERT_TRUE(writer.open(error)) << error;
+  std::uint64_t before = SharedMem::monoNs();
+  writer.heartbeat();
+  std::uint64_t after = SharedMem::monoNs();
+  std::string file = HeronTest::readFile(root.file("ember"));
+  ASSERT_EQ(file.size(), 64U);
+  std::uint64_t stored = 0;
+  file.copy(reinterpret_cast<char*>(&stored), sizeof stored, 40);
+  EXPECT_GE(stored, before);
+  EXPECT_LE(stored, after);
+  EmberHeader header{};
+  ASSERT_EQ(SharedMem::readEmber(table, header), LoadStatus::Ok);
+  EXPECT_EQ(header.heartbeatMonoNs, stored);
+}
+
 TEST(Ember, ValidFileReads) {
   HeronTest::TempRoot root;
   ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), validBytes()));
