@@ -47,14 +47,8 @@ bool isTableFile(const char* name) {
 
 }  // namespace
 
-int commandCreate(const std::string& name, const Options& options) {
-  bool ok = true;
-  auto type = static_cast<SharedMem::SharedMemType>(options.number("type", SharedMem::Table, ok));
-  if (!ok) {
-    std::cerr << "heron-sim create: --type needs a number\n";
-    return 2;
-  }
-  std::string typeName = options.get("type-name", "HeronTable");
+int commandCreate(const std::string& name, const CreateSettings& settings) {
+  const auto type = static_cast<SharedMem::SharedMemType>(settings.type);
   Mem::OrbRootPath root(handler(), name, false);
   std::string error;
   struct stat st {};
@@ -62,9 +56,9 @@ int commandCreate(const std::string& name, const Options& options) {
     std::cerr << "heron-sim create: table " << root << " already exists\n";
     return 1;
   }
-  if (!makeDirectories(root.path(), error) || !createQueues(root, options, error) ||
-      !createAllocator(root, options, error) ||
-      !SharedMem::OwnerFile::create(root, type, typeName,
+  if (!makeDirectories(root.path(), error) || !createQueues(root, settings, error) ||
+      !createAllocator(root, settings, error) ||
+      !SharedMem::OwnerFile::create(root, type, settings.typeName,
                                     SharedMem::EmberId{static_cast<std::uint16_t>(::getpid() & 0xFFFF), 0}, error)) {
     std::cerr << "heron-sim create: " << error << '\n';
     return 1;
@@ -73,7 +67,7 @@ int commandCreate(const std::string& name, const Options& options) {
   return 0;
 }
 
-int commandRemove(const std::string& name, const Options&) {
+int commandRemove(const std::string& name) {
   Mem::OrbRootPath root(handler(), name, false);
   DIR* dir = ::opendir(root.path().c_str());
   if (dir == nullptr) {

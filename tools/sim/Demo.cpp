@@ -171,9 +171,8 @@ class DemoCollection {
       return;
     }
     done_ = true;
-    Options quiet;
     for (auto table = tables_.rbegin(); table != tables_.rend(); ++table) {
-      commandRemove(*table, quiet);
+      commandRemove(*table);
     }
     // Innermost first; a directory someone else filled in the meantime stays.
     std::vector<std::string> order = directories_;
@@ -193,15 +192,10 @@ class DemoCollection {
 
 }  // namespace
 
-int commandDemo(const Options& options) {
-  bool ok = true;
-  unsigned long long duration = options.number("duration", 0, ok);
-  unsigned long long rate = options.number("rate", 200, ok);
-  if (!ok) {
-    std::cerr << "heron-sim demo: --duration and --rate need a number\n";
-    return 2;
-  }
-  bool keep = options.has("keep");
+int commandDemo(const DemoSettings& settings) {
+  const unsigned long long duration = settings.seconds;
+  const unsigned long long rate = settings.rate;
+  const bool keep = settings.keep;
 
   DemoSignals signals;
   if (signals.fd() < 0) {
@@ -237,9 +231,9 @@ int commandDemo(const Options& options) {
     if (!exists(dir)) {
       collection.directories().push_back(dir);
     }
-    Options create;
-    create.values["type"] = std::to_string(table.type);
-    create.values["type-name"] = table.typeName;
+    CreateSettings create;
+    create.type = table.type;
+    create.typeName = table.typeName;
     if (commandCreate(table.name, create) != 0) {
       return 1;
     }

@@ -73,14 +73,9 @@ class Mapping {
 
 }  // namespace
 
-int commandShadow(const std::string& name, const Options& options) {
-  bool ok = true;
-  unsigned long long duration = options.number("duration", 0, ok);
-  if (!ok) {
-    std::cerr << "heron-sim shadow: --duration needs a number of seconds\n";
-    return 2;
-  }
-  const bool readWrite = options.has("rw");
+int commandShadow(const ShadowSettings& settings) {
+  const unsigned long long duration = settings.seconds;
+  const bool readWrite = settings.readWrite;
   // Block the stop signals before anything else, so none is lost between
   // the announcement and the wait.
   sigset_t stopSignals;
@@ -89,8 +84,7 @@ int commandShadow(const std::string& name, const Options& options) {
   sigaddset(&stopSignals, SIGINT);
   sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  std::vector<std::string> names{name};
-  names.insert(names.end(), options.positional.begin(), options.positional.end());
+  const std::vector<std::string>& names = settings.names;
   std::vector<std::string> paths;
   // Two mappings per table, released when the command returns.
   std::vector<std::unique_ptr<Mapping>> mappings;

@@ -1,11 +1,8 @@
-// heron-sim create: the table's region allocator.
-//
-// --regions LIST   regions to create, "unitSize x unitCount" separated by
-//                  commas, e.g. 64x256,4096x32 (default 64x256,256x128,4096x32)
-// --no-regions     create the allocator file only
+// heron-sim create: the table's region allocator and the region list syntax.
 #include <cstdlib>
 #include <string>
 
+#include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
 #include "Sim.h"
 
@@ -13,51 +10,75 @@ namespace Sim {
 
 namespace {
 
-constexpr const char* kDefaultRegions = "64x256,256x128,4096x32";
-
-bool parseNumber(const std::string& text, unsigned long& value) {
-  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 9) {
+// A decimal number from 1 to `max`; no sign, no base prefix.
+bool parseCount(const std::string& text, std::uint64_t max, std::uint32_t& value) {
+  if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
-  value = std::strtoul(text.c_str(), nullptr, 10);
+  const unsigned long long number = std::strtoull(text.c_str(), nullptr, 10);
+  if (number < 1 || number > max) {
+    return false;
+  }
+  value = static_cast<std::uint32_t>(number);
   return true;
 }
 
 }  // namespace
 
-bool createAllocator(const Mem::RootPath& table, const Options& options, std::string& error) {
-  Quarry::QuarryWriter writer(handler(), table);
-  if (!writer.create(error)) {
-    return false;
-  }
-  if (options.has("no-regions")) {
+bool parseRegionList(const std::string& text, std::vector<RegionSpec>& out, std::string& error) {
+  out.clear();
+  if (text.empty()) {
     return true;
   }
-  const std::string list = options.get("regions", kDefaultRegions);
   std::size_t at = 0;
-  while (at <= list.size() && !list.empty()) {
-    std::size_t comma = list.find(',', at);
-    const std::string item = list.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+  for (;;) {
+    const std::size_t comma = text.find(',', at);
+    const std::string item = text.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
     const std::size_t x = item.find('x');
-    unsigned long unitSize = 0;
-    unsigned long unitCount = 0;
-    if (x == std::string::npos || !parseNumber(item.substr(0, x), unitSize) ||
-        !parseNumber(item.substr(x + 1), unitCount)) {
-      error = "--regions: '" + item + "' is not unitSizexunitCount";
+    RegionSpec region;
+    if (x == std::string::npos || !parseCount(item.substr(0, x), kMaxUnitSize, region.unitSize) ||
+        !parseCount(item.substr(x + 1), Quarry::Offset::kMaxUnitIndex, region.unitCount)) {
+      error = "'" + item + "' is not SIZExCOUNT with SIZE 1.." + std::to_string(kMaxUnitSize) + " and COUNT 1.." +
+              std::to_string(Quarry::Offset::kMaxUnitIndex);
       return false;
     }
-    if (writer.createRegion(static_cast<std::uint32_t>(unitSize), static_cast<std::uint32_t>(unitCount), error) == 0) {
-      std::string message = "--regions ";
-      message += item;
-      message += ": ";
-      message += error;
-      error = message;
+    if (static_cast<std::uint64_t>(region.unitSize) * region.unitCount > kMaxRegionBytes) {
+      error = "'" + item + "' is larger than " + std::to_string(kMaxRegionBytes) + " bytes";
       return false;
     }
+    out.push_back(region);
     if (comma == std::string::npos) {
       break;
     }
     at = comma + 1;
+  }
+  if (out.size() > Quarry::Offset::kMaxRegionId) {
+    error = "more than " + std::to_string(Quarry::Offset::kMaxRegionId) + " regions";
+    return false;
+  }
+  return true;
+}
+
+std::vector<RegionSpec> defaultRegions() {
+  std::vector<RegionSpec> regions;
+  std::string error;
+  parseRegionList(kDefaultRegions, regions, error);
+  return regions;
+}
+
+bool createAllocator(const Mem::RootPath& table, const CreateSettings& settings, std::string& error) {
+  Quarry::QuarryWriter writer(handler(), table);
+  if (!writer.create(error)) {
+    return false;
+  }
+  if (!settings.withRegions) {
+    return true;
+  }
+  for (const RegionSpec& region : settings.regions) {
+    if (writer.createRegion(region.unitSize, region.unitCount, error) == 0) {
+      error = "--regions " + std::to_string(region.unitSize) + "x" + std::to_string(region.unitCount) + ": " + error;
+      return false;
+    }
   }
   return true;
 }

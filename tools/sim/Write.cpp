@@ -72,30 +72,9 @@ class StopSignals {
 
 }  // namespace
 
-int commandWrite(const std::string& name, const Options& options) {
-  bool ok = true;
-  WriteSettings settings;
-  settings.rate = options.number("rate", 1000, ok);
-  unsigned long long duration = options.number("duration", 0, ok);
-  settings.growEvery = options.number("grow-every", settings.growEvery, ok);
-  settings.maxCapacity = options.number("max-capacity", settings.maxCapacity, ok);
-  settings.regionEvery = options.number("region-every", settings.regionEvery, ok);
-  settings.liveEntries = options.number("live", settings.liveEntries, ok);
-  settings.payloadMax = options.number("payload-max", settings.payloadMax, ok);
-  if (!ok) {
-    std::cerr << "heron-sim write: --rate, --duration, --grow-every, --max-capacity, --region-every, --live and "
-                 "--payload-max need a number\n";
-    return 2;
-  }
-  bool flatOut = options.has("flat-out");
-  if (!flatOut && settings.rate == 0) {
-    std::cerr << "heron-sim write: --rate must be at least 1 (or use --flat-out)\n";
-    return 2;
-  }
-  if (settings.payloadMax < 8) {
-    settings.payloadMax = 8;
-  }
-
+int commandWrite(const std::string& name, const WriteSettings& settings) {
+  const bool flatOut = settings.flatOut;
+  const unsigned long long duration = settings.seconds;
   StopSignals stop;
   Mem::OrbRootPath root(handler(), name, false);
   std::string error;

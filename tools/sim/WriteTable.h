@@ -15,6 +15,8 @@ namespace Sim {
 
 struct WriteSettings {
   unsigned long long rate = 1000;          // notifications a second (rate mode)
+  bool flatOut = false;                    // as fast as it can instead of `rate`
+  unsigned long long seconds = 0;          // stop after this long; 0 never
   unsigned long long growEvery = 50000;    // appends between queue growths; 0 never
   unsigned long long maxCapacity = 65536;  // the queue grows no further
   unsigned long long regionEvery = 20000;  // appends between region create/delete; 0 never
