@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 
@@ -70,6 +71,25 @@ class StopSignals {
   int stopped_ = 0;
 };
 
+// One writer per table: the previous one counts as alive while its pid runs
+// and its last beat is younger than two seconds (it beats every 100 ms). The
+// age comes from the monotonic beat when the writer stored one, so a step of
+// the wall clock neither hides a live writer nor blocks a restart; a writer
+// that predates that field is judged on the wall clock. A beat from the
+// future (another boot's monotonic clock) is no sign of life.
+bool writerAlive(const SharedMem::EmberHeader& ember) {
+  constexpr std::uint64_t kAliveNs = 2000000000ULL;
+  const auto pid = static_cast<pid_t>(ember.writerPid);
+  // EPERM: the pid runs, as another user.
+  if (pid <= 0 || pid == ::getpid() || (::kill(pid, 0) != 0 && errno != EPERM)) {
+    return false;
+  }
+  const bool monotonic = ember.heartbeatMonoNs != 0;
+  const std::uint64_t beat = monotonic ? ember.heartbeatMonoNs : ember.heartbeatNs;
+  const std::uint64_t now = monotonic ? SharedMem::monoNs() : SharedMem::nowNs();
+  return beat <= now && now - beat < kAliveNs;
+}
+
 }  // namespace
 
 int commandWrite(const std::string& name, const WriteSettings& settings) {
@@ -83,11 +103,8 @@ int commandWrite(const std::string& name, const WriteSettings& settings) {
     std::cerr << "heron-sim write: no table at " << root << " (heron-sim create it first)\n";
     return 1;
   }
-  // One writer per table: refuse while another one is alive and beating.
   SharedMem::EmberHeader previous{};
-  if (SharedMem::readEmber(root, previous) == SharedMem::LoadStatus::Ok && previous.writerPid != 0 &&
-      static_cast<pid_t>(previous.writerPid) != ::getpid() && ::kill(static_cast<pid_t>(previous.writerPid), 0) == 0 &&
-      SharedMem::nowNs() - __atomic_load_n(&previous.heartbeatNs, __ATOMIC_RELAXED) < 2000000000ULL) {
+  if (SharedMem::readEmber(root, previous) == SharedMem::LoadStatus::Ok && writerAlive(previous)) {
     std::cerr << "heron-sim write: " << root << " already has a writer (pid " << previous.writerPid << ")\n";
     return 1;
   }
