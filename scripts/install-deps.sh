@@ -6,8 +6,10 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ g++-multilib make
   libfmt-dev googletest libgtest-dev libbenchmark-dev
+  libcli11-dev libcpp-httplib-dev nlohmann-json3-dev
   clang-tidy cppcheck clang-format
   psmisc lsof strace util-linux procps man-db
+  prometheus tmux
   qemu-user
 )
 
