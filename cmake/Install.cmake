@@ -4,8 +4,13 @@
 #
 # puts in place: bin/heron, bin/heron-sim, lib/libheron.so*, lib/libheronrt.a,
 # the runtime headers under include/heron/, the CMake package (heronConfig.cmake,
-# target heron::heronrt) under lib/cmake/heron/, the man page and the bash
-# completion. A writer project then does:
+# target heron::heronrt) under lib/cmake/heron/, the man pages, the bash
+# completions (one file per command, named after it, so that bash-completion
+# loads each on demand), and the example Prometheus configuration and alert
+# rules under share/doc/heron/examples/prometheus/. When the build has
+# heron-stat it also installs bin/heron-stat, its man page and completion, and
+# the systemd unit lib/systemd/system/heron-stat.service. A writer project
+# then does:
 #
 #   find_package(heron REQUIRED)
 #   target_link_libraries(mywriter PRIVATE heron::heronrt)
@@ -32,12 +37,27 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/heronConfigVersion.cmake
 install(FILES ${CMAKE_BINARY_DIR}/heronConfig.cmake ${CMAKE_BINARY_DIR}/heronConfigVersion.cmake
   DESTINATION ${HERON_CMAKE_DIR} COMPONENT runtime)
 
-install(FILES ${CMAKE_SOURCE_DIR}/docs/heron.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-if(EXISTS ${CMAKE_SOURCE_DIR}/docs/heron-sim.1)
-  install(FILES ${CMAKE_SOURCE_DIR}/docs/heron-sim.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+# heron-stat is built natively only (and comes with its own sources), so
+# everything of it is installed when its target exists.
+set(HERON_COMMANDS heron heron-sim)
+if(TARGET heron-stat)
+  install(TARGETS heron-stat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  list(APPEND HERON_COMMANDS heron-stat)
+  # The unit's path is the package's (/usr/lib/systemd/system); it names
+  # /usr/bin/heron-stat.
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/systemd/heron-stat.service DESTINATION lib/systemd/system COMPONENT tools)
 endif()
-install(FILES ${CMAKE_SOURCE_DIR}/completion/heron.bash
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME heron COMPONENT tools)
+foreach(command ${HERON_COMMANDS})
+  if(EXISTS ${CMAKE_SOURCE_DIR}/docs/${command}.1)
+    install(FILES ${CMAKE_SOURCE_DIR}/docs/${command}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  endif()
+  if(EXISTS ${CMAKE_SOURCE_DIR}/completion/${command}.bash)
+    install(FILES ${CMAKE_SOURCE_DIR}/completion/${command}.bash
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${command} COMPONENT tools)
+  endif()
+endforeach()
+install(FILES ${CMAKE_SOURCE_DIR}/docs/prometheus/prometheus.yml ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts.yml
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/prometheus COMPONENT tools)
 
 # Debian package: one package holding everything above, installed under /usr.
 set(CPACK_GENERATOR DEB)
@@ -48,8 +68,10 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "passive inspector of heron shared-memory 
 set(CPACK_PACKAGE_DESCRIPTION "heron reads a heron collection (tables of shared-memory region files and
 notification queues) without writing to it and reports headers, statistics,
 contents and the processes attached. The package also carries heron-sim,
-which builds live demo collections, and the C++ runtime with its headers and
-CMake package for writing tables.")
+which builds live demo collections, heron-stat (when built), a live view of
+every table's health for scripts and Prometheus with a systemd unit and
+example alert rules, and the C++ runtime with its headers and CMake package
+for writing tables.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION devel)

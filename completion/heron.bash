@@ -1,4 +1,5 @@
-# bash completion for heron and heron-sim.
+# bash completion for heron. The table helpers below are also used by
+# heron-sim's completion, which loads this file when they are missing.
 #
 # Table names are the directories under the collection root ($HERON_ROOT,
 # else /dev/shm/heron) that hold an `owner` file, relative to the root.
@@ -63,24 +64,4 @@ _heron() {
   COMPREPLY=($(compgen -W "$(_heron_tables)" -- "$cur"))
 }
 
-_heron_sim() {
-  local cur=${COMP_WORDS[COMP_CWORD]}
-  if [[ $COMP_CWORD -eq 1 ]]; then
-    COMPREPLY=($(compgen -W "create write shadow remove demo --help" -- "$cur"))
-    return
-  fi
-  if [[ $cur == -* ]]; then
-    case ${COMP_WORDS[1]} in
-      create) COMPREPLY=($(compgen -W "--type --type-name --capacity --regions" -- "$cur")) ;;
-      write) COMPREPLY=($(compgen -W "--rate --flat-out --duration --grow-every --max-capacity --region-every --live --payload-max" -- "$cur")) ;;
-      demo) COMPREPLY=($(compgen -W "--duration --keep --rate" -- "$cur")) ;;
-    esac
-    return
-  fi
-  case ${COMP_WORDS[1]} in
-    write|shadow|remove) COMPREPLY=($(compgen -W "$(_heron_tables)" -- "$cur")) ;;
-  esac
-}
-
 complete -F _heron heron
-complete -F _heron_sim heron-sim

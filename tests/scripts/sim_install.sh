@@ -1,16 +1,25 @@
 #!/usr/bin/env bash
 # cmake --install into a temporary prefix, then a tiny writer project finds
 # the runtime with find_package(heron), builds and runs against it; the
-# installed heron runs from there, and its man page and completion are in
-# place.
+# installed heron runs from there, and the man pages, the completions (each
+# under its command's name), the Prometheus examples and, with heron-stat,
+# its systemd unit are in place.
 source "$(dirname "$0")/sim_lib/common.sh"
 BUILD=$(cd "$BIN/.." && pwd)
 PREFIX=$WORK/prefix
 
 cmake --install "$BUILD" --prefix "$PREFIX" >"$WORK/install.log" 2>&1 || fail "cmake --install failed: $(tail -5 "$WORK/install.log")"
-for f in bin/heron bin/heron-sim lib/libheronrt.a lib/cmake/heron/heronConfig.cmake \
-  lib/cmake/heron/heronConfigVersion.cmake include/heron/SharedMem/OwnerFile.h include/heron/Relay/RelayTable.h \
-  include/heron/Quarry/QuarryReader.h share/man/man1/heron.1 share/bash-completion/completions/heron; do
+expected=(bin/heron bin/heron-sim lib/libheronrt.a lib/cmake/heron/heronConfig.cmake
+  lib/cmake/heron/heronConfigVersion.cmake include/heron/SharedMem/OwnerFile.h include/heron/Relay/RelayTable.h
+  include/heron/Quarry/QuarryReader.h share/man/man1/heron.1 share/man/man1/heron-sim.1
+  share/bash-completion/completions/heron share/bash-completion/completions/heron-sim
+  share/doc/heron/examples/prometheus/prometheus.yml share/doc/heron/examples/prometheus/heron-alerts.yml)
+# heron-stat and what comes with it, when this build has it.
+if [[ -x $BIN/heron-stat ]]; then
+  expected+=(bin/heron-stat share/man/man1/heron-stat.1 share/bash-completion/completions/heron-stat
+    lib/systemd/system/heron-stat.service)
+fi
+for f in "${expected[@]}"; do
   [[ -e $PREFIX/$f ]] || fail "$f was not installed"
 done
 ls "$PREFIX"/lib/libheron.so* >/dev/null 2>&1 || fail "libheron.so was not installed"
@@ -76,4 +85,21 @@ name=$("$PREFIX/bin/heron" consumer/table 2>&1 >/dev/null | head -1 || true)
 # Completion: table names are the directories holding an owner file.
 compl=$(bash -c "source '$PREFIX/share/bash-completion/completions/heron'; _heron_tables")
 [[ $compl == "consumer/table" ]] || fail "completion listed '$compl'"
+# bash-completion loads completions/heron-sim alone, the first time heron-sim
+# is completed: it finds the table helpers in completions/heron by itself.
+# shellcheck disable=SC2016
+compl=$(bash -c 'source "$1"; COMP_WORDS=(heron-sim write ""); COMP_CWORD=2; _heron_sim; echo "${COMPREPLY[*]}"' \
+  _ "$PREFIX/share/bash-completion/completions/heron-sim")
+[[ $compl == "consumer/table" ]] || fail "heron-sim completion of a table listed '$compl'"
+# shellcheck disable=SC2016
+compl=$(bash -c 'source "$1"; COMP_WORDS=(heron-sim write t --fl); COMP_CWORD=3; _heron_sim; echo "${COMPREPLY[*]}"' \
+  _ "$PREFIX/share/bash-completion/completions/heron-sim")
+[[ $compl == "--flat-out" ]] || fail "heron-sim completion of --fl listed '$compl'"
+if [[ -x $BIN/heron-stat ]]; then
+  bash -c "source '$PREFIX/share/bash-completion/completions/heron-stat'; complete -p heron-stat" >/dev/null 2>&1 ||
+    fail "completions/heron-stat registers no completion for heron-stat"
+  grep -q '^ExecStart=/usr/bin/heron-stat ' "$PREFIX/lib/systemd/system/heron-stat.service" || fail "the installed unit"
+  MANPATH=$PREFIX/share/man man -w heron-stat >/dev/null 2>&1 || fail "man cannot find the installed heron-stat.1"
+fi
+MANPATH=$PREFIX/share/man man -w heron-sim >/dev/null 2>&1 || fail "man cannot find the installed heron-sim.1"
 echo PASS

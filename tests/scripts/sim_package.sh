@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # CPack makes a Debian package holding the tools, the libraries, the
-# headers, the CMake package, the man page and the completion, under /usr.
+# headers, the CMake package, the man pages, the completions, the Prometheus
+# examples and, with heron-stat, its systemd unit, under /usr.
 source "$(dirname "$0")/sim_lib/common.sh"
 BUILD=$(cd "$BIN/.." && pwd)
 command -v dpkg-deb >/dev/null || fail "dpkg-deb is not installed"
@@ -10,9 +11,16 @@ deb=$(ls "$WORK"/pkg/heron_*.deb 2>/dev/null | head -1)
 [[ -n $deb ]] || fail "no .deb was made"
 dpkg-deb -f "$deb" Package | grep -qx heron || fail "package name"
 dpkg-deb -c "$deb" >"$WORK/contents.txt"
-for f in ./usr/bin/heron ./usr/bin/heron-sim ./usr/lib/libheronrt.a ./usr/lib/libheron.so \
-  ./usr/lib/cmake/heron/heronConfig.cmake ./usr/include/heron/SharedMem/OwnerFile.h ./usr/share/man/man1/heron.1 \
-  ./usr/share/bash-completion/completions/heron; do
+expected=(./usr/bin/heron ./usr/bin/heron-sim ./usr/lib/libheronrt.a ./usr/lib/libheron.so
+  ./usr/lib/cmake/heron/heronConfig.cmake ./usr/include/heron/SharedMem/OwnerFile.h ./usr/share/man/man1/heron.1
+  ./usr/share/man/man1/heron-sim.1 ./usr/share/bash-completion/completions/heron
+  ./usr/share/bash-completion/completions/heron-sim ./usr/share/doc/heron/examples/prometheus/prometheus.yml
+  ./usr/share/doc/heron/examples/prometheus/heron-alerts.yml)
+if [[ -x $BIN/heron-stat ]]; then
+  expected+=(./usr/bin/heron-stat ./usr/share/man/man1/heron-stat.1 ./usr/share/bash-completion/completions/heron-stat
+    ./usr/lib/systemd/system/heron-stat.service)
+fi
+for f in "${expected[@]}"; do
   grep -q " $f\( \|$\)" "$WORK/contents.txt" || fail "$f is not in the package"
 done
 echo PASS
