@@ -58,6 +58,11 @@ usage_error "remove t2 t3" "t3"
 usage_error "demo extra" "extra"
 usage_error "demo --duration" "--duration"
 [[ -f $HERON_ROOT/t2/owner && ! -e $HERON_ROOT/t1 ]] || fail "the root changed"
+# An argument with a line end or an escape in it is still quoted on one line.
+status=0
+"$SIM" $'bo\ngus\e[2J' >/dev/null 2>"$WORK/err.txt" || status=$?
+[[ $status -eq 2 && $(wc -l <"$WORK/err.txt") -eq 1 ]] || fail "a command with a line end: status $status, $(cat "$WORK/err.txt")"
+! grep -q $'\e' "$WORK/err.txt" || fail "an escape character reached stderr"
 
 # Help and version: stdout, status 0.
 out=$("$SIM" --help) || fail "--help: status $?"

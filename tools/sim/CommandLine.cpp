@@ -1,9 +1,13 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
 #include <ostream>
+#include <string>
+#include <vector>
 
 namespace Sim {
 
@@ -75,10 +79,12 @@ CLI::Option* addSeconds(CLI::App& app, unsigned long long& value, const std::str
   return addNumber(app, "--duration", value, 0, kMaxSeconds, "S", description);
 }
 
-// One line, whatever CLI11's text holds.
+// One line of plain text, whatever CLI11's text or the arguments it quotes
+// hold: control characters become blanks.
 std::string oneLine(std::string text) {
   for (char& c : text) {
-    if (c == '\n' || c == '\r' || c == '\t') {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
       c = ' ';
     }
   }
@@ -125,7 +131,7 @@ int usageError(const CLI::App& app, const std::string& text, std::ostream& err) 
   for (const CLI::App* sub : app.get_subcommands()) {
     where += " " + sub->get_name();
   }
-  err << where << ": " << text << " (see " << where << " --help)\n";
+  err << where << ": " << oneLine(text) << " (see " << where << " --help)\n";
   return 2;
 }
 
