@@ -204,12 +204,12 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       ->check(notEmpty());
   CLI::Option* rate = addNumber(writeApp, "--rate", write.rate, 1, kMaxRate, "N", "Notifications a second");
   CLI::Option* flatOut = writeApp.add_flag("--flat-out", write.flatOut, "Append as fast as possible, not at --rate");
-  addSeconds(writeApp, write.seconds, "Stop after S seconds (0: on SIGINT, SIGTERM or SIGHUP only)");
+  addSeconds(writeApp, write.seconds, "Stop after S seconds; 0: only on SIGINT, SIGTERM or SIGHUP");
   addNumber(writeApp, "--grow-every", write.growEvery, 0, std::numeric_limits<std::uint64_t>::max(), "N",
-            "Double the queue every N appends (0: never)");
+            "Double the queue every N appends; 0: never");
   addNumber(writeApp, "--max-capacity", write.maxCapacity, 1, kMaxU32, "N", "The queue grows no further");
   addNumber(writeApp, "--region-every", write.regionEvery, 0, std::numeric_limits<std::uint64_t>::max(), "N",
-            "Replace a region every N appends (0: never)");
+            "Replace a region every N appends; 0: never");
   addNumber(writeApp, "--live", write.liveEntries, 0, kMaxU32, "N", "Entries kept before the oldest is released");
   addNumber(writeApp, "--payload-max", write.payloadMax, 8, kMaxPayload, "N", "Largest payload in bytes");
   writeApp.footer(
@@ -224,7 +224,7 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       "shadow", "Map tables' relay.1 and ember read-only, print \"shadow PID attached to PATH\" each, and wait");
   shadowApp.add_option("NAME", shadow.names, "Table names")->type_name("")->required()->check(notEmpty());
   shadowApp.add_flag("--rw", shadow.readWrite, "Map read-write and shared, as a writer does (nothing is written)");
-  addSeconds(shadowApp, shadow.seconds, "Stop after S seconds (0: on SIGTERM or SIGINT only)");
+  addSeconds(shadowApp, shadow.seconds, "Stop after S seconds; 0: only on SIGTERM or SIGINT");
   shadowApp.footer(
       "Examples:\n"
       "  heron-sim shadow orders &\n"
@@ -235,7 +235,7 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
   CLI::App& demoApp = *app.add_subcommand(
       "demo",
       "Build a small live collection with a writer and shadows for each table, and print heron commands to try");
-  addSeconds(demoApp, demo.seconds, "Stop after S seconds (0: on Ctrl-C, SIGTERM or SIGHUP only)");
+  addSeconds(demoApp, demo.seconds, "Stop after S seconds; 0: only on Ctrl-C, SIGTERM or SIGHUP");
   demoApp.add_flag("--keep", demo.keep, "Leave the tables in place when the demo stops");
   addNumber(demoApp, "--rate", demo.rate, 1, kMaxRate, "N", "Each writer's notifications a second");
   demoApp.footer(
