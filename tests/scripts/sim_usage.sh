@@ -77,5 +77,6 @@ out=$("$SIM" --version) || fail "--version: status $?"
 
 # Options may still be given as --key=value, and the last of two counts.
 "$SIM" create t3 --capacity=8 --capacity 16 --regions=16x4 >/dev/null || fail "create t3 --capacity=8 --capacity 16"
-"$HERON" -s t3 2>/dev/null | grep -q 'Notifications: 16 ' || fail "t3 does not hold 16 notifications a queue"
+"$HERON" -s t3 >"$WORK/s.txt" 2>/dev/null || fail "heron -s t3"
+grep -q 'Notifications: 16 ' "$WORK/s.txt" || fail "t3 does not hold 16 notifications a queue"
 echo PASS
