@@ -21,7 +21,7 @@ struct WriteSettings {
   unsigned long long maxCapacity = 65536;  // the queue grows no further
   unsigned long long regionEvery = 20000;  // appends between region create/delete; 0 never
   unsigned long long liveEntries = 128;    // entries kept before the oldest is released
-  unsigned long long payloadMax = 200;     // largest payload in bytes
+  unsigned long long payloadMax = 200;     // largest payload in bytes, at least 8
 };
 
 class WriteTable {
