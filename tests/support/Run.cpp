@@ -200,6 +200,59 @@ bool TempRoot::create(const std::string& name, const std::vector<std::string>& a
   return true;
 }
 
+namespace {
+
+// Copies `from` (following symbolic links) to a new file `to` with `mode`.
+bool copyFile(const std::string& from, const std::string& to, mode_t mode, std::string& error) {
+  std::ifstream in(from, std::ios::binary);
+  if (!in) {
+    error = "cannot read " + from;
+    return false;
+  }
+  {
+    std::ofstream out(to, std::ios::binary | std::ios::trunc);
+    out << in.rdbuf();
+    if (!out.flush()) {
+      error = "cannot write " + to;
+      return false;
+    }
+  }
+  if (::chmod(to.c_str(), mode) != 0) {
+    error = "chmod " + to + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+PublicHeronCopy::PublicHeronCopy() {
+  char pattern[] = "/tmp/heron-public-XXXXXX";
+  if (::mkdtemp(pattern) == nullptr) {
+    error_ = std::string("mkdtemp: ") + std::strerror(errno);
+    return;
+  }
+  dir_ = pattern;
+  // mkdtemp makes the directory private; the copy is meant for other users.
+  for (const std::string& dir : {dir_, dir_ + "/bin", dir_ + "/lib"}) {
+    if ((dir != dir_ && ::mkdir(dir.c_str(), 0755) != 0) || ::chmod(dir.c_str(), 0755) != 0) {
+      error_ = dir + ": " + std::strerror(errno);
+      return;
+    }
+  }
+  if (copyFile(heronBin(), heron(), 0755, error_)) {
+    copyFile(heronLib(), dir_ + "/lib/libheron.so.0", 0644, error_);
+  }
+}
+
+PublicHeronCopy::~PublicHeronCopy() {
+  if (!dir_.empty()) {
+    ::nftw(dir_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+  }
+}
+
+std::vector<std::string> PublicHeronCopy::env() const { return {"LD_LIBRARY_PATH=" + dir_ + "/lib"}; }
+
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;

@@ -58,6 +58,32 @@ class TempRoot {
   std::string path_;
 };
 
+// A copy of heron and of libheron.so.0 in a fresh directory under /tmp that
+// every user may enter and read, removed on destruction. A test that runs
+// heron as another user runs this copy: the build tree may sit under a
+// directory that user cannot enter (a clone under a mode-700 directory). The
+// launcher finds the copied library through env(), not through the build
+// tree's run path.
+class PublicHeronCopy {
+ public:
+  PublicHeronCopy();
+  ~PublicHeronCopy();
+  PublicHeronCopy(const PublicHeronCopy&) = delete;
+  PublicHeronCopy& operator=(const PublicHeronCopy&) = delete;
+
+  // False, with the reason in error(), when the copy could not be made.
+  bool ok() const { return error_.empty(); }
+  const std::string& error() const { return error_; }
+  // The copied launcher.
+  std::string heron() const { return dir_ + "/bin/heron"; }
+  // {"LD_LIBRARY_PATH=<dir>/lib"}.
+  std::vector<std::string> env() const;
+
+ private:
+  std::string dir_;
+  std::string error_;
+};
+
 // Whole-file helpers for tests.
 std::string readFile(const std::string& path);
 bool writeFile(const std::string& path, const std::string& bytes);

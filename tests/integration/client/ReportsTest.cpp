@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "integration/client/ClientHarness.h"
+#include "support/Run.h"
 
 namespace {
 
@@ -352,11 +353,16 @@ TEST_F(ClientReportsTest, RootWarningForAnUnprivilegedUser) {
   }
   createTable("alpha");
   ::chmod((root + "/alpha").c_str(), 0755);
+  // The build tree may be out of that user's reach: run a copy it can read.
+  const HeronTest::PublicHeronCopy copy;
+  ASSERT_TRUE(copy.ok()) << copy.error();
   const std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-  auto asNobody = [&nobody](std::vector<std::string> args, const std::vector<std::string>& env) {
+  auto asNobody = [&nobody, &copy](std::vector<std::string> args, std::vector<std::string> env) {
     std::vector<std::string> argv = nobody;
-    argv.push_back(ClientTest::binDir() + "/heron");
+    argv.push_back(copy.heron());
     argv.insert(argv.end(), args.begin(), args.end());
+    const std::vector<std::string> libraryPath = copy.env();
+    env.insert(env.end(), libraryPath.begin(), libraryPath.end());
     return ClientTest::run(argv, env);
   };
   auto all = asNobody({"-A"}, {"-Q7_CHROOT"});
