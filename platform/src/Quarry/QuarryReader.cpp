@@ -80,8 +80,11 @@ bool NoMapReader::copy(QuarryHeader& out) const {
 template <typename Scanner>
 Reader<Scanner>::Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string&)
     : Mem::InotifyMgr::Watcher(handler), root_(root), regionRoot_(root) {
-  onRegionDetached_ = [this](std::uint32_t id) {
-    Beacon::fmtrace(debugHandler(), 3, __FILE__, __func__, __LINE__, "QuarryReader", "region {} detached", id);
+  // The default callback names the constructor that installed it: inside
+  // the lambda __func__ would only say "operator()".
+  const char* function = __func__;
+  onRegionDetached_ = [this, function](std::uint32_t id) {
+    Beacon::fmtrace(debugHandler(), 3, __FILE__, function, __LINE__, "QuarryReader", "region {} detached", id);
   };
 }
 
