@@ -44,6 +44,20 @@ wait_for_line() {
   wait_until "$3" grep -q -- "$2" "$1" 2>/dev/null
 }
 
+# build_consumer DIR BUILD PREFIX: configures and builds the CMake project in
+# DIR (into DIR/build) against the install in PREFIX, with the sanitizer
+# flags of the build BUILD that was installed.
+build_consumer() {
+  local dir=$1 build=$2 prefix=$3 flags=""
+  if grep -q '^HERON_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then
+    flags="-fsanitize=address,undefined"
+  fi
+  cmake -S "$dir" -B "$dir/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$WORK/configure.log" 2>&1 ||
+    fail "find_package(heron) failed: $(tail -20 "$WORK/configure.log")"
+  cmake --build "$dir/build" >"$WORK/build.log" 2>&1 || fail "consumer build failed: $(tail -20 "$WORK/build.log")"
+}
+
 # start_writer NAME [write options]: sets WRITER_PID once it has attached.
 start_writer() {
   local name=$1
