@@ -6,7 +6,7 @@ M32_BUILD  ?= build-m32
 JOBS       ?= $(shell nproc)
 CMAKE_GEN  := -G Ninja
 
-.PHONY: all build deps test test-native test-asan m32 lint format demo bench clean install
+.PHONY: all build deps test test-native test-asan m32 lint format format-check demo bench clean install
 
 all: build
 
@@ -37,8 +37,16 @@ m32: deps
 lint: build
 	bash scripts/lint.sh $(BUILD)
 
+# Every C++ source and header of the project (the build directories sit at
+# the top and are not searched).
+FORMAT_FILES = $(shell find platform src app tools tests bench -name '*.cpp' -o -name '*.h' | LC_ALL=C sort)
+
 format:
-	find platform src app tools tests bench -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+	clang-format -i $(FORMAT_FILES)
+
+# Fails, naming each place, when a file differs from what `make format` makes.
+format-check:
+	clang-format --dry-run --Werror $(FORMAT_FILES)
 
 bench: build
 	bash bench/run.sh $(BUILD)

@@ -3,17 +3,22 @@
 #   cmake --install build [--prefix DIR]
 #
 # puts in place: bin/heron, bin/heron-sim, lib/libheron.so*, lib/libheronrt.a,
-# the runtime headers under include/heron/, the CMake package (heronConfig.cmake,
-# target heron::heronrt) under lib/cmake/heron/, the man pages, the bash
-# completions (one file per command, named after it, so that bash-completion
-# loads each on demand), and the example Prometheus configuration and alert
-# rules under share/doc/heron/examples/prometheus/. When the build has
-# heron-stat it also installs bin/heron-stat, its man page and completion, and
-# the systemd unit lib/systemd/system/heron-stat.service. A writer project
-# then does:
+# the runtime headers under include/heron/ and, beside them, Heron/Heron.h
+# (what libheron.so exports), the CMake package (heronConfig.cmake, targets
+# heron::heronrt and heron::heron) under lib/cmake/heron/, the man pages, the
+# bash completions (one file per command, named after it, so that
+# bash-completion loads each on demand), and the example Prometheus
+# configuration and alert rules under share/doc/heron/examples/prometheus/.
+# When the build has heron-stat it also installs bin/heron-stat, its man page
+# and completion, and the systemd unit lib/systemd/system/heron-stat.service.
+# A writer project then does:
 #
 #   find_package(heron REQUIRED)
 #   target_link_libraries(mywriter PRIVATE heron::heronrt)
+#
+# and a program that runs the utility in its own process:
+#
+#   target_link_libraries(myprogram PRIVATE heron::heron)   # Heron::main
 #
 # `cpack --config build/CPackConfig.cmake` (from the build directory) makes the
 # Debian package.
@@ -22,7 +27,15 @@ include(CMakePackageConfigHelpers)
 set(HERON_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/heron)
 
 install(TARGETS heron_launcher heron-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(TARGETS heron LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT tools)
+# heron::heron: the shared library and the one header that declares what it
+# exports (which includes some of the runtime headers).
+target_include_directories(heron INTERFACE
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/src>
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform/include>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/heron>)
+install(TARGETS heron EXPORT heronTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT tools)
+install(FILES ${CMAKE_SOURCE_DIR}/src/Heron/Heron.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/heron/Heron
+  COMPONENT runtime)
 install(TARGETS heronrt heron_fmt EXPORT heronTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/include/

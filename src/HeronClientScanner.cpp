@@ -26,7 +26,6 @@ namespace Heron {
 
 namespace {
 
-constexpr const char* kSource = "HeronClientScanner";
 constexpr const char* kClass = "HeronClientScanner";
 
 // Lines of a maps file are short; longer ones fall back to the heap.
@@ -162,8 +161,7 @@ std::string HeronClientScanner::getProcNameForPid(const std::string& pidText) co
   std::string linkPath = fmt::format("{}/{}/exe", procRoot, pidText);
   ssize_t length = ::readlink(linkPath.c_str(), buffer, sizeof(buffer));
   if (length < 0) {
-    Beacon::fmtrace(debugHandler(), 5, kSource, "getProcNameForPid", __LINE__, kClass, "file {} no longer exists",
-                    linkPath);
+    Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, kClass, "file {} no longer exists", linkPath);
     return std::string();
   }
   const auto n = static_cast<std::size_t>(length);
@@ -196,7 +194,7 @@ struct MapsFile {
 // both extraction forms. False, after the documented traces, when the entry
 // is not a process or the process is gone.
 bool openProcessMaps(const HeronClientScanner& scanner, const std::string& pidText, const std::string& mapsPath,
-                     const char* function, long& pid, std::string& procName, MapsFile& file) {
+                     long& pid, std::string& procName, MapsFile& file) {
   const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
   // errno is not cleared on purpose: a failure left by the directory walk
   // drops a non-numeric entry that follows it.
@@ -211,12 +209,13 @@ bool openProcessMaps(const HeronClientScanner& scanner, const std::string& pidTe
   file.open(mapsPath);
   std::ifstream& stream = file.stream;
   if (!stream.is_open()) {
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "file {} no longer exists", mapsPath);
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "file {} no longer exists", mapsPath);
     return false;
   }
   if (!stream.good()) {
-    Beacon::fmtrace(handler, 0, kSource, function, __LINE__, kClass, "file {} error: eofbit: {} failbit: {} badbit: {}",
-                    mapsPath, stream.eof(), stream.fail(), stream.bad());
+    Beacon::fmtrace(handler, 0, __FILE__, __func__, __LINE__, kClass,
+                    "file {} error: eofbit: {} failbit: {} badbit: {}", mapsPath, stream.eof(), stream.fail(),
+                    stream.bad());
     return false;
   }
   return true;
@@ -226,15 +225,14 @@ bool openProcessMaps(const HeronClientScanner& scanner, const std::string& pidTe
 
 void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vector<MmapInfo>& out) const {
   const Beacon::Platform::DebugHandler& handler = debugHandler();
-  const char* function = "extractMmapInfo";
   if (handler.enabled(5)) {
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass,
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
                     "Extracting mmap info for rootpath: {}, filePath: {}", rootPath.path(), mapsPath);
   }
   long pid = 0;
   std::string procName;
   MapsFile file;
-  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, function, pid, procName, file)) {
+  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, pid, procName, file)) {
     return;
   }
   std::ifstream& stream = file.stream;
@@ -251,7 +249,7 @@ void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vecto
     if (region.empty()) {
       continue;
     }
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "mmapRegion: {}", region);
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "mmapRegion: {}", region);
     int code;
     if (region == targetPaths[0]) {
       code = 0;
@@ -260,21 +258,21 @@ void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vecto
     } else {
       continue;
     }
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "heronFileType: {}", heronFileTypes[code]);
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "heronFileType: {}", heronFileTypes[code]);
     std::string permissions = getToken(line, 2, " ");
-    Beacon::fmassert(!permissions.empty(), kSource, function, __LINE__, kClass, "!permissions.empty()");
+    Beacon::fmassert(!permissions.empty(), __FILE__, __func__, __LINE__, kClass, "!permissions.empty()");
     out.emplace_back(static_cast<int>(pid), procName, std::move(permissions), heronFileTypes[code]);
     if (handler.enabled(9)) {
-      Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "Added: {}", out.back().toTraceString());
+      Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Added: {}", out.back().toTraceString());
     }
   }
 }
 
 void HeronClientScanner::extractMmapInfo(std::vector<MmapInfo>& out) const {
-  Beacon::fmtrace(debugHandler(), 5, kSource, "extractMmapInfo", __LINE__, kClass,
+  Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, kClass,
                   "Extracting mmap info for rootpath: {} traversing /proc", rootPath.path());
   Beacon::DirNode directory(debugHandler(), procRoot);
-  Beacon::fmassert(directory.isOpen(), kSource, "extractMmapInfo", __LINE__, kClass, "Couldn't open /proc");
+  Beacon::fmassert(directory.isOpen(), __FILE__, __func__, __LINE__, kClass, "Couldn't open /proc");
   std::string mapsPath;
   while (readNextMmap(directory, mapsPath)) {
     extractMmapInfo(mapsPath, out);
@@ -283,15 +281,14 @@ void HeronClientScanner::extractMmapInfo(std::vector<MmapInfo>& out) const {
 
 void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, TableToInfoMap& tables) const {
   const Beacon::Platform::DebugHandler& handler = debugHandler();
-  const char* function = "extractMmapInfoByTable";
   if (handler.enabled(5)) {
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass,
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
                     "Extracting mmap info by table for rootpath: {}, filePath: {}", rootPath.path(), mapsPath);
   }
   long pid = 0;
   std::string procName;
   MapsFile file;
-  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, function, pid, procName, file)) {
+  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, pid, procName, file)) {
     return;
   }
   std::ifstream& stream = file.stream;
@@ -307,7 +304,7 @@ void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, Tab
     if (region.empty()) {
       continue;
     }
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "mmapRegion: {}", region);
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "mmapRegion: {}", region);
     const std::size_t slash = region.rfind('/');
     if (slash == std::string::npos) {
       continue;
@@ -321,24 +318,24 @@ void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, Tab
     } else {
       continue;
     }
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "heronFileType: {}", heronFileTypes[code]);
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "heronFileType: {}", heronFileTypes[code]);
     std::string permissions = getToken(line, 2, " ");
-    Beacon::fmassert(!permissions.empty(), kSource, function, __LINE__, kClass, "!permissions.empty()");
+    Beacon::fmassert(!permissions.empty(), __FILE__, __func__, __LINE__, kClass, "!permissions.empty()");
     MmapInfo info(static_cast<int>(pid), procName, std::move(permissions), heronFileTypes[code]);
     if (handler.enabled(9)) {
-      Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "adding to map: {}", info.toTraceString());
+      Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "adding to map: {}", info.toTraceString());
     }
     tables[region.substr(0, slash)].push_back(info);
   }
 }
 
 HeronClientScanner::TableToInfoMap HeronClientScanner::extractMmapInfoByTable() const {
-  Beacon::fmtrace(debugHandler(), 5, kSource, "extractMmapInfoByTable", __LINE__, kClass,
+  Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, kClass,
                   "Extracting mmap info by table for rootpath: {} traversing /proc", rootPath.path());
   TableToInfoMap tables;
   tables.max_load_factor(1.0F);
   Beacon::DirNode directory(debugHandler(), procRoot);
-  Beacon::fmassert(directory.isOpen(), kSource, "extractMmapInfoByTable", __LINE__, kClass, "Couldn't open /proc");
+  Beacon::fmassert(directory.isOpen(), __FILE__, __func__, __LINE__, kClass, "Couldn't open /proc");
   std::string mapsPath;
   while (readNextMmap(directory, mapsPath)) {
     extractMmapInfoByTable(mapsPath, tables);
@@ -352,36 +349,36 @@ HeronClientScanner::TableToInfoMap HeronClientScanner::extractMmapInfoByTable() 
 bool HeronClientScanner::categorizeClient(const MmapInfo& info, Model::HeronTable& table, bool& writerFound,
                                           std::unordered_set<int>& shadowPids) const {
   const Beacon::Platform::DebugHandler& handler = debugHandler();
-  const char* function = "categorizeClient";
   if (info.permissions.empty() || info.procName.empty() || info.heronFileType.empty()) {
     if (handler.enabled(0)) {
       std::string record = fmt::format("{}|{}|{}|{}|", info.pid, info.procName, info.permissions, info.heronFileType);
-      Beacon::fmtrace(handler, 0, kSource, function, __LINE__, kClass, "Failed to tokenize: {}", record);
+      Beacon::fmtrace(handler, 0, __FILE__, __func__, __LINE__, kClass, "Failed to tokenize: {}", record);
     }
     return true;
   }
   if (isReadWrite(info.permissions)) {
     if (!writerFound) {
-      Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "adding writer: {}-{}", info.procName, info.pid);
+      Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "adding writer: {}-{}", info.procName,
+                      info.pid);
       writerFound = true;
       table.clients.at(Writer).emplace_back(info.pid, info.procName);
       return false;
     }
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass,
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass,
                     "Trying to add writer, but theres already a writer in clientList");
     return false;
   }
   if (shadowPids.count(info.pid) != 0) {
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "pid ({}) is already categorized as shadow",
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "pid ({}) is already categorized as shadow",
                     info.pid);
     return false;
   }
   if (info.heronFileType != heronFileTypes[0] && info.heronFileType != heronFileTypes[1]) {
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "Unexpected heron file {}", info.heronFileType);
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Unexpected heron file {}", info.heronFileType);
     return true;
   }
-  Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "adding a reader of some type: {}-{}", info.procName,
-                  info.pid);
+  Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "adding a reader of some type: {}-{}",
+                  info.procName, info.pid);
   shadowPids.insert(info.pid);
   table.clients.at(Shadow).emplace_back(info.pid, info.procName);
   return false;
@@ -389,13 +386,12 @@ bool HeronClientScanner::categorizeClient(const MmapInfo& info, Model::HeronTabl
 
 void HeronClientScanner::doPopulateCommandNames(Model::HeronClientList& clients,
                                                 std::unordered_map<int, std::string>& commandCache) const {
-  const char* function = "doPopulateCommandNames";
   for (Model::HeronClient& client : clients) {
     auto cached = commandCache.find(client.pid);
     std::string command;
     if (cached != commandCache.end()) {
       command = cached->second;
-      Beacon::fmtrace(debugHandler(), 5, kSource, function, __LINE__, kClass, "Found command {} in cache for {}",
+      Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, kClass, "Found command {} in cache for {}",
                       command, client.pid);
     } else {
       command = Beacon::Util::readPidCmdline(debugHandler(), client.pid, procRoot);
@@ -407,7 +403,7 @@ void HeronClientScanner::doPopulateCommandNames(Model::HeronClientList& clients,
       if (slash != std::string::npos) {
         command.erase(0, slash + 1);
       }
-      Beacon::fmtrace(debugHandler(), 5, kSource, function, __LINE__, kClass, "Extracted command {} for pid {}",
+      Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, kClass, "Extracted command {} for pid {}",
                       command, client.pid);
       commandCache.emplace(client.pid, command);
     }
@@ -463,7 +459,7 @@ int HeronClientScanner::getClients(Model::HeronTable& table) const {
   std::unordered_set<int> shadowPids;
   for (const MmapInfo& info : mappings) {
     if (handler.enabled(5)) {
-      Beacon::fmtrace(handler, 5, kSource, "getClients", __LINE__, kClass, "{}|{}|{}|{}|", info.pid, info.procName,
+      Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "{}|{}|{}|{}|", info.pid, info.procName,
                       info.permissions, info.heronFileType);
     }
     if (categorizeClient(info, table, writerFound, shadowPids)) {
@@ -480,19 +476,18 @@ int HeronClientScanner::getClients(Model::HeronTable& table) const {
 
 int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const {
   const Beacon::Platform::DebugHandler& handler = debugHandler();
-  const char* function = "getAllClients";
   const TableToInfoMap grouped = extractMmapInfoByTable();
   const std::string& root = rootPath.path();
   for (const auto& group : grouped) {
     const std::string& path = group.first;
     const std::vector<MmapInfo>& mappings = group.second;
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "Analyzing heron {} with mmapInfo.size: {}", path,
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "Analyzing heron {} with mmapInfo.size: {}", path,
                     mappings.size());
     std::string name;
     if (path.find(root) != std::string::npos) {
       name = path.substr(root.size() + 1);
     } else {
-      Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass,
+      Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
                       "Heron table:{} created in a different directory, current rootPath:{}. Header information "
                       "will not be extracted.",
                       path, root);
@@ -504,7 +499,7 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
       SharedMem::OwnerFile owner(debugHandler(), tableRoot, false);
       type = static_cast<unsigned>(owner.sharedMemType());
     }
-    Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "SharedMem table:{} lookup found table type:{}",
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "SharedMem table:{} lookup found table type:{}",
                     name, type);
     if ((type & ~2U) != 0) {
       continue;
@@ -514,7 +509,7 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
     std::unordered_set<int> shadowPids;
     for (const MmapInfo& info : mappings) {
       if (handler.enabled(5)) {
-        Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass, "{}|{}|{}|{}|", info.pid, info.procName,
+        Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "{}|{}|{}|{}|", info.pid, info.procName,
                         info.permissions, info.heronFileType);
       }
       if (categorizeClient(info, table, writerFound, shadowPids)) {
@@ -533,19 +528,18 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
 
 int HeronClientScanner::addClientlessHerons(std::set<Model::HeronTable>& tables) const {
   const Beacon::Platform::DebugHandler& handler = debugHandler();
-  const char* function = "addClientlessHerons";
   Mem::TableFinder finder(debugHandler(), rootPath);
   finder.find("", SharedMem::Table);
-  Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "Determining clientless herons");
+  Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Determining clientless herons");
   for (const std::string& name : finder.matches()) {
-    Beacon::fmtrace(handler, 9, kSource, function, __LINE__, kClass, "Looking for {} in tables", name);
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Looking for {} in tables", name);
     Model::HeronTable table(name);
     if (tables.count(table) != 0) {
       continue;
     }
     getHeaderInfo(name, table);
     if (!headerComplete(table.headerInfo)) {
-      Beacon::fmtrace(handler, 5, kSource, function, __LINE__, kClass,
+      Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
                       "Suppressing clientless heron {} with missing header info", name);
       continue;
     }

@@ -1,5 +1,5 @@
 // Shared pieces of the heron command-line tests: the help text as the
-// documentation gives it, and a fixture that runs the real heron binary on a
+// documentation gives it (tests/golden/help.txt), and a fixture that runs the real heron binary on a
 // fresh collection root.
 #pragma once
 
@@ -12,39 +12,11 @@
 
 namespace HeronTest {
 
-inline const char* const kHelpText =
-    "Description:\n"
-    "   heron is a simple utility that passively walks a Heron collection,\n"
-    "   printing the elements in a nice and orderly fashion.\n"
-    "\n"
-    "Usage:\n"
-    "   heron [OPTIONS] [EXPR]\n"
-    "\n"
-    "   where OPTIONS are optional flags described below, and EXPR is a\n"
-    "   heron collection name, or the full path to a specific collection.\n"
-    "\n"
-    "   -a                  Dump the contents of regions and relay queues\n"
-    "   -d                  Like -s, but with per-region detail sorted by entry\n"
-    "                          size and then by regionId\n"
-    "   -e                  Enable printing of empty entries\n"
-    "   -f <FILE>           Direct output towards a file\n"
-    "   -q                  Dump the contents of the relay queues\n"
-    "   -R                  Dump the contents of the Regions\n"
-    "   -r <REGION_ID>      Dump the contents of the Region with id REGION_ID\n"
-    "   -s                  Print various interesting stats about the collection\n"
-    "                          as well as headers of important files\n"
-    "   -p                  Pretty-print the hierarchy\n"
-    "   -j                  Print the hierarchy as JSON\n"
-    "   -O                  Sort region output by entrySize then by occupancy\n"
-    "   --who, -w           Prints info about processes that are attached to the\n"
-    "                       given collection\n"
-    "   --what, -c <PID>    Prints tables that have a client with the given PID\n"
-    "   --who-all, -A       Prints per-collection info about processes that are\n"
-    "                       attached to every heron collection\n"
-    "\n"
-    "Help:\n"
-    "   --help, -h          Display this helper and exit\n"
-    "\n";
+// The help text as the documentation gives it, byte for byte.
+inline const std::string& helpText() {
+  static const std::string text = golden("help.txt");
+  return text;
+}
 
 inline const char* const kChrootHint =
     "The utility must be run from the same directory as the executable that produces the table.\n";

@@ -8,40 +8,40 @@ namespace {
 
 using CliOptions = CliTest;
 
-TEST_F(CliOptions, ShortHelpPrintsHelpTextAndSucceeds) { EXPECT_TRUE(same(heron({"-h"}), kHelpText, "", 0)); }
+TEST_F(CliOptions, ShortHelpPrintsHelpTextAndSucceeds) { EXPECT_TRUE(same(heron({"-h"}), helpText(), "", 0)); }
 
-TEST_F(CliOptions, LongHelpPrintsHelpTextAndSucceeds) { EXPECT_TRUE(same(heron({"--help"}), kHelpText, "", 0)); }
+TEST_F(CliOptions, LongHelpPrintsHelpTextAndSucceeds) { EXPECT_TRUE(same(heron({"--help"}), helpText(), "", 0)); }
 
 TEST_F(CliOptions, HelpWinsOverEverythingAfterIt) {
   ASSERT_TRUE(root.create("tab"));
-  EXPECT_TRUE(same(heron({"-s", "-h", "tab", "-A"}), kHelpText, "", 0));
+  EXPECT_TRUE(same(heron({"-s", "-h", "tab", "-A"}), helpText(), "", 0));
 }
 
 TEST_F(CliOptions, UnknownOptionPrintsHelpAfterTheParsersComplaint) {
-  EXPECT_TRUE(same(heron({"-x"}), kHelpText, "heron: invalid option -- 'x'\n", 0));
+  EXPECT_TRUE(same(heron({"-x"}), helpText(), "heron: invalid option -- 'x'\n", 0));
 }
 
 TEST_F(CliOptions, UnknownLongOptionPrintsHelp) {
-  EXPECT_TRUE(same(heron({"--bogus"}), kHelpText, "heron: unrecognized option '--bogus'\n", 0));
+  EXPECT_TRUE(same(heron({"--bogus"}), helpText(), "heron: unrecognized option '--bogus'\n", 0));
 }
 
 TEST_F(CliOptions, MissingFileArgumentPrintsHelp) {
-  EXPECT_TRUE(same(heron({"-f"}), kHelpText, "heron: option requires an argument -- 'f'\n", 0));
+  EXPECT_TRUE(same(heron({"-f"}), helpText(), "heron: option requires an argument -- 'f'\n", 0));
 }
 
 TEST_F(CliOptions, MissingPidArgumentPrintsHelp) {
-  EXPECT_TRUE(same(heron({"-c"}), kHelpText, "heron: option requires an argument -- 'c'\n", 0));
+  EXPECT_TRUE(same(heron({"-c"}), helpText(), "heron: option requires an argument -- 'c'\n", 0));
 }
 
 TEST_F(CliOptions, MissingRegionArgumentPrintsHelp) {
-  EXPECT_TRUE(same(heron({"-s", "-r"}), kHelpText, "heron: option requires an argument -- 'r'\n", 0));
+  EXPECT_TRUE(same(heron({"-s", "-r"}), helpText(), "heron: option requires an argument -- 'r'\n", 0));
 }
 
 TEST_F(CliOptions, MissingWhatArgumentPrintsHelp) {
-  EXPECT_TRUE(same(heron({"--what"}), kHelpText, "heron: option '--what' requires an argument\n", 0));
+  EXPECT_TRUE(same(heron({"--what"}), helpText(), "heron: option '--what' requires an argument\n", 0));
 }
 
-TEST_F(CliOptions, HelpBeforeAnInvalidPidPrintsHelp) { EXPECT_TRUE(same(heron({"-h", "-c", "0"}), kHelpText, "", 0)); }
+TEST_F(CliOptions, HelpBeforeAnInvalidPidPrintsHelp) { EXPECT_TRUE(same(heron({"-h", "-c", "0"}), helpText(), "", 0)); }
 
 TEST_F(CliOptions, InvalidPidBeforeHelpIsAnError) {
   EXPECT_TRUE(same(heron({"-c", "0", "-h"}), "", "0 is an invalid PID \n", 1));

@@ -22,6 +22,7 @@
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -46,14 +47,8 @@ std::string binary(const char* name) {
 class QuarryCli : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/quarry-cli-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    root_ = pattern;
+    ASSERT_FALSE(root_.empty());
     ::setenv("HERON_ROOT", root_.c_str(), 1);
-  }
-  void TearDown() override {
-    std::string command = "rm -rf '" + root_ + "'";
-    ASSERT_EQ(std::system(command.c_str()), 0);
   }
 
   Outcome run(const std::string& arguments) {
@@ -91,7 +86,8 @@ class QuarryCli : public ::testing::Test {
     ASSERT_NE(writer.allocate(2, "0123456789", 10), Quarry::Offset::TOMBSTONED);
   }
 
-  std::string root_;
+  HeronTest::TempDir rootDir_{"quarry-cli"};
+  std::string root_ = rootDir_.path();
 };
 
 const char* const kRegionOne =

@@ -17,6 +17,7 @@
 
 #include "Quarry/Offset.h"
 #include "Relay/RelayWriter.h"
+#include "unit/relay/RelayBrokenQueues.h"
 #include "unit/relay/RelayTestFiles.h"
 
 namespace {
@@ -359,83 +360,29 @@ TEST_F(RelayCli, QueueDumpToAFile) {
 
 // --- broken queue files: a message and status 1, never a signal ----------
 
-TEST_F(RelayCli, WrongMagicIsReportedWithStatusOne) {
-  if (!create("magic", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
-  ASSERT_TRUE(RelayTest::pokeWord(dir("magic") + "/relay.2", 0, 0x4e4e5248));
-  Result result = heron("-q magic");
-  ASSERT_TRUE(result.exited);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "Table Name: magic\n\nRelay " + dir("magic") +
-                            " validation failed: bad magic 0x59414c454e4e5248 (\"HRNNELAY\"), expected "
-                            "0x59414c45524e5248 (\"HRNRELAY\")\nFailed to initialize RelayReaderGeneric\n");
-}
+// Every broken file of the shared table: the reader's message, if it has
+// one, then "Failed to initialize RelayReaderGeneric", status 1 and nothing on
+// standard output, for the statistics and the queue dump alike.
+class RelayCliBrokenQueue : public RelayCli, public testing::WithParamInterface<RelayTest::BrokenQueue> {};
 
-TEST_F(RelayCli, WrongVersionIsReportedWithStatusOne) {
-  if (!create("version", 2)) {
+TEST_P(RelayCliBrokenQueue, IsReportedWithStatusOne) {
+  if (!create("broken", 2)) {
     GTEST_SKIP() << kNoAllocator;
   }
-  ASSERT_TRUE(RelayTest::pokeWord(dir("version") + "/relay.1", 8, 3));
-  Result result = heron("-s version");
-  ASSERT_TRUE(result.exited);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "Table Name: version\n\nRelay " + dir("version") +
-                            " validation failed: format version 3, expected 1 (newer by 2)\n"
-                            "Failed to initialize RelayReaderGeneric\n");
-}
-
-TEST_F(RelayCli, CapacityBeyondTheFileIsReportedWithStatusOne) {
-  if (!create("beyond", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
-  ASSERT_TRUE(RelayTest::pokeWord(dir("beyond") + "/relay.1", 76, 3));
-  Result result = heron("-q -e beyond");
-  ASSERT_TRUE(result.exited);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "Table Name: beyond\n\nRelay " + dir("beyond") +
-                            " validation failed: capacity of 3 notifications needs 124 bytes but the file holds 112 "
-                            "(12 bytes short)\nFailed to initialize RelayReaderGeneric\n");
-}
-
-TEST_F(RelayCli, TruncatedFilesFailToInitialize) {
-  if (!create("cut", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
-  for (std::size_t size : {std::size_t{0}, std::size_t{40}, std::size_t{87}}) {
-    ASSERT_TRUE(RelayTest::truncateFile(dir("cut") + "/relay.2", size));
-    Result result = heron("-q cut");
-    ASSERT_TRUE(result.exited) << size;
-    EXPECT_EQ(result.status, 1) << size;
-    EXPECT_EQ(result.err, "Table Name: cut\n\nFailed to initialize RelayReaderGeneric\n") << size;
+  ASSERT_TRUE(GetParam().apply(dir("broken")));
+  for (const char* options : {"-s", "-q", "-q -e"}) {
+    Result result = heron(std::string(options) + " broken");
+    ASSERT_TRUE(result.exited) << options;
+    EXPECT_EQ(result.status, 1) << options;
+    EXPECT_EQ(result.out, "") << options;
+    EXPECT_EQ(result.err, "Table Name: broken\n\n" + GetParam().expectedMessage(dir("broken")) +
+                              "Failed to initialize RelayReaderGeneric\n")
+        << options;
   }
 }
 
-TEST_F(RelayCli, FileCutInsideTheSlotsIsReported) {
-  if (!create("slots", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
-  ASSERT_TRUE(RelayTest::truncateFile(dir("slots") + "/relay.1", 100));
-  Result result = heron("-q slots");
-  ASSERT_TRUE(result.exited);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "Table Name: slots\n\nRelay " + dir("slots") +
-                            " validation failed: capacity of 2 notifications needs 112 bytes but the file holds 100 "
-                            "(12 bytes short)\nFailed to initialize RelayReaderGeneric\n");
-}
-
-TEST_F(RelayCli, MissingSecondaryFailsToInitialize) {
-  if (!create("half", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
-  ASSERT_EQ(::unlink((dir("half") + "/relay.2").c_str()), 0);
-  Result result = heron("-s half");
-  ASSERT_TRUE(result.exited);
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "Table Name: half\n\nFailed to initialize RelayReaderGeneric\n");
-}
+INSTANTIATE_TEST_SUITE_P(RelayBrokenQueues, RelayCliBrokenQueue, testing::ValuesIn(RelayTest::kBrokenQueues),
+                         RelayTest::BrokenQueueName());
 
 TEST_F(RelayCli, RandomBytesNeverEndInASignal) {
   if (!create("noise", 4)) {

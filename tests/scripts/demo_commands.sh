@@ -14,9 +14,18 @@ region=$(sed -n 's/^  heron -R -r \([0-9][0-9]*\) .*/\1/p' "$DEMO_LOG")
 for table in orders md/eu/quotes md/eu/trades md/us/quotes cache/segment archive/2025; do
   [[ -f $HERON_ROOT/$table/owner ]] || fail "no table $table"
 done
-sleep 1
-
 T=md/eu/quotes
+# The reports below need the writers attached and writing.
+live() {
+  "$HERON" -A >"$WORK/all.txt" 2>/dev/null || return 1
+  local table
+  for table in orders md/eu/quotes md/eu/trades md/us/quotes archive/2025; do
+    grep -qF "$table" "$WORK/all.txt" || return 1
+  done
+  "$HERON" -c "$writer" 2>/dev/null | grep -qF "$T" && "$HERON" -q "$T" 2>/dev/null | grep -q '^pos: '
+}
+wait_until 20 live || fail "the demo's tables never showed live clients and notifications: $(cat "$WORK/all.txt")"
+
 commands=("-A" "-s $T" "-d $T" "-q $T" "-R -r $region $T" "-w $T" "-c $writer" "-a -e $T")
 for args in "${commands[@]}"; do
   status=0

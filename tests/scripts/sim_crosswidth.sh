@@ -40,7 +40,12 @@ cross() {
   local pid=$!
   STARTED+=("$pid")
   wait_for_line "$log" "^writer $pid attached" 10 || fail "writer of $name did not attach: $(cat "$log")"
-  sleep 1
+  # Read once the writer has grown the queue and its notifications show.
+  grown() {
+    "${rheron[@]}" -s "$name" 2>/dev/null | grep -q 'Notifications: [0-9]* (v[2-9]' &&
+      "${rheron[@]}" -q "$name" 2>/dev/null | grep -q 'seq: [1-9]'
+  }
+  wait_until 30 grown || fail "$rbin never saw the queue of $name grow (writer: $wbin)"
   local args
   for args in "-s" "-d" "-q" "-a -e" "-R" "-w"; do
     # shellcheck disable=SC2086

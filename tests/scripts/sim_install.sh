@@ -65,14 +65,7 @@ int main() {
   return 0;
 }
 CPP
-flags=""
-if grep -q '^HERON_SANITIZE:BOOL=ON' "$BUILD/CMakeCache.txt"; then
-  flags="-fsanitize=address,undefined"
-fi
-cmake -S "$WORK/consumer" -B "$WORK/consumer/build" -G Ninja -DCMAKE_PREFIX_PATH="$PREFIX" \
-  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$WORK/configure.log" 2>&1 ||
-  fail "find_package(heron) failed: $(tail -20 "$WORK/configure.log")"
-cmake --build "$WORK/consumer/build" >"$WORK/build.log" 2>&1 || fail "consumer build failed: $(tail -20 "$WORK/build.log")"
+build_consumer "$WORK/consumer" "$BUILD" "$PREFIX"
 out=$("$WORK/consumer/build/consumer") || fail "consumer failed: $out"
 [[ $out == "HeronTable 2" ]] || fail "consumer printed '$out'"
 [[ -f $HERON_ROOT/consumer/table/owner && -f $HERON_ROOT/consumer/table/ember ]] || fail "consumer made no table"

@@ -7,7 +7,6 @@ command -v strace >/dev/null || fail "strace is not installed (scripts/install-d
 "$SIM" create traced >/dev/null
 start_writer traced --rate 5000
 start_shadow traced
-sleep 0.3
 table=$(cd "$HERON_ROOT/traced" && pwd -P)
 
 check() {

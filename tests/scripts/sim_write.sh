@@ -12,11 +12,14 @@ start_writer w --rate 5000 --grow-every 500 --max-capacity 256
 ember=$HERON_ROOT/w/ember
 [[ $(word "$ember" 16 4) == "$WRITER_PID" ]] || fail "ember writerPid is not the writer's pid"
 [[ $(word "$ember" 14 2) == 0 && $(word "$ember" 20 4) == 0 ]] || fail "first start: instance and restarts not 0"
-sleep 1
-beat1=$(word "$ember" 32 8)
-sleep 0.3
-beat2=$(word "$ember" 32 8)
-[[ $beat2 -gt $beat1 ]] || fail "the ember heartbeat did not move"
+# grown_and_switched: the queue has reached 256 slots and switched tables.
+grown_and_switched() {
+  "$HERON" -s w >"$WORK/s.txt" 2>/dev/null &&
+    grep -q 'Notifications: 256 ' "$WORK/s.txt" && grep -q 'epoch\[ SECONDARY \]: [1-9]' "$WORK/s.txt"
+}
+wait_until 20 grown_and_switched || fail "the queue did not grow to 256 and switch: $(cat "$WORK/s.txt")"
+beat_after() { [[ $(word "$ember" 32 8) -gt $1 ]]; }
+wait_until 10 beat_after "$(word "$ember" 32 8)" || fail "the ember heartbeat did not move"
 stop_pid "$WRITER_PID" || fail "SIGTERM: writer exited with $?"
 grep -q "appended [1-9][0-9]* notifications" "$WRITER_LOG" || fail "no summary line: $(cat "$WRITER_LOG")"
 

@@ -1,7 +1,6 @@
 #include "support/Run.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -10,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,8 +38,6 @@ double monotonicSeconds() {
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
-
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
 
 }  // namespace
 
@@ -174,19 +170,13 @@ std::string heronLib() {
   return std::string(dir != nullptr && *dir != '\0' ? dir : "build/lib") + "/libheron.so";
 }
 
-TempRoot::TempRoot() {
-  char pattern[] = "/tmp/heron-test-XXXXXX";
-  if (::mkdtemp(pattern) == nullptr) {
-    std::perror("mkdtemp");
+TempRoot::TempRoot() : dir_("heron-test") {
+  if (dir_.path().empty()) {
     std::abort();
   }
-  char resolved[PATH_MAX];
-  path_ = ::realpath(pattern, resolved) != nullptr ? resolved : pattern;
 }
 
-TempRoot::~TempRoot() { ::nftw(path_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
-
-std::vector<std::string> TempRoot::env() const { return {"HERON_ROOT=" + path_}; }
+std::vector<std::string> TempRoot::env() const { return {"HERON_ROOT=" + path()}; }
 
 bool TempRoot::create(const std::string& name, const std::vector<std::string>& args) const {
   std::vector<std::string> argv = {simBin(), "create", name};
@@ -198,6 +188,63 @@ bool TempRoot::create(const std::string& name, const std::vector<std::string>& a
     return false;
   }
   return true;
+}
+
+namespace {
+
+// Copies `from` (following symbolic links) to a new file `to` with `mode`.
+bool copyFile(const std::string& from, const std::string& to, mode_t mode, std::string& error) {
+  std::ifstream in(from, std::ios::binary);
+  if (!in) {
+    error = "cannot read " + from;
+    return false;
+  }
+  {
+    std::ofstream out(to, std::ios::binary | std::ios::trunc);
+    out << in.rdbuf();
+    if (!out.flush()) {
+      error = "cannot write " + to;
+      return false;
+    }
+  }
+  if (::chmod(to.c_str(), mode) != 0) {
+    error = "chmod " + to + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+PublicHeronCopy::PublicHeronCopy() : dir_("heron-public", false, 0755) {
+  if (dir_.path().empty()) {
+    error_ = "no temporary directory";
+    return;
+  }
+  for (const std::string& dir : {dir_.file("bin"), dir_.file("lib")}) {
+    if (::mkdir(dir.c_str(), 0755) != 0) {
+      error_ = dir + ": " + std::strerror(errno);
+      return;
+    }
+  }
+  if (copyFile(heronBin(), heron(), 0755, error_)) {
+    copyFile(heronLib(), dir_.file("lib/libheron.so.0"), 0644, error_);
+  }
+}
+
+std::vector<std::string> PublicHeronCopy::env() const { return {"LD_LIBRARY_PATH=" + dir_.file("lib")}; }
+
+std::string golden(const std::string& name) {
+  const char* source = std::getenv("HERON_SOURCE");
+  const std::string path = std::string(source != nullptr && *source != '\0' ? source : ".") + "/tests/golden/" + name;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    std::fprintf(stderr, "cannot read golden file %s\n", path.c_str());
+    return "";
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 std::string readFile(const std::string& path) {

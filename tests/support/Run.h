@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TempDir.h"
+
 namespace HeronTest {
 
 struct RunResult {
@@ -42,21 +44,47 @@ std::string heronLib();
 class TempRoot {
  public:
   TempRoot();
-  ~TempRoot();
-  TempRoot(const TempRoot&) = delete;
-  TempRoot& operator=(const TempRoot&) = delete;
 
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return dir_.path(); }
   // path() + "/" + name.
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  std::string file(const std::string& name) const { return dir_.file(name); }
   // {"HERON_ROOT=<path>"}.
   std::vector<std::string> env() const;
   // Runs `heron-sim create NAME ARGS...` on this root; true on status 0.
   bool create(const std::string& name, const std::vector<std::string>& args = {}) const;
 
  private:
-  std::string path_;
+  TempDir dir_;
 };
+
+// A copy of heron and of libheron.so.0 in a fresh directory under /tmp that
+// every user may enter and read, removed on destruction. A test that runs
+// heron as another user runs this copy: the build tree may sit under a
+// directory that user cannot enter (a clone under a mode-700 directory). The
+// launcher finds the copied library through env(), not through the build
+// tree's run path.
+class PublicHeronCopy {
+ public:
+  PublicHeronCopy();
+
+  // False, with the reason in error(), when the copy could not be made.
+  bool ok() const { return error_.empty(); }
+  const std::string& error() const { return error_; }
+  // The copied launcher.
+  std::string heron() const { return dir_.file("bin/heron"); }
+  // {"LD_LIBRARY_PATH=<dir>/lib"}.
+  std::vector<std::string> env() const;
+
+ private:
+  TempDir dir_;
+  std::string error_;
+};
+
+// The bytes of tests/golden/<name> in the source tree ($HERON_SOURCE, set by
+// ctest, else the current directory). A golden file is written from the
+// documentation, never from a run of the program. An unreadable file is said
+// on standard error and reads as "".
+std::string golden(const std::string& name);
 
 // Whole-file helpers for tests.
 std::string readFile(const std::string& path);

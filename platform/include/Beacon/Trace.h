@@ -2,6 +2,16 @@
 //
 // Nothing is formatted unless the level is enabled: the arguments are only
 // forwarded to fmt after the mask test.
+//
+// Locations: every call site passes __FILE__, __func__ and __LINE__ as the
+// source, function and line, never hand-written text, so that a trace or an
+// assertion always names where it really is:
+//   Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, "QuarryReader", "saw {}", name);
+// They are explicit arguments (not defaults from __builtin_FILE() and its
+// relatives) because they sit between the handler and the variadic format
+// arguments, where no default can go. The printed source is the file's base
+// name: __FILE__ holds whatever path the compiler was given, which depends on
+// where the checkout lives and on the build tools.
 #pragma once
 
 #include <fmt/format.h>
@@ -14,6 +24,9 @@
 namespace Beacon {
 
 namespace Impl {
+// The part of a __FILE__ path after its last '/'.
+const char* sourceBaseName(const char* source);
+
 // Prints "FATAL <classWord>::<function> (<source>:<line>): <message>" to
 // standard error and aborts.
 [[noreturn]] void vfmassert(const char* source, const char* function, int line, const char* classWord,
@@ -21,8 +34,8 @@ namespace Impl {
 }  // namespace Impl
 
 template <typename... Args>
-void fmtrace(const Platform::DebugHandler& handler, unsigned level, const char* source, const char* function,
-             int line, const char* classWord, fmt::format_string<Args...> format, Args&&... args) {
+void fmtrace(const Platform::DebugHandler& handler, unsigned level, const char* source, const char* function, int line,
+             const char* classWord, fmt::format_string<Args...> format, Args&&... args) {
   if (!handler.enabled(level)) {
     return;
   }

@@ -7,7 +7,7 @@ namespace Beacon {
 DirNode::DirNode(Platform::DebugHandler& handler, const std::string& path, const DirNode* parent)
     : handler_(handler), path_(parent != nullptr ? parent->path() + "/" + path : path), dir_(opendir(path_.c_str())) {
   if (dir_ == nullptr) {
-    fmtrace(handler_, 5, "DirNode", "DirNode", __LINE__, "DirNode", "cannot open {}", path_);
+    fmtrace(handler_, 5, __FILE__, __func__, __LINE__, "DirNode", "cannot open {}", path_);
   }
 }
 

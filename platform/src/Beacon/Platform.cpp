@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <mutex>
@@ -16,15 +17,15 @@
 namespace Beacon {
 namespace Platform {
 
-DebugHandler::DebugHandler(std::string component, std::uint64_t mask)
-    : component_(std::move(component)), mask_(mask) {}
+DebugHandler::DebugHandler(std::string component, std::uint64_t mask) : component_(std::move(component)), mask_(mask) {}
 
 void DebugHandler::emit(unsigned level, const char* source, const char* function, int line, const char* classWord,
                         std::string_view message) const {
   struct timespec now {};
   clock_gettime(CLOCK_REALTIME, &now);
-  std::string text = fmt::format("{}.{:06} {} L{} {}::{} ({}:{}) {}\n", static_cast<long long>(now.tv_sec),
-                                 now.tv_nsec / 1000, component_, level, classWord, function, source, line, message);
+  std::string text =
+      fmt::format("{}.{:06} {} L{} {}::{} ({}:{}) {}\n", static_cast<long long>(now.tv_sec), now.tv_nsec / 1000,
+                  component_, level, classWord, function, Impl::sourceBaseName(source), line, message);
   // One write per line so that lines of concurrent processes do not mix.
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
@@ -86,9 +87,14 @@ Debuggable::Debuggable(const std::string& component, bool flag)
 
 namespace Impl {
 
+const char* sourceBaseName(const char* source) {
+  const char* slash = std::strrchr(source, '/');
+  return slash != nullptr ? slash + 1 : source;
+}
+
 void vfmassert(const char* source, const char* function, int line, const char* classWord, fmt::string_view format,
                fmt::format_args args) {
-  std::string text = fmt::format("FATAL {}::{} ({}:{}): {}\n", classWord, function, source, line,
+  std::string text = fmt::format("FATAL {}::{} ({}:{}): {}\n", classWord, function, sourceBaseName(source), line,
                                  fmt::vformat(format, args));
   std::fwrite(text.data(), 1, text.size(), stderr);
   std::fflush(stderr);

@@ -89,7 +89,7 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
   std::string path = fmt::format("{}/{}/cmdline", procRoot, pid);
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    fmtrace(handler, 5, "Util", "readPidCmdline", __LINE__, "Util", "cannot open {}", path);
+    fmtrace(handler, 5, __FILE__, __func__, __LINE__, "Util", "cannot open {}", path);
     return "";
   }
   std::string text;

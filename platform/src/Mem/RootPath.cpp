@@ -55,8 +55,7 @@ std::string resolve(const std::string& path) {
 OrbRootPath::OrbRootPath(Beacon::Platform::DebugHandler& handler, const std::string& path, bool verbose)
     : RootPath(resolve(path)) {
   if (verbose) {
-    Beacon::fmtrace(handler, 5, "RootPath", "OrbRootPath", __LINE__, "OrbRootPath", "{} resolves to {}", path,
-                    this->path());
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, "OrbRootPath", "{} resolves to {}", path, this->path());
   }
 }
 

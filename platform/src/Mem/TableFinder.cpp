@@ -94,7 +94,7 @@ void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {
       matches_.push_back(name);
     }
   }
-  Beacon::fmtrace(handler_, 5, "TableFinder", "find", __LINE__, "TableFinder", "{} of {} tables match '{}'",
+  Beacon::fmtrace(handler_, 5, __FILE__, __func__, __LINE__, "TableFinder", "{} of {} tables match '{}'",
                   matches_.size(), names.size(), pattern);
 }
 

@@ -80,15 +80,17 @@ bool NoMapReader::copy(QuarryHeader& out) const {
 template <typename Scanner>
 Reader<Scanner>::Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string&)
     : Mem::InotifyMgr::Watcher(handler), root_(root), regionRoot_(root) {
-  onRegionDetached_ = [this](std::uint32_t id) {
-    Beacon::fmtrace(debugHandler(), 3, "QuarryReader", "onRegionDetached", __LINE__, "QuarryReader",
-                    "region {} detached", id);
+  // The default callback names the constructor that installed it: inside
+  // the lambda __func__ would only say "operator()".
+  const char* function = __func__;
+  onRegionDetached_ = [this, function](std::uint32_t id) {
+    Beacon::fmtrace(debugHandler(), 3, __FILE__, function, __LINE__, "QuarryReader", "region {} detached", id);
   };
 }
 
 template <typename Scanner>
 Reader<Scanner>::~Reader() {
-  Beacon::fmtrace(debugHandler(), 3, "QuarryReader", "detach", __LINE__, "QuarryReader", "");
+  Beacon::fmtrace(debugHandler(), 3, __FILE__, __func__, __LINE__, "QuarryReader", "detach from {}", root_.path());
   regions_.clear();
   watch_.disable();
   retiredRegions_.reset();
@@ -96,7 +98,7 @@ Reader<Scanner>::~Reader() {
 
 template <typename Scanner>
 void Reader<Scanner>::notify(const std::string& fileName, unsigned flags) {
-  Beacon::fmtrace(debugHandler(), 5, "QuarryReader", "notify", __LINE__, "QuarryReader", "saw notify of {} flags:{}",
+  Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, "QuarryReader", "saw notify of {} flags:{}",
                   fileName, flags);
   ++notificationsSeen_;
   const std::uint32_t regionId = Region::parseRegionId(debugHandler(), std::string(fileName));
@@ -105,8 +107,7 @@ void Reader<Scanner>::notify(const std::string& fileName, unsigned flags) {
   }
   auto it = regions_.find(regionId);
   if (it == regions_.end()) {
-    Beacon::fmtrace(debugHandler(), 5, "QuarryReader", "notify", __LINE__, "QuarryReader", "saw bogus file: {}",
-                    fileName);
+    Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, "QuarryReader", "saw bogus file: {}", fileName);
     return;
   }
   const std::uint32_t id = it->second->id();
@@ -115,7 +116,7 @@ void Reader<Scanner>::notify(const std::string& fileName, unsigned flags) {
   }
   regions_.erase(it);
   ++*detachedCounter_;
-  Beacon::fmassert(static_cast<bool>(onRegionDetached_), "QuarryReader", "notify", __LINE__, "QuarryReader",
+  Beacon::fmassert(static_cast<bool>(onRegionDetached_), __FILE__, __func__, __LINE__, "QuarryReader",
                    "bad function call: no onRegionDetached callback");
   onRegionDetached_(id);
   if (retiredRegions_) {
@@ -144,8 +145,8 @@ bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
     if (error != std::strerror(ENOENT)) {  // deleted since the directory was read
       badRegions_.push_back(BadRegion{regionId, error});
       ++counters_.badRegions;
-      Beacon::fmtrace(debugHandler(), 0, "QuarryReader", "attachRegions", __LINE__, "QuarryReader", "region {}: {}",
-                      regionId, error);
+      Beacon::fmtrace(debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "region {}: {}", regionId,
+                      error);
     }
     return false;
   }
@@ -245,13 +246,13 @@ template <typename Scanner>
 bool QuarryScannerBase<Scanner>::initialize() {
   std::string error;
   if (!this->noMapReader_.isOpen() && !this->noMapReader_.open(this->root_.fullPath(kQuarryFileName), error)) {
-    Beacon::fmtrace(this->debugHandler(), 0, "QuarryReader", "initialize", __LINE__, "QuarryReader", "{}", error);
+    Beacon::fmtrace(this->debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "{}", error);
     return false;
   }
   if (!this->watch_.enabled() && !this->watch_.enable(this->root_.path(), *this)) {
     // Without a watch deletions are only seen by the next directory read.
-    Beacon::fmtrace(this->debugHandler(), 0, "QuarryReader", "initialize", __LINE__, "QuarryReader",
-                    "cannot watch {}: {}", this->root_.path(), std::strerror(errno));
+    Beacon::fmtrace(this->debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "cannot watch {}: {}",
+                    this->root_.path(), std::strerror(errno));
   }
   return true;
 }

@@ -199,8 +199,8 @@ bool QuarryWriter::adoptRegion(std::uint32_t regionId) {
   if (header->magic != RegionHeader::kMagic || header->regionId != regionId ||
       !regionLayout(header->unitCount, header->unitSize, header->pageSize, layout) ||
       header->dataOffset != layout.dataOffset || layout.fileSize > mapping->size || (header->generation & 1U) != 0) {
-    Beacon::fmtrace(debugHandler(), 0, "QuarryWriter", "adoptRegion", __LINE__, "QuarryWriter",
-                    "ignoring unusable region file {}", path);
+    Beacon::fmtrace(debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryWriter", "ignoring unusable region file {}",
+                    path);
     return false;
   }
   mapping->id = regionId;

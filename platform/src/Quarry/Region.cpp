@@ -35,7 +35,7 @@ std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::
   if (id > QuarryHeader::kMaxRegionId) {
     return 0;
   }
-  Beacon::fmtrace(handler, 9, "Region", "parseRegionId", __LINE__, "Region", "{} is region {}", fileName, id);
+  Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, "Region", "{} is region {}", fileName, id);
   return id;
 }
 

@@ -20,7 +20,6 @@ namespace Relay {
 namespace {
 
 constexpr const char* kClass = "RelayReaderGeneric";
-constexpr const char* kSource = "RelayReaderGeneric";
 
 // validate takes the file size as unsigned: a larger file is at least that
 // large, which is all the check needs.
@@ -187,7 +186,7 @@ void RelayReaderGeneric<Slot>::resizeRelay(RelayTableId id) {
   const std::size_t need = Header::fileSize(live.value);
   const std::size_t real = file.memSize();
   // Never map past the end of the file: touching such a page faults.
-  Beacon::fmassert(need <= real, kSource, "resizeRelay", __LINE__, kClass,
+  Beacon::fmassert(need <= real, __FILE__, __func__, __LINE__, kClass,
                    "requesting to map {} {} relay notifications. Requested file resize to {} but real file size is {}",
                    file.name(), live.value, need, real);
   const void* base = file.remap(need);
@@ -197,9 +196,9 @@ void RelayReaderGeneric<Slot>::resizeRelay(RelayTableId id) {
                                                                                  Shared::kNotificationsWord);
     return;
   }
-  Beacon::MemoryResourceException::throwException(
-      Beacon::fmtracestr(this->debugHandler(), kSource, "resizeRelay", __LINE__, kClass,
-                         "failed to resize {} to size {}: {}", file.name(), need, file.lastError()));
+  Beacon::MemoryResourceException::throwException(Beacon::fmtracestr(this->debugHandler(), __FILE__, __func__, __LINE__,
+                                                                     kClass, "failed to resize {} to size {}: {}",
+                                                                     file.name(), need, file.lastError()));
 }
 
 template <typename Slot>
@@ -208,7 +207,7 @@ void RelayReaderGeneric<Slot>::checkMapping(RelayTableId id) const {
   const std::size_t mapped = file.mappedSize();
   const std::size_t real = file.memSize();
   // Table files never shrink; one that did would fault the next access.
-  Beacon::fmassert(real >= mapped, kSource, "checkMapping", __LINE__, kClass,
+  Beacon::fmassert(real >= mapped, __FILE__, __func__, __LINE__, kClass,
                    "{} shrank to {} bytes, below its {}-byte mapping of {} relay notifications", file.name(), real,
                    mapped, cachedNotifications_[id].value);
 }

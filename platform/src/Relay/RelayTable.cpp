@@ -104,8 +104,8 @@ bool RelayTable<Slot>::Header::validate(Beacon::Platform::DebugHandler& handler,
                         minCapacity - capacity);
     return false;
   }
-  Beacon::fmtrace(handler, 9, "RelayTable", "validate", __LINE__, "RelayTable",
-                  "header valid: {} notifications in {} bytes", capacity, fileSize);
+  Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, "RelayTable", "header valid: {} notifications in {} bytes",
+                  capacity, fileSize);
   return true;
 }
 

@@ -130,7 +130,7 @@ bool RelayWriter::open(std::string& error) {
     }
   }
   nextSequence_ = Shared::load64(header_[0], kLatestSequence) + 1;
-  Beacon::fmtrace(debugHandler(), 5, "RelayWriter", "open", __LINE__, "RelayWriter",
+  Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, "RelayWriter",
                   "opened {} with {} notifications, table {}, next sequence {}", root_.path(), capacity, table,
                   nextSequence_);
   return true;

@@ -66,7 +66,7 @@ OwnerFile::OwnerFile(Beacon::Platform::DebugHandler& handler, const Mem::RootPat
   std::string error;
   int fd = Beacon::Util::openRegularFile(path, error);
   if (fd < 0) {
-    Beacon::fmtrace(handler, 5, "OwnerFile", "OwnerFile", __LINE__, "OwnerFile", "cannot open {}: {}", path, error);
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, "OwnerFile", "cannot open {}: {}", path, error);
     return;
   }
   Header loaded{};
@@ -83,7 +83,7 @@ OwnerFile::OwnerFile(Beacon::Platform::DebugHandler& handler, const Mem::RootPat
     header_ = loaded;
   }
   if (status_ != LoadStatus::Ok) {
-    Beacon::fmtrace(handler, 5, "OwnerFile", "OwnerFile", __LINE__, "OwnerFile", "{} unreadable ({})", path,
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, "OwnerFile", "{} unreadable ({})", path,
                     static_cast<int>(status_));
   }
 }

@@ -10,6 +10,8 @@
 #include <thread>
 
 #include "integration/client/ClientHarness.h"
+#include "support/Run.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -70,27 +72,9 @@ class OwnMapping {
 class ClientReportsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/heron-client-it-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    made_ = pattern;
-    // Readable by the unprivileged user of the warning tests.
-    ::chmod(made_.c_str(), 0755);
-    root = Mem_canonical(made_);
+    ASSERT_FALSE(root.empty());
     ::setenv("HERON_ROOT", root.c_str(), 1);
     ::unsetenv("Q7_CHROOT");
-  }
-  void TearDown() override {
-    for (const std::string& dir : {made_, outside_}) {
-      if (!dir.empty()) {
-        std::string command = "rm -rf '" + dir + "'";
-        EXPECT_EQ(std::system(command.c_str()), 0);
-      }
-    }
-  }
-
-  static std::string Mem_canonical(const std::string& path) {
-    char resolved[PATH_MAX];
-    return ::realpath(path.c_str(), resolved) != nullptr ? resolved : path;
   }
 
   // Creates a table with heron-sim; records whether the simulator made the
@@ -116,11 +100,9 @@ class ClientReportsTest : public ::testing::Test {
   }
 
   std::string makeOutsideDirectory() {
-    char pattern[] = "/tmp/heron-client-outside-XXXXXX";
-    EXPECT_NE(::mkdtemp(pattern), nullptr);
-    outside_ = pattern;
-    std::string dir = Mem_canonical(outside_) + "/tbl";
-    ::mkdir(dir.c_str(), 0755);
+    outside_ = std::make_unique<HeronTest::TempDir>("heron-client-outside");
+    EXPECT_FALSE(outside_->path().empty());
+    std::string dir = outside_->table("tbl");
     standIns(dir);
     return dir;
   }
@@ -129,12 +111,14 @@ class ClientReportsTest : public ::testing::Test {
     return "Heron table \"" + name + "\"\n" + expectedHeader(root + "/" + name) + clients + "\n";
   }
 
-  std::string root;
-  bool simMadeFiles = false;
-
  private:
-  std::string made_;
-  std::string outside_;
+  // Readable by the unprivileged user of the warning tests.
+  HeronTest::TempDir rootDir_{"heron-client-it", false, 0755};
+  std::unique_ptr<HeronTest::TempDir> outside_;
+
+ protected:
+  std::string root = rootDir_.path();
+  bool simMadeFiles = false;
 };
 
 TEST_F(ClientReportsTest, WhoAllShowsTheWriterAndShadowsOfTwoTables) {
@@ -352,11 +336,16 @@ TEST_F(ClientReportsTest, RootWarningForAnUnprivilegedUser) {
   }
   createTable("alpha");
   ::chmod((root + "/alpha").c_str(), 0755);
+  // The build tree may be out of that user's reach: run a copy it can read.
+  const HeronTest::PublicHeronCopy copy;
+  ASSERT_TRUE(copy.ok()) << copy.error();
   const std::vector<std::string> nobody{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
-  auto asNobody = [&nobody](std::vector<std::string> args, const std::vector<std::string>& env) {
+  auto asNobody = [&nobody, &copy](std::vector<std::string> args, std::vector<std::string> env) {
     std::vector<std::string> argv = nobody;
-    argv.push_back(ClientTest::binDir() + "/heron");
+    argv.push_back(copy.heron());
     argv.insert(argv.end(), args.begin(), args.end());
+    const std::vector<std::string> libraryPath = copy.env();
+    env.insert(env.end(), libraryPath.begin(), libraryPath.end());
     return ClientTest::run(argv, env);
   };
   auto all = asNobody({"-A"}, {"-Q7_CHROOT"});

@@ -27,14 +27,35 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# wait_for_line FILE PATTERN SECONDS: true once FILE holds a line matching.
-wait_for_line() {
-  local file=$1 pattern=$2 limit=$(( $3 * 20 )) i
-  for ((i = 0; i < limit; i++)); do
-    grep -q -- "$pattern" "$file" 2>/dev/null && return 0
+# wait_until SECONDS COMMAND [ARGS...]: runs COMMAND every 50 ms until it
+# succeeds; false once SECONDS (whole seconds) have passed without. Tests wait
+# for the condition they need, never for a fixed time.
+wait_until() {
+  local deadline=$(($(date +%s%N) + $1 * 1000000000))
+  shift
+  until "$@"; do
+    (($(date +%s%N) < deadline)) || return 1
     sleep 0.05
   done
-  return 1
+}
+
+# wait_for_line FILE PATTERN SECONDS: true once FILE holds a line matching.
+wait_for_line() {
+  wait_until "$3" grep -q -- "$2" "$1" 2>/dev/null
+}
+
+# build_consumer DIR BUILD PREFIX: configures and builds the CMake project in
+# DIR (into DIR/build) against the install in PREFIX, with the sanitizer
+# flags of the build BUILD that was installed.
+build_consumer() {
+  local dir=$1 build=$2 prefix=$3 flags=""
+  if grep -q '^HERON_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then
+    flags="-fsanitize=address,undefined"
+  fi
+  cmake -S "$dir" -B "$dir/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$WORK/configure.log" 2>&1 ||
+    fail "find_package(heron) failed: $(tail -20 "$WORK/configure.log")"
+  cmake --build "$dir/build" >"$WORK/build.log" 2>&1 || fail "consumer build failed: $(tail -20 "$WORK/build.log")"
 }
 
 # start_writer NAME [write options]: sets WRITER_PID once it has attached.
@@ -49,11 +70,13 @@ start_writer() {
   WRITER_LOG=$log
 }
 
-# start_shadow NAME: sets SHADOW_PID.
+# start_shadow NAME: sets SHADOW_PID once it has attached.
 start_shadow() {
-  "$SIM" shadow "$1" >"$WORK/shadow.$RANDOM$RANDOM.log" 2>&1 &
+  local log=$WORK/shadow.$RANDOM$RANDOM.log
+  "$SIM" shadow "$1" >"$log" 2>&1 &
   SHADOW_PID=$!
   STARTED+=("$SHADOW_PID")
+  wait_for_line "$log" "^shadow $SHADOW_PID attached to " 10 || fail "shadow of $1 did not attach: $(cat "$log")"
 }
 
 # stop_pid PID: SIGTERM and wait; its exit status.

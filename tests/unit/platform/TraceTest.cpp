@@ -63,6 +63,19 @@ TEST(TraceDeathTest, FatalAssertionPrintsMessageAndLocation) {
   EXPECT_DEATH(Beacon::fmassert(false, "Src", "fn", 42, "Cls", "broken {}", 7), "FATAL Cls::fn \\(Src:42\\): broken 7");
 }
 
+namespace {
+
+void assertingFunction() { Beacon::fmassert(false, __FILE__, __func__, __LINE__, "Cls", "broken"); }
+constexpr int kAssertingLine = __LINE__ - 1;
+
+}  // namespace
+
+TEST(TraceDeathTest, FatalAssertionNamesTheCallSitesFileFunctionAndLine) {
+  const std::string expected =
+      "FATAL Cls::assertingFunction \\(TraceTest\\.cpp:" + std::to_string(kAssertingLine) + "\\): broken";
+  EXPECT_DEATH(assertingFunction(), expected);
+}
+
 TEST(TraceMask, DecimalAndOctalForms) {
   EXPECT_EQ(Beacon::Platform::parseTraceMask("32", "X"), 32U);
   EXPECT_EQ(Beacon::Platform::parseTraceMask("X=0x20,Y=7", "Y"), 7U);
@@ -96,6 +109,17 @@ TEST(Trace, LineCarriesComponentLevelClassFunctionSourceAndLine) {
   EXPECT_NE(err.find(" Comp L9 Cls::fn (File.cpp:12) x=5\n"), std::string::npos) << err;
   EXPECT_EQ(err.back(), '\n');
   EXPECT_EQ(err.find('\n'), err.size() - 1);
+}
+
+TEST(Trace, SourceIsPrintedWithoutItsDirectories) {
+  Beacon::Platform::DebugHandler handler("Comp", 1U << 5);
+  testing::internal::CaptureStderr();
+  const int line = __LINE__ + 1;
+  Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, "Cls", "here");
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find(" Comp L5 Cls::TestBody (TraceTest.cpp:" + std::to_string(line) + ") here\n"), std::string::npos)
+      << err;
+  EXPECT_EQ(err.find('/'), std::string::npos) << err;
 }
 
 TEST(Trace, StringFormFormatsEvenWhenTracingIsOff) {

@@ -14,6 +14,7 @@
 #include "Beacon/Platform.h"
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/TempDir.h"
 
 namespace QuarryTest {
 
@@ -27,19 +28,14 @@ inline std::string readFile(const std::string& path) {
 class TableDir : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/quarry-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    ASSERT_FALSE(dir_.empty());
+    ASSERT_FALSE(outDir_.path().empty());
     root_ = Mem::RootPath(dir_);
     writer_ = std::make_unique<Quarry::QuarryWriter>(handler_, root_);
     std::string error;
     ASSERT_TRUE(writer_->create(error)) << error;
   }
-  void TearDown() override {
-    writer_.reset();
-    std::string command = "rm -rf '" + dir_ + "'";
-    ASSERT_EQ(std::system(command.c_str()), 0);
-  }
+  void TearDown() override { writer_.reset(); }
 
   std::uint32_t region(std::uint32_t unitSize, std::uint32_t unitCount) {
     std::string error;
@@ -52,10 +48,13 @@ class TableDir : public ::testing::Test {
       ASSERT_NE(writer_->allocate(regionId), Quarry::Offset::TOMBSTONED);
     }
   }
-  std::string outputPath() const { return dir_ + ".out"; }
+  // Report files go beside the table, never into it.
+  std::string outputPath() const { return outDir_.file("out"); }
 
   Beacon::Platform::DebugHandler handler_{"QuarryTest", 0};
-  std::string dir_;
+  HeronTest::TempDir table_{"quarry-test"};
+  HeronTest::TempDir outDir_{"quarry-test-out"};
+  std::string dir_ = table_.path();
   Mem::RootPath root_;
   std::unique_ptr<Quarry::QuarryWriter> writer_;
 };

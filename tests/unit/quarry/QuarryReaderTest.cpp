@@ -189,3 +189,13 @@ TEST_F(QuarryReaderTest, ThousandsOfScannersInSequenceDoNotLeakInotifyInstances)
     ASSERT_TRUE(scanner.watching()) << "inotify instance " << i;
   }
 }
+
+TEST_F(QuarryReaderTest, DetachTraceNamesTheDestructorAndItsSourceFile) {
+  handler_.setMask(1U << 3);
+  testing::internal::CaptureStderr();
+  { Scanner scanner(handler_, root_, ""); }
+  const std::string err = testing::internal::GetCapturedStderr();
+  handler_.setMask(0);
+  EXPECT_NE(err.find(" QuarryTest L3 QuarryReader::~Reader (QuarryReader.cpp:"), std::string::npos) << err;
+  EXPECT_NE(err.find("detach from " + root_.path()), std::string::npos) << err;
+}

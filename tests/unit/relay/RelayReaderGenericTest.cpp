@@ -18,6 +18,7 @@
 #include "Relay/RelayReaderGeneric.h"
 #include "Relay/RelayWriter.h"
 #include "readers/RelayHelperScanner.h"
+#include "unit/relay/RelayBrokenQueues.h"
 #include "unit/relay/RelayTestFiles.h"
 
 namespace {
@@ -40,40 +41,52 @@ constexpr std::uint32_t kTomb = Quarry::Offset::TOMBSTONED;
 // The seconds come from the wall clock, which may step back during a scan.
 const std::regex kTimingZero("Relay scanned in -?[0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
 
+// Primary: capacity 3 (notifications version 3), currentPos 1, holding
+// sequences 5..; the switch word says table 0, version 0x1f.
+Header primaryHeader() {
+  Header header = validHeader(3);
+  header.notifications.version = 3;
+  header.ember = SharedMem::EmberId{4711, 2};
+  header.epoch[0] = 2;
+  header.epoch[1] = 1;
+  header.connectedReaders = 4;
+  header.tableVersion = 0x1f;
+  header.currentTable = 0;
+  header.corralStart = Tock::Sequence{5};
+  header.corralEnd = Tock::Sequence{6};
+  header.latestWriterSequence = 5;
+  header.currentPos = 1;
+  return header;
+}
+// Secondary: capacity 2, currentPos 2, sequences 3 and 4 (4 released).
+Header secondaryHeader() {
+  Header header = validHeader(2);
+  header.ember = SharedMem::EmberId{4711, 2};
+  header.corralStart = Tock::Sequence{3};
+  header.corralEnd = Tock::Sequence{5};
+  header.currentPos = 2;
+  return header;
+}
+Header withCurrentTable(Header header, std::uint32_t table) {
+  header.currentTable = table;
+  return header;
+}
+std::vector<char> standardPrimary() {
+  return fileBytes(primaryHeader(), {slot(5, Quarry::Offset::encode(3, 4), 64),
+                                     slot(2, Quarry::Offset::encode(1, 0), 8), slot(0, 0, 0)});
+}
+std::vector<char> standardSecondary() {
+  return fileBytes(secondaryHeader(), {slot(3, Quarry::Offset::encode(2, 7), 100), slot(4, kTomb, 16)});
+}
+
 class RelayReaderTest : public ::testing::Test {
  protected:
-  // Primary: capacity 3 (notifications version 3), currentPos 1, holding
-  // sequences 5..; the switch word says table 0, version 0x1f.
-  Header primaryHeader() const {
-    Header header = validHeader(3);
-    header.notifications.version = 3;
-    header.ember = SharedMem::EmberId{4711, 2};
-    header.epoch[0] = 2;
-    header.epoch[1] = 1;
-    header.connectedReaders = 4;
-    header.tableVersion = 0x1f;
-    header.currentTable = 0;
-    header.corralStart = Tock::Sequence{5};
-    header.corralEnd = Tock::Sequence{6};
-    header.latestWriterSequence = 5;
-    header.currentPos = 1;
-    return header;
-  }
-  // Secondary: capacity 2, currentPos 2, sequences 3 and 4 (4 released).
-  Header secondaryHeader() const {
-    Header header = validHeader(2);
-    header.ember = SharedMem::EmberId{4711, 2};
-    header.corralStart = Tock::Sequence{3};
-    header.corralEnd = Tock::Sequence{5};
-    header.currentPos = 2;
-    return header;
-  }
-  void writeStandardQueue() {
-    ASSERT_TRUE(writeQueue(
-        dir,
-        fileBytes(primaryHeader(),
-                  {slot(5, Quarry::Offset::encode(3, 4), 64), slot(2, Quarry::Offset::encode(1, 0), 8), slot(0, 0, 0)}),
-        fileBytes(secondaryHeader(), {slot(3, Quarry::Offset::encode(2, 7), 100), slot(4, kTomb, 16)})));
+  void writeStandardQueue() { ASSERT_TRUE(writeQueue(dir, standardPrimary(), standardSecondary())); }
+  // A reader of the table, initialised.
+  Reader& attached() {
+    reader_ = std::make_unique<Reader>(RelayTest::handler(), root, false);
+    EXPECT_TRUE(reader_->initialize());
+    return *reader_;
   }
   std::string scan(Reader& reader, bool activeOnly) {
     std::ostringstream out;
@@ -84,6 +97,7 @@ class RelayReaderTest : public ::testing::Test {
   RelayTest::TempDir temp;
   std::string dir = temp.table("t");
   Mem::RootPath root{dir};
+  std::unique_ptr<Reader> reader_;
 };
 
 }  // namespace
@@ -98,94 +112,34 @@ TEST_F(RelayReaderTest, InitializeSucceedsOnValidFiles) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(RelayReaderTest, InitializeFailsSilentlyWithoutPrimary) {
-  writeStandardQueue();
-  ::unlink((dir + "/relay.1").c_str());
+// Every broken file of the shared table fails initialize(), with the
+// documented message or without a word.
+class RelayReaderBrokenQueueTest : public testing::TestWithParam<RelayTest::BrokenQueue> {
+ protected:
+  RelayTest::TempDir temp;
+  std::string dir = temp.table("t");
+  Mem::RootPath root{dir};
+};
+
+TEST_P(RelayReaderBrokenQueueTest, InitializeFails) {
+  {
+    std::string error;
+    Relay::RelayWriter writer(RelayTest::handler(), root);
+    ASSERT_TRUE(writer.create(2, SharedMem::EmberId{4711, 2}, error)) << error;
+  }
+  ASSERT_TRUE(GetParam().apply(dir));
   Reader reader(RelayTest::handler(), root, false);
   testing::internal::CaptureStderr();
   EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), GetParam().expectedMessage(dir));
 }
 
-TEST_F(RelayReaderTest, InitializeFailsSilentlyWithoutSecondary) {
-  writeStandardQueue();
-  ::unlink((dir + "/relay.2").c_str());
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST_F(RelayReaderTest, InitializeFailsSilentlyOnEmptyFile) {
-  writeStandardQueue();
-  ASSERT_TRUE(RelayTest::truncateFile(dir + "/relay.1", 0));
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST_F(RelayReaderTest, InitializeFailsSilentlyOnFileShorterThanHeader) {
-  writeStandardQueue();
-  ASSERT_TRUE(RelayTest::truncateFile(dir + "/relay.2", 87));
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-}
-
-TEST_F(RelayReaderTest, InitializeReportsWrongMagic) {
-  Header bad = primaryHeader();
-  bad.magic = Beacon::Util::encodeMagic("HRNQUARY");
-  ASSERT_TRUE(writeQueue(dir, fileBytes(bad, {}), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Relay " + dir +
-                " validation failed: bad magic 0x59524155514e5248 (\"HRNQUARY\"), expected 0x59414c45524e5248 "
-                "(\"HRNRELAY\")\n");
-}
-
-TEST_F(RelayReaderTest, InitializeReportsWrongVersion) {
-  Header bad = primaryHeader();
-  bad.version = 2;
-  ASSERT_TRUE(writeQueue(dir, fileBytes(bad, {}), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Relay " + dir + " validation failed: format version 2, expected 1 (newer by 1)\n");
-}
-
-TEST_F(RelayReaderTest, InitializeReportsCapacityBeyondFile) {
-  ASSERT_TRUE(writeQueue(dir, fileBytes(primaryHeader(), {}, 100), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Relay " + dir +
-                " validation failed: capacity of 3 notifications needs 124 bytes but the file holds 100 (24 bytes "
-                "short)\n");
-}
-
-TEST_F(RelayReaderTest, InitializeValidatesTheSecondaryToo) {
-  Header bad = secondaryHeader();
-  bad.notifications.value = 1000;
-  ASSERT_TRUE(writeQueue(dir, fileBytes(primaryHeader(), {}), fileBytes(bad, {}, 112)));
-  Reader reader(RelayTest::handler(), root, false);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(reader.initialize());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Relay " + dir +
-                " validation failed: capacity of 1000 notifications needs 12088 bytes but the file holds 112 (11976 "
-                "bytes short)\n");
-}
+INSTANTIATE_TEST_SUITE_P(RelayBrokenQueues, RelayReaderBrokenQueueTest, testing::ValuesIn(RelayTest::kBrokenQueues),
+                         RelayTest::BrokenQueueName());
 
 TEST_F(RelayReaderTest, InitializeMapsTheAnnouncedCapacity) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   EXPECT_EQ(reader.mappedSize(Table::PRIMARY), 124U);
   EXPECT_EQ(reader.mappedSize(Table::SECONDARY), 112U);
   EXPECT_EQ(reader.cachedNotifications(Table::PRIMARY).version, 3U);
@@ -201,8 +155,7 @@ TEST_F(RelayReaderTest, InitializeTakesTheSwitchWord) {
   first.tableVersion = 0x1a;
   first.currentTable = 1;
   ASSERT_TRUE(writeQueue(dir, fileBytes(first, {}), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   EXPECT_EQ(reader.switchSnapshot(), 0x000000010000001aULL);
 }
 
@@ -212,8 +165,7 @@ TEST_F(RelayReaderTest, WriterVersionAllOnesIsNeverRemapped) {
   Header first = primaryHeader();
   first.notifications.version = 0xFFFFFFFFU;
   ASSERT_TRUE(writeQueue(dir, fileBytes(first, {}), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   EXPECT_EQ(reader.mappedSize(Table::PRIMARY), 88U);
   EXPECT_EQ(reader.cachedNotifications(Table::PRIMARY).value, 0U);
   EXPECT_EQ(reader.mappedSize(Table::SECONDARY), 112U);
@@ -227,8 +179,7 @@ TEST_F(RelayReaderTest, WriterVersionAllOnesIsNeverRemapped) {
 
 TEST_F(RelayReaderTest, SameVersionKeepsTheMappingWhenCapacityDiffers) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   // Capacity 1 under the same version: not looked at.
   ASSERT_TRUE(RelayTest::pokeWord(dir + "/relay.1", 76, 1));
   reader.resizeRelay(Table::PRIMARY);
@@ -242,8 +193,7 @@ TEST_F(RelayReaderTest, NewVersionFollowsTheWritersGrowth) {
   std::string error;
   Relay::RelayWriter writer(RelayTest::handler(), root);
   ASSERT_TRUE(writer.create(2, SharedMem::EmberId{1, 0}, error)) << error;
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   EXPECT_EQ(reader.mappedSize(Table::PRIMARY), 112U);
   ASSERT_TRUE(writer.grow(50, error)) << error;
   reader.resizeRelay(Table::PRIMARY);
@@ -258,8 +208,7 @@ TEST_F(RelayReaderTest, ScanFollowsGrowthBeforeCopying) {
   std::string error;
   Relay::RelayWriter writer(RelayTest::handler(), root);
   ASSERT_TRUE(writer.create(1, SharedMem::EmberId{1, 0}, error)) << error;
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   ASSERT_TRUE(writer.grow(4, error)) << error;
   writer.append(Quarry::Offset::encode(1, 1), 1);
   std::string report = scan(reader, false);
@@ -269,47 +218,72 @@ TEST_F(RelayReaderTest, ScanFollowsGrowthBeforeCopying) {
 
 using RelayReaderDeathTest = RelayReaderTest;
 
-TEST_F(RelayReaderDeathTest, CapacityBeyondTheFileIsFatal) {
-  writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  // A new version announcing 10 slots in a 124-byte file.
-  ASSERT_TRUE(RelayTest::pokeWord(dir + "/relay.1", 76, 10));
-  ASSERT_TRUE(RelayTest::pokeWord(dir + "/relay.1", 72, 4));
-  EXPECT_DEATH(reader.resizeRelay(Table::PRIMARY),
-               "requesting to map .*/t/relay.1 10 relay notifications. Requested file resize to 208 but real file "
-               "size is 124");
-}
+// A shared word or a file changed under an initialised reader so that what
+// the writer announces no longer fits the file: a fatal assertion with its
+// message, never a fault.
+struct FatalCase {
+  enum Action { ResizePrimary, Scan, SecondaryHeader };
+  struct Change {
+    const char* file;
+    bool truncate;   // else poke
+    std::size_t at;  // truncate: the new size
+    std::uint32_t value;
+  };
 
-TEST_F(RelayReaderDeathTest, ScanOfAGrownAnnouncementBeyondTheFileIsFatal) {
+  const char* name;
+  std::vector<Change> changes;
+  Action action;
+  const char* message;  // a regular expression
+};
+
+std::ostream& operator<<(std::ostream& out, const FatalCase& fatal) { return out << fatal.name; }
+
+const FatalCase kFatalCases[] = {
+    {"CapacityBeyondTheFile",
+     {{"relay.1", false, 76, 10}, {"relay.1", false, 72, 4}},
+     FatalCase::ResizePrimary,
+     "requesting to map .*/t/relay.1 10 relay notifications. Requested file resize to 208 but real file size is 124"},
+    {"ScanOfAGrownAnnouncementBeyondTheFile",
+     {{"relay.2", false, 76, 100}, {"relay.2", false, 72, 2}},
+     FatalCase::Scan,
+     "requesting to map .*/t/relay.2 100 relay notifications. Requested file resize to 1288 but real file size is "
+     "112"},
+    {"ScanOfAShrunkFile",
+     {{"relay.1", true, 90, 0}},
+     FatalCase::Scan,
+     "/t/relay.1 shrank to 90 bytes, below its 124-byte mapping of 3 relay notifications"},
+    {"HeaderCopyOfAShrunkFile",
+     {{"relay.2", true, 0, 0}},
+     FatalCase::SecondaryHeader,
+     "/t/relay.2 shrank to 0 bytes, below its [0-9]+-byte mapping"},
+};
+
+class RelayReaderFatalDeathTest : public RelayReaderTest, public testing::WithParamInterface<FatalCase> {};
+
+TEST_P(RelayReaderFatalDeathTest, IsAFatalAssertion) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  ASSERT_TRUE(RelayTest::pokeWord(dir + "/relay.2", 76, 100));
-  ASSERT_TRUE(RelayTest::pokeWord(dir + "/relay.2", 72, 2));
+  Reader& reader = attached();
+  for (const FatalCase::Change& change : GetParam().changes) {
+    const std::string path = dir + "/" + change.file;
+    ASSERT_TRUE(change.truncate ? RelayTest::truncateFile(path, change.at)
+                                : RelayTest::pokeWord(path, change.at, change.value));
+  }
   std::ostringstream out;
-  EXPECT_DEATH(reader.scan(out, false),
-               "requesting to map .*/t/relay.2 100 relay notifications. Requested file resize to 1288 but real file "
-               "size is 112");
+  switch (GetParam().action) {
+    case FatalCase::ResizePrimary:
+      EXPECT_DEATH(reader.resizeRelay(Table::PRIMARY), GetParam().message);
+      break;
+    case FatalCase::Scan:
+      EXPECT_DEATH(reader.scan(out, false), GetParam().message);
+      break;
+    case FatalCase::SecondaryHeader:
+      EXPECT_DEATH(reader.header(Table::SECONDARY), GetParam().message);
+      break;
+  }
 }
 
-TEST_F(RelayReaderDeathTest, ScanOfAShrunkFileIsFatalNotAFault) {
-  writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  ASSERT_TRUE(RelayTest::truncateFile(dir + "/relay.1", 90));
-  std::ostringstream out;
-  EXPECT_DEATH(reader.scan(out, false),
-               "/t/relay.1 shrank to 90 bytes, below its 124-byte mapping of 3 relay notifications");
-}
-
-TEST_F(RelayReaderDeathTest, HeaderCopyOfAShrunkFileIsFatalNotAFault) {
-  writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  ASSERT_TRUE(RelayTest::truncateFile(dir + "/relay.2", 0));
-  EXPECT_DEATH(reader.header(Table::SECONDARY), "/t/relay.2 shrank to 0 bytes, below its [0-9]+-byte mapping");
-}
+INSTANTIATE_TEST_SUITE_P(RelayFatal, RelayReaderFatalDeathTest, testing::ValuesIn(kFatalCases),
+                         [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RelayReaderDeathTest, FailedRemapThrowsMemoryResourceException) {
   if (std::getenv("HERON_TEST_EMULATOR") != nullptr) {
@@ -346,8 +320,7 @@ TEST_F(RelayReaderDeathTest, FailedRemapThrowsMemoryResourceException) {
 
 TEST_F(RelayReaderTest, HeaderCopiesEveryField) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   Header first = reader.header(Table::PRIMARY);
   EXPECT_EQ(std::memcmp(&first, fileBytes(primaryHeader(), {}).data(), 84), 0);
   EXPECT_EQ(first.epoch[1], 1U);
@@ -365,8 +338,7 @@ TEST_F(RelayReaderTest, HeaderBeforeInitializeIsZero) {
 
 TEST_F(RelayReaderTest, FormatIndividualRelayHeaderWritesFiveLines) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::ostringstream out;
   reader.formatIndividualRelayHeader(reader.header(Table::PRIMARY), out);
   EXPECT_EQ(out.str(),
@@ -380,8 +352,7 @@ TEST_F(RelayReaderTest, FormatIndividualRelayHeaderWritesFiveLines) {
 TEST_F(RelayReaderTest, FormatIndividualRelayHeaderOnAHexZeroFilledStream) {
   // As the statistics block calls it: hexadecimal and fill '0' in force.
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::ostringstream out;
   out << std::hex << std::setfill('0');
   reader.formatIndividualRelayHeader(reader.header(Table::SECONDARY), out);
@@ -417,160 +388,137 @@ TEST_F(RelayReaderTest, FormatIndividualRelayHeaderDecodesAStrangeMagic) {
 
 // --- scan and printQueue -------------------------------------------------
 
-TEST_F(RelayReaderTest, FullViewPrintsBothTablesWhole) {
-  writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  std::string report = scan(reader, false);
-  EXPECT_EQ(beforeTiming(report),
-            "Primary relay queue (active)\n"
-            "\tnotifications:3 (v3)\n"
-            "\tcurrentPos:1\n"
-            "\tcorralStart:5\n"
-            "\tcorralEnd:6\n"
-            "\tepoch:2\n"
-            "\n"
-            "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
-            "pos: 1           |  seq: 2           offset: 0x00100000 (1:0)           size: 8\n"
-            "pos: 2           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
-            "\n"
-            "Secondary relay queue (backup)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:2\n"
-            "\tcorralStart:3\n"
-            "\tcorralEnd:5\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
-            "pos: 1           |  seq: 4           offset: 0xffffffff (tombstoned)    size: 16\n"
-            "\n");
+// The report of a scan, before its timing line, for queue files written by
+// hand: the full view (both tables whole) or the active view (the live part
+// of the active table).
+struct ScanCase {
+  const char* name;
+  std::vector<char> primary;
+  std::vector<char> secondary;
+  bool activeOnly;
+  std::string report;
+};
+
+std::ostream& operator<<(std::ostream& out, const ScanCase& scan) { return out << scan.name; }
+
+std::vector<ScanCase> scanCases() {
+  Header fivePositions = primaryHeader();
+  fivePositions.notifications.value = 5;
+  fivePositions.currentPos = 3;
+  Header emptyFirst = validHeader(0);
+  emptyFirst.epoch[1] = 7;
+  return {
+      {"FullViewPrintsBothTablesWhole", standardPrimary(), standardSecondary(), false,
+       "Primary relay queue (active)\n"
+       "\tnotifications:3 (v3)\n"
+       "\tcurrentPos:1\n"
+       "\tcorralStart:5\n"
+       "\tcorralEnd:6\n"
+       "\tepoch:2\n"
+       "\n"
+       "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
+       "pos: 1           |  seq: 2           offset: 0x00100000 (1:0)           size: 8\n"
+       "pos: 2           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
+       "\n"
+       "Secondary relay queue (backup)\n"
+       "\tnotifications:2 (v1)\n"
+       "\tcurrentPos:2\n"
+       "\tcorralStart:3\n"
+       "\tcorralEnd:5\n"
+       "\tepoch:1\n"
+       "\n"
+       "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
+       "pos: 1           |  seq: 4           offset: 0xffffffff (tombstoned)    size: 16\n"
+       "\n"},
+      {"ActiveOnlyPrintsTheLivePartOfTheActiveTable", standardPrimary(), standardSecondary(), true,
+       "Primary relay queue (active)\n"
+       "\tnotifications:3 (v3)\n"
+       "\tcurrentPos:1\n"
+       "\tcorralStart:5\n"
+       "\tcorralEnd:6\n"
+       "\tepoch:2\n"
+       "\n"
+       "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
+       "\n"},
+      {"ActiveOnlySkipsTombstonesBelowCurrentPos",
+       fileBytes(fivePositions, {slot(10, Quarry::Offset::encode(1, 1), 1), slot(11, kTomb, 2),
+                                 slot(12, Quarry::Offset::encode(1, 3), 3), slot(13, Quarry::Offset::encode(1, 4), 4)}),
+       fileBytes(secondaryHeader(), {}), true,
+       "Primary relay queue (active)\n"
+       "\tnotifications:5 (v3)\n"
+       "\tcurrentPos:3\n"
+       "\tcorralStart:5\n"
+       "\tcorralEnd:6\n"
+       "\tepoch:2\n"
+       "\n"
+       "pos: 0           |  seq: 10          offset: 0x00100001 (1:1)           size: 1\n"
+       "pos: 2           |  seq: 12          offset: 0x00100003 (1:3)           size: 3\n"
+       "\n"},
+      {"ActiveOnlyWithCurrentTableOneShowsOnlyTheSecondary",
+       fileBytes(withCurrentTable(primaryHeader(), 1), {slot(5, 1, 1)}), standardSecondary(), true,
+       "Secondary relay queue (active)\n"
+       "\tnotifications:2 (v1)\n"
+       "\tcurrentPos:2\n"
+       "\tcorralStart:3\n"
+       "\tcorralEnd:5\n"
+       "\tepoch:1\n"
+       "\n"
+       "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
+       "\n"},
+      {"CurrentTableTwoCollectsNeitherTableWhenActiveOnly",
+       fileBytes(withCurrentTable(primaryHeader(), 2), {slot(5, 1, 1)}), fileBytes(secondaryHeader(), {slot(3, 1, 1)}),
+       true, ""},
+      {"CapacityZeroPrintsTwoHeadersAndNoPositions", fileBytes(emptyFirst, {}), fileBytes(validHeader(0), {}), false,
+       "Primary relay queue (active)\n"
+       "\tnotifications:0 (v1)\n"
+       "\tcurrentPos:0\n"
+       "\tcorralStart:0\n"
+       "\tcorralEnd:0\n"
+       "\tepoch:0\n"
+       "\n"
+       "\n"
+       "Secondary relay queue (backup)\n"
+       "\tnotifications:0 (v1)\n"
+       "\tcurrentPos:0\n"
+       "\tcorralStart:0\n"
+       "\tcorralEnd:0\n"
+       "\tepoch:7\n"
+       "\n"
+       "\n"},
+  };
+}
+
+class RelayReaderScanTest : public RelayReaderTest, public testing::WithParamInterface<ScanCase> {};
+
+TEST_P(RelayReaderScanTest, ReportIsTheDocumentedText) {
+  ASSERT_TRUE(writeQueue(dir, GetParam().primary, GetParam().secondary));
+  const std::string report = scan(attached(), GetParam().activeOnly);
+  EXPECT_EQ(beforeTiming(report), GetParam().report);
   EXPECT_TRUE(std::regex_match(timing(report), kTimingZero)) << timing(report);
 }
 
-TEST_F(RelayReaderTest, ActiveOnlyPrintsTheLivePartOfTheActiveTable) {
-  writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  std::string report = scan(reader, true);
-  EXPECT_EQ(beforeTiming(report),
-            "Primary relay queue (active)\n"
-            "\tnotifications:3 (v3)\n"
-            "\tcurrentPos:1\n"
-            "\tcorralStart:5\n"
-            "\tcorralEnd:6\n"
-            "\tepoch:2\n"
-            "\n"
-            "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
-            "\n");
-  EXPECT_TRUE(std::regex_match(timing(report), kTimingZero)) << timing(report);
-}
-
-TEST_F(RelayReaderTest, ActiveOnlySkipsTombstonesBelowCurrentPos) {
-  Header first = primaryHeader();
-  first.notifications.value = 5;
-  first.currentPos = 3;
-  ASSERT_TRUE(writeQueue(
-      dir,
-      fileBytes(first, {slot(10, Quarry::Offset::encode(1, 1), 1), slot(11, kTomb, 2),
-                        slot(12, Quarry::Offset::encode(1, 3), 3), slot(13, Quarry::Offset::encode(1, 4), 4)}),
-      fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  std::string report = scan(reader, true);
-  EXPECT_EQ(beforeTiming(report),
-            "Primary relay queue (active)\n"
-            "\tnotifications:5 (v3)\n"
-            "\tcurrentPos:3\n"
-            "\tcorralStart:5\n"
-            "\tcorralEnd:6\n"
-            "\tepoch:2\n"
-            "\n"
-            "pos: 0           |  seq: 10          offset: 0x00100001 (1:1)           size: 1\n"
-            "pos: 2           |  seq: 12          offset: 0x00100003 (1:3)           size: 3\n"
-            "\n");
-}
-
-TEST_F(RelayReaderTest, ActiveOnlyWithCurrentTableOneShowsOnlyTheSecondary) {
-  Header first = primaryHeader();
-  first.currentTable = 1;
-  ASSERT_TRUE(
-      writeQueue(dir, fileBytes(first, {slot(5, 1, 1)}),
-                 fileBytes(secondaryHeader(), {slot(3, Quarry::Offset::encode(2, 7), 100), slot(4, kTomb, 16)})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  std::string report = scan(reader, true);
-  EXPECT_EQ(beforeTiming(report),
-            "Secondary relay queue (active)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:2\n"
-            "\tcorralStart:3\n"
-            "\tcorralEnd:5\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
-            "\n");
-}
+INSTANTIATE_TEST_SUITE_P(RelayScan, RelayReaderScanTest, testing::ValuesIn(scanCases()),
+                         [](const testing::TestParamInfo<ScanCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RelayReaderTest, FullViewWithCurrentTableOneMarksThePrimaryBackup) {
   Header first = primaryHeader();
   first.currentTable = 1;
   ASSERT_TRUE(writeQueue(dir, fileBytes(first, {}), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, false);
   EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U) << report;
   EXPECT_NE(report.find("\nSecondary relay queue (active)\n"), std::string::npos) << report;
-}
-
-TEST_F(RelayReaderTest, CurrentTableTwoCollectsNeitherTableWhenActiveOnly) {
-  Header first = primaryHeader();
-  first.currentTable = 2;
-  ASSERT_TRUE(writeQueue(dir, fileBytes(first, {slot(5, 1, 1)}), fileBytes(secondaryHeader(), {slot(3, 1, 1)})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  std::string report = scan(reader, true);
-  EXPECT_EQ(beforeTiming(report), "");
-  EXPECT_TRUE(std::regex_match(report, kTimingZero)) << report;
 }
 
 TEST_F(RelayReaderTest, CurrentTableTwoFullViewShowsBothAsBackup) {
   Header first = primaryHeader();
   first.currentTable = 2;
   ASSERT_TRUE(writeQueue(dir, fileBytes(first, {}), fileBytes(secondaryHeader(), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, false);
   EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U) << report;
   EXPECT_NE(report.find("\nSecondary relay queue (backup)\n"), std::string::npos) << report;
   EXPECT_EQ(std::count(report.begin(), report.end(), '|'), 5);
-}
-
-TEST_F(RelayReaderTest, CapacityZeroPrintsTwoHeadersAndNoPositions) {
-  Header first = validHeader(0);
-  first.epoch[1] = 7;
-  Header second = validHeader(0);
-  ASSERT_TRUE(writeQueue(dir, fileBytes(first, {}), fileBytes(second, {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
-  std::string report = scan(reader, false);
-  EXPECT_EQ(beforeTiming(report),
-            "Primary relay queue (active)\n"
-            "\tnotifications:0 (v1)\n"
-            "\tcurrentPos:0\n"
-            "\tcorralStart:0\n"
-            "\tcorralEnd:0\n"
-            "\tepoch:0\n"
-            "\n"
-            "\n"
-            "Secondary relay queue (backup)\n"
-            "\tnotifications:0 (v1)\n"
-            "\tcurrentPos:0\n"
-            "\tcorralStart:0\n"
-            "\tcorralEnd:0\n"
-            "\tepoch:7\n"
-            "\n"
-            "\n");
-  EXPECT_TRUE(std::regex_match(timing(report), kTimingZero)) << timing(report);
 }
 
 TEST_F(RelayReaderTest, PositionSevenIsPaddedWithNineBlanks) {
@@ -581,8 +529,7 @@ TEST_F(RelayReaderTest, PositionSevenIsPaddedWithNineBlanks) {
     slots.push_back(slot(100 + i, Quarry::Offset::encode(1, i), i));
   }
   ASSERT_TRUE(writeQueue(dir, fileBytes(first, slots), fileBytes(validHeader(0), {})));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, true);
   EXPECT_NE(report.find("\npos: 7         "
                         "  |  "
@@ -593,8 +540,7 @@ TEST_F(RelayReaderTest, PositionSevenIsPaddedWithNineBlanks) {
 
 TEST_F(RelayReaderTest, TimingLineComesLastWithALineEnd) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, false);
   std::string tail = timing(report);
   EXPECT_EQ(report.size() - tail.size(), beforeTiming(report).size());
@@ -603,8 +549,7 @@ TEST_F(RelayReaderTest, TimingLineComesLastWithALineEnd) {
 
 TEST_F(RelayReaderTest, ScanLeavesTheCallersStreamStateAlone) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::ostringstream out;
   out << std::hex;
   reader.scan(out, true);
@@ -616,8 +561,7 @@ TEST_F(RelayReaderTest, ScanLeavesTheCallersStreamStateAlone) {
 
 TEST_F(RelayReaderTest, TakeSnapshotCopiesWholeCapacities) {
   writeStandardQueue();
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::vector<Notification> snapshot[2];
   EXPECT_EQ(reader.takeSnapshot(snapshot, false), 0U);
   ASSERT_EQ(snapshot[0].size(), 3U);
@@ -647,8 +591,7 @@ TEST_F(RelayReaderTest, WriterFilesFullViewAfterSwitchAndTombstone) {
   writer.append(Quarry::Offset::encode(1, 2), 20);
   writer.append(Quarry::Offset::encode(1, 3), 30);  // switches to the secondary
   ASSERT_TRUE(writer.tombstone(std::uint64_t{2}));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, false);
   EXPECT_EQ(beforeTiming(report),
             "Primary relay queue (backup)\n"
@@ -683,8 +626,7 @@ TEST_F(RelayReaderTest, WriterFilesActiveOnlyAfterSwitch) {
   writer.append(Quarry::Offset::encode(1, 3), 30);
   writer.append(Quarry::Offset::encode(1, 4), 40);
   ASSERT_TRUE(writer.tombstone(std::uint64_t{3}));
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, true);
   EXPECT_EQ(beforeTiming(report),
             "Secondary relay queue (active)\n"
@@ -705,8 +647,7 @@ TEST_F(RelayReaderTest, WriterFilesHeaderCopyShowsTheSwitch) {
   for (int i = 0; i < 32; ++i) {
     writer.append(Quarry::Offset::encode(1, 1), 1);
   }
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   Header first = reader.header(Table::PRIMARY);
   EXPECT_EQ(first.tableVersion, 31U);  // 0x1f
   EXPECT_EQ(first.currentTable, 1U);
@@ -724,8 +665,7 @@ TEST_F(RelayReaderTest, LargeReportIsWholeAndInOrder) {
   for (std::uint32_t i = 0; i < 9000; ++i) {
     writer.append(Quarry::Offset::encode(1, i), i);
   }
-  Reader reader(RelayTest::handler(), root, false);
-  ASSERT_TRUE(reader.initialize());
+  Reader& reader = attached();
   std::string report = scan(reader, false);
   EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 7 + 6000 + 1 + 7 + 6000 + 1 + 2);
   EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U);
