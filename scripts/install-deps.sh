@@ -9,6 +9,7 @@ packages=(
   clang-tidy cppcheck clang-format
   psmisc lsof strace util-linux procps man-db
   qemu-user
+  libcli11-dev nlohmann-json3-dev libcpp-httplib-dev prometheus tmux jq
 )
 
 missing=()
