@@ -228,6 +228,33 @@ httplib::Server::HandlerResponse route(const httplib::Request& req, httplib::Res
   return httplib::Server::HandlerResponse::Handled;
 }
 
+// httplib refuses a request line whose method it does not know with a bare
+// 400, before any routing. Such a request is answered like any other method
+// the path does not allow: 405 on /metrics and /healthz, 404 elsewhere. Every
+// other error response passes unchanged.
+httplib::Server::HandlerResponse answerUnknownMethod(const httplib::Request& req, httplib::Response& res) {
+  const bool refusedLine = res.status == 400 && req.path.empty() && !req.method.empty() && !req.target.empty();
+  if (!refusedLine || req.version.compare(0, 7, "HTTP/1.") != 0) {
+    return httplib::Server::HandlerResponse::Unhandled;
+  }
+  for (const char c : req.method) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte <= 0x20 || byte >= 0x7f) {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+  }
+  const std::string path = req.target.substr(0, req.target.find('?'));
+  // The rest of the request was never read.
+  res.set_header("Connection", "close");
+  if (path == "/metrics" || path == "/healthz") {
+    res.set_header("Allow", kAllowed);
+    answerText(res, 405, "method not allowed\n");
+  } else {
+    answerText(res, 404, "not found\n");
+  }
+  return httplib::Server::HandlerResponse::Handled;
+}
+
 // Waits for SIGTERM/SIGINT on `signals` or a wake-up on `done`; on a signal
 // stops the server. stop() only acts once the server runs, so a signal that
 // comes before listening starts is kept until it does.
@@ -349,6 +376,7 @@ int serve(const ListenAddress& where, const std::function<std::string()>& metric
   server.set_pre_routing_handler([&metrics, &sampling](const httplib::Request& req, httplib::Response& res) {
     return route(req, res, metrics, sampling);
   });
+  server.set_error_handler(httplib::Server::HandlerWithResponse(answerUnknownMethod));
   // The listening socket is only seen here; httplib listens with a short
   // backlog, which is raised once bound.
   int listening = -1;

@@ -4,11 +4,12 @@
 // Behaviour a client can rely on:
 // - GET and HEAD on /metrics and /healthz; HEAD answers the same status and
 //   headers as GET without the body (so HEAD /metrics also takes a sample).
-// - Any other method on those two paths: 405 with "Allow: GET, HEAD".
+// - Any other method on those two paths, known to HTTP or not: 405 with
+//   "Allow: GET, HEAD".
 // - Any other path: 404, whatever the method.
-// - A request line longer than the server accepts: 414; oversized or
-//   malformed header lines: the connection gets an error status (431 or
-//   400) and is closed.
+// - A request line longer than 8 KiB: 414. A header line longer than 8 KiB,
+//   a malformed request line or a request that stalls past the read
+//   timeout: 400 (cpp-httplib does not tell these apart).
 // - A bounded pool of worker threads serves the connections, with read and
 //   write timeouts and a bounded keep-alive, so a client that stalls halfway
 //   through a request holds one worker for at most the read timeout and the

@@ -373,6 +373,19 @@ TEST(StatServerTest, OtherMethodsAreNotAllowed) {
   }
 }
 
+TEST(StatServerTest, UnknownMethodsAreNotAllowedEither) {
+  ServerChild server("127.0.0.1:0");
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  for (const char* method : {"BREW", "get", "TRACE", "CONNECT"}) {
+    const Response response = request(port, method, "/metrics");
+    EXPECT_EQ(response.status, 405) << method;
+    EXPECT_EQ(response.header("Allow"), "GET, HEAD") << method;
+    EXPECT_EQ(request(port, method, "/elsewhere").status, 404) << method;
+  }
+  EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
+}
+
 TEST(StatServerTest, HugeRequestLineIsRefusedAndOthersStillAnswered) {
   ServerChild server("127.0.0.1:0");
   const int port = server.port();
