@@ -29,6 +29,7 @@ usage_error --check --json
 usage_error --check --watch
 usage_error --watch -i 0
 usage_error --listen
+usage_error --listen nonsense
 usage_error --no-clients --all-roots
 usage_error one two
 usage_error -o "$HERON_ROOT/metrics.prom" --prometheus

@@ -37,9 +37,9 @@ class StopSignals {
  public:
   StopSignals() {
     ::sigemptyset(&set_);
-    ::sigaddset(&set_, SIGINT);
-    ::sigaddset(&set_, SIGTERM);
-    ::sigaddset(&set_, SIGHUP);
+    for (int stop : {SIGINT, SIGTERM, SIGHUP}) {
+      ::sigaddset(&set_, stop);
+    }
     ::sigprocmask(SIG_BLOCK, &set_, nullptr);
   }
   StopSignals(const StopSignals&) = delete;
