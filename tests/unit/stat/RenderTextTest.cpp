@@ -50,7 +50,7 @@ TEST(StatRenderText, OneLinePerTableWithEveryFigure) {
   const std::vector<std::string> all = lines(rendered(twoTables()));
   // 72 of 64-byte and 10 of 256-byte units used of 100 each: 7168 of 32000.
   EXPECT_EQ(words(all[1]), (std::vector<std::string>{"md/eu/quotes", "ok", "4711", "1.5s", "2", "2", "123456", "1000",
-                                                     "2", "25%", "1s", "22%", "#1", "64B", "72%"}));
+                                                     "2", "25%", "0.8s", "22%", "#1", "64B", "72%"}));
 }
 
 TEST(StatRenderText, UnreadFiguresAreDashesAndUnseenClientsAQuestionMark) {
@@ -110,8 +110,10 @@ TEST(StatPrintable, EscapesControlsDelC1AndInvalidUtf8) {
   EXPECT_EQ(Stat::printable("\xe6\x97\xa5\xc3\xa9"), "\xe6\x97\xa5\xc3\xa9");
 }
 
-TEST(StatDuration, WholeSecondsInTheLargestUnits) {
-  EXPECT_EQ(Stat::duration(0.4), "0s");
+TEST(StatDuration, TenthsUnderTenSecondsThenWholeSecondsInTheLargestUnits) {
+  EXPECT_EQ(Stat::duration(0.44), "0.4s");
+  EXPECT_EQ(Stat::duration(9.94), "9.9s");
+  EXPECT_EQ(Stat::duration(9.96), "10s");
   EXPECT_EQ(Stat::duration(59.4), "59s");
   EXPECT_EQ(Stat::duration(185), "3m05s");
   EXPECT_EQ(Stat::duration(7260), "2h01m");
