@@ -66,9 +66,7 @@ int usageError(const std::string& message) {
   return 2;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int statMain(int argc, char** argv) {
   Stat::Options options;
   CLI::App app{
       "heron-stat: every table's health, rates and capacity at a glance, live, as JSON, for Prometheus "
@@ -143,4 +141,19 @@ int main(int argc, char** argv) {
   }
   options.collect.walkProcesses = !options.noClients;
   return Stat::run(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // An exception from a library (out of memory, a remap that failed) ends
+  // the run with one line, never with a signal.
+  try {
+    return statMain(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "heron-stat: " << oneLine(error.what()) << std::endl;
+  } catch (...) {
+    std::cerr << "heron-stat: unexpected error" << std::endl;
+  }
+  return 1;
 }

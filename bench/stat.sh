@@ -1,0 +1,100 @@
+#!/usr/bin/env bash
+# heron-stat benchmarks, each side by side in one run (medians of
+# interleaved rounds, so the load of a shared machine falls on both arms):
+#
+# 1. One sample of a TABLES-table collection without the client walk
+#    (heron-stat --no-clients -i 0 --json) against the floor: a C program that
+#    walks the root and opens, fstats, maps read-only and unmaps every file
+#    heron-stat reads (bench/stat_floor.c). Wall and CPU time of the process,
+#    and heron-stat's own sample_duration_seconds; then, once, where the
+#    system time of one sample goes (strace -c).
+# 2. A writer at full speed alone and while `heron-stat --watch -i 1` runs
+#    against its collection (PAIRS alternating pairs of SECONDS_EACH).
+#
+#   bash bench/stat.sh [BUILD_DIR] [ROUNDS]       TABLES=1000 PAIRS=5 SECONDS_EACH=5
+set -euo pipefail
+HERE=$(cd "$(dirname "$0")" && pwd)
+BUILD=${1:-build}
+ROUNDS=${2:-9}
+TABLES=${TABLES:-1000}
+PAIRS=${PAIRS:-5}
+EACH=${SECONDS_EACH:-5}
+BIN=$(cd "$BUILD/bin" && pwd)
+SHM=/dev/shm
+[[ -d $SHM && -w $SHM ]] || SHM=${TMPDIR:-/tmp}
+WORK=$(mktemp -d "$SHM/heron-stat-bench.XXXXXX")
+WATCH_PID=""
+trap 'if [[ -n $WATCH_PID ]]; then kill $WATCH_PID 2>/dev/null || true; fi; rm -rf "$WORK"' EXIT
+
+cc -O2 -o "$WORK/floor" "$HERE/stat_floor.c"
+cc -O2 -o "$WORK/time" "$HERE/client_time.c"
+median() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
+
+# --- 1. one sample of TABLES tables -------------------------------------
+export HERON_ROOT=$WORK/root
+mkdir -p "$HERON_ROOT/g00"
+"$BIN/heron-sim" create g00/t0000 >/dev/null
+# One writer run leaves an ember and used regions; the other tables are
+# copies of that table (their writer is gone: dead, which costs the same
+# reads as ok).
+"$BIN/heron-sim" write g00/t0000 --rate 2000 --duration 1 >/dev/null
+for ((i = 1; i < TABLES; i++)); do
+  group=$(printf 'g%02d' $((i / 100)))
+  mkdir -p "$HERON_ROOT/$group"
+  cp -a "$HERON_ROOT/g00/t0000" "$HERON_ROOT/$group/$(printf 't%04d' "$i")"
+done
+count=$("$BIN/heron-stat" --no-clients -i 0 --json | jq '.tables | length')
+[[ $count -eq $TABLES ]] || { echo "heron-stat saw $count tables, not $TABLES" >&2; exit 1; }
+echo "collection: $TABLES tables, $("$WORK/floor" "$HERON_ROOT")"
+
+floor_wall=() floor_cpu=() stat_wall=() stat_cpu=() stat_sample=()
+for ((r = 0; r < ROUNDS; r++)); do
+  read -r wall cpu < <("$WORK/time" "$WORK/floor" "$HERON_ROOT")
+  floor_wall+=("$wall") floor_cpu+=("$cpu")
+  read -r wall cpu < <("$WORK/time" "$BIN/heron-stat" --no-clients -i 0 --json)
+  stat_wall+=("$wall") stat_cpu+=("$cpu")
+  stat_sample+=("$("$BIN/heron-stat" --no-clients -i 0 --json | jq '.sample_duration_seconds * 1000')")
+done
+fw=$(median "${floor_wall[@]}") fc=$(median "${floor_cpu[@]}")
+sw=$(median "${stat_wall[@]}") sc=$(median "${stat_cpu[@]}") ss=$(median "${stat_sample[@]}")
+echo
+echo "One sample of $TABLES tables, no client walk (median of $ROUNDS interleaved rounds, ms)"
+printf '%-44s %10s %10s\n' "" wall cpu
+printf '%-44s %10.1f %10.1f\n' "floor (open, fstat, map, unmap each file)" "$fw" "$fc"
+printf '%-44s %10.1f %10.1f\n' "heron-stat --no-clients -i 0 --json" "$sw" "$sc"
+printf '%-44s %10.1f\n' "  of which the sample itself" "$ss"
+printf '%-44s %9.2fx %9.2fx\n' "ratio heron-stat / floor" "$(echo "$sw / $fw" | bc -l)" "$(echo "$sc / $fc" | bc -l)"
+echo
+echo "Where one sample's system calls spend their time (strace -c -w, one run; strace slows every call):"
+strace -c -w -o "$WORK/strace.txt" "$BIN/heron-stat" --no-clients -i 0 --json >/dev/null
+sed -n '1,2p;3,12p' "$WORK/strace.txt"
+
+# --- 2. writer impact of heron-stat --watch -i 1 -------------------------
+export HERON_ROOT=$WORK/writer-root
+mkdir -p "$HERON_ROOT"
+"$BIN/heron-sim" create bench >/dev/null
+PIN_WRITER=() PIN_STAT=()
+if command -v taskset >/dev/null && [[ $(nproc) -ge 2 ]]; then
+  PIN_WRITER=(taskset -c 1)
+  PIN_STAT=(taskset -c 0)
+fi
+writer_rate() {
+  "${PIN_WRITER[@]}" "$BIN/heron-sim" write bench --flat-out --duration "$EACH" |
+    sed -n 's/.*(\([0-9][0-9]*\)\/s, \([0-9][0-9]*\)\/s of cpu).*/\1/p'
+}
+alone=() watched=()
+for ((i = 1; i <= PAIRS; i++)); do
+  alone+=("$(writer_rate)")
+  "${PIN_STAT[@]}" "$BIN/heron-stat" --watch -i 1 >/dev/null &
+  WATCH_PID=$!
+  watched+=("$(writer_rate)")
+  kill -INT "$WATCH_PID"
+  wait "$WATCH_PID" || true
+  WATCH_PID=""
+done
+a=$(median "${alone[@]}") w=$(median "${watched[@]}")
+echo
+echo "Writer at full speed, $PAIRS alternating pairs of ${EACH}s (notifications a second)"
+echo "  alone:                          ${alone[*]}  median $a"
+echo "  with heron-stat --watch -i 1:   ${watched[*]}  median $w"
+printf '  kept: %.1f %%\n' "$(echo "100 * $w / $a" | bc -l)"
