@@ -105,4 +105,16 @@ reason() { jq -r --arg t "$1" '.tables[] | select(.name == $t) | [.state, (.prob
 "$STAT" -i 0 | grep -q "^critical  badquarry: $HERON_ROOT/badquarry/quarry: not a region allocator file$" ||
   fail "the text view does not give the reason: $("$STAT" -i 0)"
 echo "damaged tables: broken with their reasons, the others still reported"
+
+# --all-roots: a table under another root that a process maps is shown by its
+# full path; without it only the root's tables are.
+mkdir -p "$WORK/other"
+HERON_ROOT=$WORK/other "$SIM" create away >/dev/null
+HERON_ROOT=$WORK/other "$SIM" write away --rate 100 >"$WORK/away.log" 2>&1 &
+STARTED+=("$!")
+wait_for_line "$WORK/away.log" "attached to" 10 || fail "the writer of away did not attach: $(cat "$WORK/away.log")"
+away=$(cd "$WORK/other/away" && pwd -P)
+[[ $(field "$away" .state -i 0 --all-roots) == ok ]] || fail "--all-roots does not show $away: $("$STAT" -i 0 --all-roots)"
+[[ -z $(field "$away" .state -i 0) ]] || fail "$away is shown without --all-roots"
+echo "--all-roots: $away shown"
 echo PASS
