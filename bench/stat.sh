@@ -11,23 +11,20 @@
 #    LD_PRELOAD shim) to show the cost apart from the region reader's
 #    per-table inotify instance; then, once, where the
 #    system time of one sample goes (strace -c).
-# 2. A writer at full speed alone and while `heron-stat --watch -i 1` runs
-#    against its collection (PAIRS alternating pairs of SECONDS_EACH).
+# (A writer's append rate while `heron-stat --watch -i 1` runs is one arm of
+# bench/writer.sh.)
 #
-#   bash bench/stat.sh [BUILD_DIR] [ROUNDS]       TABLES=1000 PAIRS=5 SECONDS_EACH=5
+#   bash bench/stat.sh [BUILD_DIR] [ROUNDS]       TABLES=1000
 set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=${1:-build}
 ROUNDS=${2:-9}
 TABLES=${TABLES:-1000}
-PAIRS=${PAIRS:-5}
-EACH=${SECONDS_EACH:-5}
 BIN=$(cd "$BUILD/bin" && pwd)
 SHM=/dev/shm
 [[ -d $SHM && -w $SHM ]] || SHM=${TMPDIR:-/tmp}
 WORK=$(mktemp -d "$SHM/heron-stat-bench.XXXXXX")
-WATCH_PID=""
-trap 'if [[ -n $WATCH_PID ]]; then kill $WATCH_PID 2>/dev/null || true; fi; rm -rf "$WORK"' EXIT
+trap 'rm -rf "$WORK"' EXIT
 
 cc -O2 -o "$WORK/floor" "$HERE/stat_floor.c"
 cc -O2 -o "$WORK/time" "$HERE/client_time.c"
@@ -80,33 +77,3 @@ echo
 echo "Where one sample's system calls spend their time (strace -c -w, one run; strace slows every call):"
 strace -c -w -o "$WORK/strace.txt" "$BIN/heron-stat" --no-clients -i 0 --json >/dev/null
 sed -n '1,2p;3,12p' "$WORK/strace.txt"
-
-# --- 2. writer impact of heron-stat --watch -i 1 -------------------------
-export HERON_ROOT=$WORK/writer-root
-mkdir -p "$HERON_ROOT"
-"$BIN/heron-sim" create bench >/dev/null
-PIN_WRITER=() PIN_STAT=()
-if command -v taskset >/dev/null && [[ $(nproc) -ge 2 ]]; then
-  PIN_WRITER=(taskset -c 1)
-  PIN_STAT=(taskset -c 0)
-fi
-writer_rate() {
-  "${PIN_WRITER[@]}" "$BIN/heron-sim" write bench --flat-out --duration "$EACH" |
-    sed -n 's/.*(\([0-9][0-9]*\)\/s, \([0-9][0-9]*\)\/s of cpu).*/\1/p'
-}
-alone=() watched=()
-for ((i = 1; i <= PAIRS; i++)); do
-  alone+=("$(writer_rate)")
-  "${PIN_STAT[@]}" "$BIN/heron-stat" --watch -i 1 >/dev/null &
-  WATCH_PID=$!
-  watched+=("$(writer_rate)")
-  kill -INT "$WATCH_PID"
-  wait "$WATCH_PID" || true
-  WATCH_PID=""
-done
-a=$(median "${alone[@]}") w=$(median "${watched[@]}")
-echo
-echo "Writer at full speed, $PAIRS alternating pairs of ${EACH}s (notifications a second)"
-echo "  alone:                          ${alone[*]}  median $a"
-echo "  with heron-stat --watch -i 1:   ${watched[*]}  median $w"
-printf '  kept: %.1f %%\n' "$(echo "100 * $w / $a" | bc -l)"
