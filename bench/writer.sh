@@ -2,7 +2,8 @@
 # Writer impact: the append rate of a flat-out heron-sim writer alone, and
 # while heron -q, heron -s and heron -A run in a loop against its table:
 # flat out, and paced at one round a second (PACE seconds between rounds),
-# as an operator watching a table would run them.
+# as an operator watching a table would run them; and while
+# heron-stat --watch -i 1 runs (when it is built).
 # Alternates alone / loaded runs (PAIRS pairs of SECONDS each) and compares
 # the medians, in one run.
 #
