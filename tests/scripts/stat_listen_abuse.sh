@@ -51,7 +51,7 @@ BIG=$(head -c 1048576 /dev/zero | tr '\0' a)
 huge_request_line() {
   local fd line=""
   exec {fd}<>"/dev/tcp/127.0.0.1/$PORT"
-  printf 'GET /metrics?%s HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' "$BIG" >&"$fd" 2>/dev/null || true
+  printf 'GET /metrics?%s HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' "$BIG" 1>&"$fd" 2>/dev/null || true
   IFS= read -r -t 20 line <&"$fd" || true
   exec {fd}>&-
   printf '%s' "${line%$'\r'}"
