@@ -76,10 +76,14 @@ echo "one scrape: $(grep -c '^heron_writer_up{' "$WORK/metrics") tables, $(wc -c
 
 median() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {printf "%.1f", a[int((NR+1)/2)]}'; }
 
+# CPU time of a process so far, in milliseconds (utime + stime).
+cpu_ms() { awk -v hz="$(getconf CLK_TCK)" '{print ($14 + $15) * 1000 / hz}' "/proc/$1/stat"; }
+
 scrape_walls=()
 heron_walls=()
 heron_cpus=()
 sample_secs=()
+server_cpu_before=$(cpu_ms "$STAT_PID")
 for ((r = 0; r < RUNS; r++)); do
   read -r wall _ < <("$WORK/client_time" curl -fsS -o /dev/null "$URL")
   scrape_walls+=("$wall")
@@ -87,6 +91,7 @@ for ((r = 0; r < RUNS; r++)); do
   heron_walls+=("$wall")
   heron_cpus+=("$cpu")
 done
+server_cpu=$(echo "($(cpu_ms "$STAT_PID") - $server_cpu_before) / $RUNS" | bc -l)
 # The server's own time to take a sample, as it reports it.
 for ((r = 0; r < 5; r++)); do
   sample_secs+=("$(curl -fsS "$URL" | awk '/^heron_stat_sample_duration_seconds / {print $2 * 1000}')")
@@ -97,7 +102,9 @@ printf '\nmedian of %d interleaved rounds, 1000 extra processes, 100 tables\n' "
 printf '%-28s %10s ms\n' "curl /metrics (wall)" "$scrape"
 printf '%-28s %10s ms   (CPU %s ms)\n' "heron -A (wall)" "$heron" "$(median "${heron_cpus[@]}")"
 printf '%-28s %10s ms   (median of 5)\n' "sample inside the server" "$(median "${sample_secs[@]}")"
-printf '%-28s %10.2fx\n' "scrape / heron -A" "$(echo "$scrape / $heron" | bc -l)"
+printf '%-28s %10.1f ms   (mean, from /proc/PID/stat)\n' "server CPU per scrape" "$server_cpu"
+printf '%-28s %10.2fx\n' "scrape / heron -A (wall)" "$(echo "$scrape / $heron" | bc -l)"
+printf '%-28s %10.2fx\n' "server CPU / heron -A CPU" "$(echo "$server_cpu / $(median "${heron_cpus[@]}")" | bc -l)"
 
 # Memory over SCRAPES scrapes, without the extra processes.
 kill "${PIDS[@]:10}" 2>/dev/null || true
@@ -111,11 +118,15 @@ scrape_batch() {
   curl -fsS -o /dev/null "$URL?[1-$n]"
   done_scrapes=$((done_scrapes + n))
 }
+printf '\nheron-stat --listen, 100 tables, VmRSS every 100 scrapes (kB):'
 scrape_batch 100
 rss100=$(status_kb VmRSS)
+printf ' %s' "$rss100"
 while ((done_scrapes < SCRAPES)); do
   scrape_batch 100
+  printf ' %s' "$(status_kb VmRSS)"
 done
+echo
 rss_end=$(status_kb VmRSS)
 hwm=$(status_kb VmHWM)
 printf '\nheron-stat --listen, 100 tables, %d scrapes one after another\n' "$done_scrapes"
