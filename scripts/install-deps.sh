@@ -9,7 +9,7 @@ packages=(
   clang-tidy cppcheck clang-format
   psmisc lsof strace util-linux procps man-db
   qemu-user
-  pkg-config libcpp-httplib-dev curl jq prometheus
+  libcli11-dev nlohmann-json3-dev pkg-config libcpp-httplib-dev curl prometheus tmux jq
 )
 
 missing=()

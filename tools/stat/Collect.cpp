@@ -403,6 +403,9 @@ Sample collect(const CollectOptions& options) {
   }
   std::sort(tables.begin(), tables.end(),
             [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
+  if (tables.empty() && !options.expr.empty()) {
+    sample.problems.push_back({Severity::Warning, "no table matches '" + options.expr + "'"});
+  }
   sample.tables = std::move(tables);
   sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
   return sample;

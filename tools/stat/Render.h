@@ -19,7 +19,8 @@ std::string renderText(const Sample& sample);
 // escaped; bytes that are not UTF-8 become U+FFFD.
 std::string renderJson(const Sample& sample);
 
-// Whole seconds as "59s", "3m05s", "2h01m" or "3d04h".
+// Tenths under 10 s ("0.2s"), then whole seconds as "59s", "3m05s",
+// "2h01m" or "3d04h".
 std::string duration(double seconds);
 
 // The Prometheus text exposition format (version 0.0.4).

@@ -40,8 +40,12 @@ std::string age(const std::optional<double>& seconds) {
 
 }  // namespace
 
-// Whole seconds as "59s", "3m05s", "2h01m", "3d04h".
+// Tenths under 10 s ("0.2s"), then whole seconds as "59s", "3m05s",
+// "2h01m", "3d04h".
 std::string duration(double seconds) {
+  if (seconds < 9.95) {
+    return fmt::format("{:.1f}s", std::max(0.0, seconds));
+  }
   const auto whole = static_cast<unsigned long long>(std::llround(std::max(0.0, seconds)));
   if (whole < 60) {
     return fmt::format("{}s", whole);

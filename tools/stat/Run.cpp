@@ -30,17 +30,18 @@ double monotonicNow() {
 
 // Ctrl-C, SIGTERM and SIGHUP are blocked and waited for, so that a
 // signal ends a wait cleanly between two samples instead of cutting a
-// report short.
+// report short. They stay blocked until the process exits: a second signal
+// (Ctrl-C pressed twice, or `timeout`, which signals the child and then its
+// group) must not kill it while it ends with status 0.
 class StopSignals {
  public:
   StopSignals() {
     ::sigemptyset(&set_);
-    ::sigaddset(&set_, SIGINT);
-    ::sigaddset(&set_, SIGTERM);
-    ::sigaddset(&set_, SIGHUP);
-    ::sigprocmask(SIG_BLOCK, &set_, &saved_);
+    for (int stop : {SIGINT, SIGTERM, SIGHUP}) {
+      ::sigaddset(&set_, stop);
+    }
+    ::sigprocmask(SIG_BLOCK, &set_, nullptr);
   }
-  ~StopSignals() { ::sigprocmask(SIG_SETMASK, &saved_, nullptr); }
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
 
@@ -67,7 +68,6 @@ class StopSignals {
 
  private:
   sigset_t set_;
-  sigset_t saved_;
 };
 
 std::string render(const Options& options, Sample& sample) {

@@ -5,7 +5,9 @@
 // not be written (or the server could not bind), 2 usage error, and for
 // --check the verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 
@@ -44,14 +46,27 @@ std::string oneLine(std::string text) {
   return text;
 }
 
+// A number in [low, high] (low excluded when `lowOpen`), finite; CLI11's
+// own range messages print the whole double range.
+CLI::Validator numberIn(double low, double high, bool lowOpen, const std::string& what) {
+  return CLI::Validator(
+      [=](std::string& text) -> std::string {
+        char* end = nullptr;
+        errno = 0;
+        const double value = std::strtod(text.c_str(), &end);
+        const bool ok = !text.empty() && end != nullptr && *end == '\0' && errno == 0 && std::isfinite(value) &&
+                        (lowOpen ? value > low : value >= low) && value <= high;
+        return ok ? std::string() : "'" + text + "' is not " + what;
+      },
+      "", "number");
+}
+
 int usageError(const std::string& message) {
   std::cerr << "heron-stat: " << oneLine(message) << " (see heron-stat --help)" << std::endl;
   return 2;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int statMain(int argc, char** argv) {
   Stat::Options options;
   CLI::App app{
       "heron-stat: every table's health, rates and capacity at a glance, live, as JSON, for Prometheus "
@@ -68,7 +83,8 @@ int main(int argc, char** argv) {
   app.add_option("-i,--interval", options.interval,
                  "Seconds between the two samples rates come from, and between --watch refreshes; 0: one sample, "
                  "no rates")
-      ->check(CLI::NonNegativeNumber)
+      ->check(numberIn(0, 1e6, false, "a number of seconds, 0 or more"))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.add_flag("-w,--watch", options.watch,
                "Refresh every interval until Ctrl-C (repaints on a terminal, appends blocks otherwise)");
@@ -83,16 +99,17 @@ int main(int argc, char** argv) {
                                 "inside the collection root");
   output->type_name("FILE");
   app.add_option("--stale", options.thresholds.staleSeconds, "Seconds without a heartbeat after which a table is stale")
-      ->check(CLI::PositiveNumber)
+      ->check(numberIn(0, 1e9, true, "a number of seconds above 0"))
+      ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--warn-alloc", options.thresholds.warnAllocPercent,
                  "WARNING when a table's allocator occupancy is at or over PCT percent")
-      ->check(CLI::Range(0.0, 100.0))
+      ->check(numberIn(0, 100, false, "a percentage from 0 to 100"))
       ->type_name("PCT")
       ->capture_default_str();
   app.add_option("--crit-alloc", options.thresholds.critAllocPercent,
                  "CRITICAL when a table's allocator occupancy is at or over PCT percent (default: off)")
-      ->check(CLI::Range(0.0, 100.0))
+      ->check(numberIn(0, 100, false, "a percentage from 0 to 100"))
       ->type_name("PCT");
   json->excludes(prometheus)->excludes(check)->excludes(listen);
   prometheus->excludes(check)->excludes(listen);
@@ -124,4 +141,19 @@ int main(int argc, char** argv) {
   }
   options.collect.walkProcesses = !options.noClients;
   return Stat::run(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // An exception from a library (out of memory, a remap that failed) ends
+  // the run with one line, never with a signal.
+  try {
+    return statMain(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "heron-stat: " << oneLine(error.what()) << std::endl;
+  } catch (...) {
+    std::cerr << "heron-stat: unexpected error" << std::endl;
+  }
+  return 1;
 }
