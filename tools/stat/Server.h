@@ -21,7 +21,10 @@
 //   error return, not the process) in the calling thread while it runs and
 //   receives them through a signalfd; call it before starting other threads,
 //   or with those signals blocked in them, so that no other thread takes the
-//   signal with its default action.
+//   signal with its default action. It also sets the process's allocator
+//   to two arenas and a fixed mapping threshold, so that memory one request
+//   needed goes back to the system and a server that runs for months stays
+//   at its size.
 #pragma once
 
 #include <cstdint>
