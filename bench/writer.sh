@@ -2,7 +2,8 @@
 # Writer impact: the append rate of a flat-out heron-sim writer alone, and
 # while heron -q, heron -s and heron -A run in a loop against its table:
 # flat out, and paced at one round a second (PACE seconds between rounds),
-# as an operator watching a table would run them.
+# as an operator watching a table would run them; and while
+# heron-stat --watch -i 1 runs (when it is built).
 # Alternates alone / loaded runs (PAIRS pairs of SECONDS each) and compares
 # the medians, in one run.
 #
@@ -58,6 +59,7 @@ alone=()
 loaded=()
 busy=()
 paced=()
+watched=()
 total_reports=0
 for ((i = 1; i <= PAIRS; i++)); do
   alone+=("$(writer_rate)")
@@ -82,8 +84,18 @@ for ((i = 1; i <= PAIRS; i++)); do
   kill "$LOOP_PID" 2>/dev/null || true
   wait "$LOOP_PID" 2>/dev/null || true
   LOOP_PID=""
+  # heron-stat --watch -i 1, as an operator's terminal or a textfile
+  # exporter would run it.
+  if [[ -x $BIN/heron-stat ]]; then
+    "${PIN_REPORTS[@]}" "$BIN/heron-stat" --watch -i 1 >/dev/null &
+    LOOP_PID=$!
+    watched+=("$(writer_rate)")
+    kill -INT "$LOOP_PID" 2>/dev/null || true
+    wait "$LOOP_PID" 2>/dev/null || true
+    LOOP_PID=""
+  fi
   echo "pair $i: alone ${alone[-1]}, heron --help loop ${busy[-1]}, with reports ${loaded[-1]}," \
-    "reports every ${PACE}s ${paced[-1]} (wall/s cpu/s)"
+    "reports every ${PACE}s ${paced[-1]}, heron-stat --watch -i 1 ${watched[-1]:-none} (wall/s cpu/s)"
 done
 echo "heron reports run while loaded: $total_reports ($((total_reports / (PAIRS * EACH)))/s)"
 echo "cpus: $(nproc), load average: $(cut -d' ' -f1-3 /proc/loadavg), pinned: ${PIN_WRITER[*]:-no}"
@@ -94,4 +106,8 @@ for col in 1 2; do
   p=$(printf '%s\n' "${paced[@]}" | cut -d' ' -f$col | median)
   what=$([[ $col -eq 1 ]] && echo "per second" || echo "per cpu-second of the writer")
   awk -v a="$a" -v l="$l" -v b="$b" -v p="$p" -v w="$what" -v pace="$PACE" 'BEGIN {printf "appends %s: alone %d, heron --help loop %d (%.1f %%), with heron -q/-s/-A in a loop %d, ratio %.1f %%, a round every %ss %d, ratio %.1f %%\n", w, a, b, 100 * b / a, l, 100 * l / a, pace, p, 100 * p / a}'
+  if [[ ${#watched[@]} -gt 0 ]]; then
+    s=$(printf '%s\n' "${watched[@]}" | cut -d' ' -f$col | median)
+    awk -v a="$a" -v s="$s" -v w="$what" 'BEGIN {printf "appends %s: with heron-stat --watch -i 1 %d, ratio %.1f %%\n", w, s, 100 * s / a}'
+  fi
 done

@@ -17,7 +17,7 @@ bash scripts/install-deps.sh
 if [[ ! -f $BUILD/build.ninja ]]; then
   cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 fi
-cmake --build "$BUILD" -j "$(nproc)" --target heron_launcher heron-sim
+cmake --build "$BUILD" -j "$(nproc)" --target heron_launcher heron-sim heron-stat
 BIN=$(cd "$BUILD/bin" && pwd)
 
 HERON_ROOT=$(mktemp -d "${TMPDIR:-/tmp}/heron-demo.XXXXXX")
@@ -91,6 +91,14 @@ run "the live notifications of the active queue" -q "$TABLE"
 run "the entries of region $REGION" -R -r "$REGION" "$TABLE"
 run "the processes attached to the table" -w "$TABLE"
 run "the tables that the writer $WRITER is attached to" -c "$WRITER"
+
+title "heron-stat   (every table's state, writer, rate, queue and allocator at a glance)"
+status=0
+"$BIN/heron-stat" || status=$?
+if [[ $status -ne 0 ]]; then
+  echo "!! heron-stat exited with status $status"
+  failed=$((failed + 1))
+fi
 
 title "stopping the demo"
 kill -INT "$DEMO_PID"

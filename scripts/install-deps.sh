@@ -11,6 +11,7 @@ packages=(
   psmisc lsof strace util-linux procps man-db
   prometheus tmux
   qemu-user
+  libcli11-dev nlohmann-json3-dev pkg-config libcpp-httplib-dev curl prometheus tmux jq
 )
 
 missing=()

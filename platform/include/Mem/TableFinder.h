@@ -27,15 +27,22 @@ class TableFinder {
 
   // Replaces the match list with the tables of `kind` that match `expr`.
   void find(const char* expr, SharedMem::SharedMemType kind);
+  // The same matching over every directory that holds a regular file
+  // `owner`, whatever the file holds: tools that report a table whose owner
+  // file is damaged still need to name it. Owner files are not read.
+  void findOwned(const char* expr);
   const std::vector<std::string>& matches() const { return matches_; }
 
  private:
+  void search(const char* expr, SharedMem::SharedMemType kind);
+  bool accepts(const std::string& dir, SharedMem::SharedMemType kind) const;
   void walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
             std::vector<std::string>& names, int depth) const;
 
   Beacon::Platform::DebugHandler& handler_;
   RootPath root_;
   std::vector<std::string> matches_;
+  bool anyOwner_ = false;
 };
 
 }  // namespace Mem

@@ -53,14 +53,32 @@ void TableFinder::walk(const std::string& dir, const std::string& relative, Shar
   for (const std::string& name : children) {
     std::string childDir = dir + "/" + name;
     std::string childName = relative.empty() ? name : relative + "/" + name;
-    if (isTableOfKind(handler_, childDir, kind)) {
+    if (accepts(childDir, kind)) {
       names.push_back(childName);
     }
     walk(childDir, childName, kind, names, depth + 1);
   }
 }
 
+bool TableFinder::accepts(const std::string& dir, SharedMem::SharedMemType kind) const {
+  if (!anyOwner_) {
+    return isTableOfKind(handler_, dir, kind);
+  }
+  struct stat st {};
+  return ::lstat((dir + "/owner").c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {
+  anyOwner_ = false;
+  search(expr, kind);
+}
+
+void TableFinder::findOwned(const char* expr) {
+  anyOwner_ = true;
+  search(expr, SharedMem::Unknown);
+}
+
+void TableFinder::search(const char* expr, SharedMem::SharedMemType kind) {
   matches_.clear();
   std::string pattern = expr != nullptr ? expr : "";
   const std::string& root = root_.path();
@@ -75,7 +93,7 @@ void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {
       pattern = absolute.substr(root.size() + 1);
     } else {
       // Outside the root: the path names a table by itself, or nothing.
-      if (isTableOfKind(handler_, absolute, kind)) {
+      if (accepts(absolute, kind)) {
         matches_.push_back(pattern);
       }
       return;

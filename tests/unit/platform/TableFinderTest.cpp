@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -157,3 +158,32 @@ TEST_F(TableFinderTest, AbsoluteRootItselfListsEveryTable) {
 }
 
 }  // namespace
+
+TEST_F(TableFinderTest, FindOwnedListsDirectoriesWhoseOwnerFileIsDamagedOrOfAnyType) {
+  makeDirs(root.file("garbage"));
+  {
+    FILE* file = std::fopen(root.file("garbage/owner").c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    std::fputs("not an owner file", file);
+    std::fclose(file);
+  }
+  makeTable(root, "seg", SharedMem::Segment);
+  makeDirs(root.file("empty/dir"));
+  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  finder.findOwned("");
+  EXPECT_EQ(finder.matches(),
+            (Names{"B", "a", "b", "garbage", "md/eu/quotes", "seg", "tab", "tab2", "table/x", "xtab"}));
+  finder.findOwned("g*");
+  EXPECT_EQ(finder.matches(), (Names{"garbage"}));
+  // find() afterwards reads owner files again.
+  finder.find("", SharedMem::Table);
+  EXPECT_EQ(finder.matches().size(), 8U);
+}
+
+TEST_F(TableFinderTest, FindOwnedIgnoresAnOwnerThatIsNotARegularFile) {
+  makeDirs(root.file("fifo"));
+  ASSERT_EQ(::mkfifo(root.file("fifo/owner").c_str(), 0644), 0);
+  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  finder.findOwned("fi");
+  EXPECT_EQ(finder.matches(), Names{});
+}

@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# heron-stat --listen over a live demo collection, read by the Prometheus
+# tools themselves: promtool accepts the exposition, and a real Prometheus
+# server scraping every second answers queries for heron_writer_up and for
+# the writers' rates. Without promtool or prometheus the test fails: they
+# come with the Debian package prometheus (scripts/install-deps.sh).
+source "$(dirname "$0")/sim_lib/common.sh"
+source "$(dirname "$0")/sim_lib/demo.sh"
+
+STAT=$BIN/heron-stat
+[[ -x $STAT ]] || fail "$STAT is not built"
+for tool in promtool prometheus curl jq; do
+  command -v "$tool" >/dev/null || fail "$tool is missing: install it with scripts/install-deps.sh"
+done
+
+RATE=40
+start_demo --rate "$RATE"
+WRITER_TABLES=(orders md/eu/quotes md/eu/trades md/us/quotes)
+
+"$STAT" --listen 127.0.0.1:0 >"$WORK/stat.out" 2>"$WORK/stat.err" &
+STAT_PID=$!
+STARTED+=("$STAT_PID")
+wait_for_line "$WORK/stat.out" '^listening on 127\.0\.0\.1:[0-9]*$' 10 ||
+  fail "heron-stat did not listen: $(cat "$WORK/stat.out" "$WORK/stat.err")"
+PORT=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/stat.out")
+[[ $PORT -gt 0 ]] || fail "no port in: $(cat "$WORK/stat.out")"
+
+# The exposition as a scraper sees it.
+curl -fsS -D "$WORK/headers" -o "$WORK/metrics" "http://127.0.0.1:$PORT/metrics" || fail "GET /metrics failed"
+grep -qi '^content-type: text/plain; version=0.0.4; charset=utf-8' "$WORK/headers" ||
+  fail "wrong content type: $(cat "$WORK/headers")"
+promtool check metrics <"$WORK/metrics" >"$WORK/promtool.out" 2>&1 ||
+  fail "promtool check metrics refused the exposition: $(cat "$WORK/promtool.out")"
+for table in "${WRITER_TABLES[@]}"; do
+  grep -q "^heron_writer_up{table=\"$table\"} 1$" "$WORK/metrics" || fail "no heron_writer_up 1 for $table"
+done
+
+# A Prometheus server of our own on a free port, scraping every second.
+cat >"$WORK/prometheus.yml" <<EOF
+global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+  evaluation_interval: 1s
+scrape_configs:
+  - job_name: heron-stat
+    static_configs:
+      - targets: ['127.0.0.1:$PORT']
+EOF
+promtool check config "$WORK/prometheus.yml" >/dev/null || fail "promtool refused the test's configuration"
+
+# A port is free until someone takes it: try a few.
+PROM_PORT=""
+for attempt in 1 2 3 4 5; do
+  port=$((20000 + RANDOM % 40000))
+  rm -rf "$WORK/tsdb"
+  prometheus --config.file="$WORK/prometheus.yml" --storage.tsdb.path="$WORK/tsdb" \
+    --web.listen-address="127.0.0.1:$port" --log.level=warn >"$WORK/prometheus.log" 2>&1 &
+  PROM_PID=$!
+  STARTED+=("$PROM_PID")
+  for ((i = 0; i < 600; i++)); do
+    if curl -fs "http://127.0.0.1:$port/-/ready" >/dev/null 2>&1; then
+      PROM_PORT=$port
+      break 2
+    fi
+    kill -0 "$PROM_PID" 2>/dev/null || break
+    sleep 0.1
+  done
+  kill -TERM "$PROM_PID" 2>/dev/null || true
+  wait "$PROM_PID" 2>/dev/null || true
+  grep -q 'address already in use' "$WORK/prometheus.log" || fail "prometheus did not start: $(cat "$WORK/prometheus.log")"
+done
+[[ -n $PROM_PORT ]] || fail "prometheus found no free port"
+
+# query EXPR: "TABLE VALUE" per series of an instant query.
+query() {
+  curl -fsS --get --data-urlencode "query=$1" "http://127.0.0.1:$PROM_PORT/api/v1/query" |
+    jq -r 'select(.status == "success") | .data.result[] | "\(.metric.table) \(.value[1])"' | sort
+}
+
+# until_query EXPR SECONDS CHECK: runs the query until CHECK (a function
+# reading its output) accepts it; the last answer is in $ANSWER.
+until_query() {
+  local expr=$1 limit=$(($2 * 4)) check=$3 i
+  for ((i = 0; i < limit; i++)); do
+    ANSWER=$(query "$expr" 2>/dev/null || true)
+    "$check" <<<"$ANSWER" && return 0
+    sleep 0.25
+  done
+  return 1
+}
+
+writers_up() {
+  local table answer
+  answer=$(cat)
+  for table in "${WRITER_TABLES[@]}"; do
+    grep -qx "$table 1" <<<"$answer" || return 1
+  done
+  grep -qx "archive/2025 0" <<<"$answer"
+}
+until_query heron_writer_up 60 writers_up || fail "heron_writer_up from prometheus: '$ANSWER'"
+
+# Each demo writer appends RATE notifications a second; once Prometheus holds
+# a full 5 s window of one-second scrapes (before that, rate() extrapolates
+# from a partial window and reads low), its rate must say so within 25 %.
+window_full() {
+  local table answer
+  answer=$(cat)
+  for table in "${WRITER_TABLES[@]}"; do
+    awk -v t="$table" '$1 == t && $2 >= 6 {found = 1} END {exit !found}' <<<"$answer" || return 1
+  done
+}
+until_query 'count_over_time(heron_queue_sequence_total[7s])' 60 window_full ||
+  fail "prometheus did not collect 7 s of scrapes: '$ANSWER'"
+rates_match() {
+  local table value answer
+  answer=$(cat)
+  for table in "${WRITER_TABLES[@]}"; do
+    value=$(awk -v t="$table" '$1 == t {print $2}' <<<"$answer")
+    [[ -n $value ]] || return 1
+    awk -v v="$value" -v r="$RATE" 'BEGIN {exit !(v >= 0.75 * r && v <= 1.25 * r)}' || return 1
+  done
+}
+until_query 'rate(heron_queue_sequence_total[5s])' 10 rates_match ||
+  fail "rate(heron_queue_sequence_total[5s]) from prometheus, expected about $RATE/s: '$ANSWER'"
+
+stop_pid "$PROM_PID" || fail "prometheus did not stop cleanly"
+status=0
+stop_pid "$STAT_PID" || status=$?
+[[ $status -eq 0 ]] || fail "heron-stat --listen ended with $status on SIGTERM: $(cat "$WORK/stat.err")"
+[[ ! -s $WORK/stat.err ]] || fail "heron-stat wrote to standard error: $(cat "$WORK/stat.err")"
+echo PASS

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# heron-stat under strace in every mode against a live table: table files
+# are opened read-only and mapped read-only, and nothing is created, renamed
+# or removed under the root.
+source "$(dirname "$0")/sim_lib/common.sh"
+STAT=$BIN/heron-stat
+command -v strace >/dev/null || fail "strace is not installed (scripts/install-deps.sh installs it)"
+
+"$SIM" create traced >/dev/null
+start_writer traced --rate 5000 --region-every 50
+start_shadow traced
+sleep 0.3
+root=$(cd "$HERON_ROOT" && pwd -P)
+listing() { (cd "$root" && find . -path ./traced/region.\* -prune -o -print | sort); }
+before=$(listing)
+
+check() {
+  local log=$WORK/strace.log status=0
+  strace -f -y -e trace=open,openat,mmap,creat,mkdir,mkdirat,rename,renameat,renameat2,unlink,unlinkat,link,linkat,truncate,ftruncate,symlink,symlinkat \
+    -o "$log" "$@" >"$WORK/out.txt" 2>&1 || status=$?
+  [[ $status -eq 0 || $status -eq 2 ]] || fail "$* exited with $status: $(head -5 "$WORK/out.txt")"
+  local bad
+  bad=$(grep -F "$root/" "$log" | grep -E '^[0-9]+ +open(at)?\(' | grep -E 'O_WRONLY|O_RDWR|O_CREAT|O_TRUNC|O_APPEND' || true)
+  [[ -z $bad ]] || fail "$* opened a table file for writing: $bad"
+  bad=$(grep -F "$root/" "$log" | grep -E '^[0-9]+ +mmap\(' | grep -v 'PROT_READ, MAP_SHARED' || true)
+  [[ -z $bad ]] || fail "$* mapped a table file other than read-only and shared: $bad"
+  bad=$(grep -F "$root" "$log" | grep -E '^[0-9]+ +(creat|mkdir|mkdirat|rename|renameat2?|unlink|unlinkat|link|linkat|truncate|ftruncate|symlink|symlinkat)\(' || true)
+  [[ -z $bad ]] || fail "$* changed the root: $bad"
+  grep -F "$root/traced/relay.1" "$log" | grep -q 'O_RDONLY' || fail "$* did not read relay.1: $(head -3 "$WORK/out.txt")"
+  grep -F "$root/traced/quarry" "$log" | grep -E '^[0-9]+ +mmap\(' | grep -q 'PROT_READ' || fail "$* did not map quarry"
+  [[ $(listing) == "$before" ]] || fail "$* left files under the root: $(diff <(echo "$before") <(listing))"
+  echo "$*: $(grep -cF "$root/" "$log") calls on table files, none writable"
+}
+
+check "$STAT" -i 0
+check "$STAT" -i 0.2 traced
+check "$STAT" --json -i 0.2
+check "$STAT" --prometheus
+check "$STAT" --prometheus -o "$WORK/heron.prom"
+check "$STAT" --check
+check "$STAT" --no-clients -i 0
+check "$STAT" --all-roots -i 0
+check timeout --preserve-status -s INT 2 "$STAT" --watch -i 0.5
+check timeout --preserve-status -s INT 2 "$STAT" --watch --json -i 0.5
+echo PASS

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# heron-stat run as an unprivileged user (setpriv) cannot read other users'
+# memory maps: the clients of a table with a writer and a shadow show as
+# unknown, never as none, and the writer is still judged alive by its pid.
+source "$(dirname "$0")/sim_lib/common.sh"
+[[ $(id -u) -eq 0 ]] || { echo "SKIP: needs root to switch to an unprivileged user"; exit 0; }
+command -v setpriv >/dev/null || fail "setpriv is not installed (util-linux)"
+command -v jq >/dev/null || fail "jq is not installed"
+
+"$SIM" create watched >/dev/null
+start_writer watched --rate 1000
+start_shadow watched
+sleep 0.2
+# The checkout may live under a directory the user cannot enter: run a copy.
+chmod 755 "$WORK"
+mkdir -p "$WORK/bin"
+cp "$BIN/heron-stat" "$WORK/bin/"
+chmod -R a+rX "$WORK/bin" "$HERON_ROOT"
+as_nobody() { setpriv --reuid 65534 --regid 65534 --clear-groups "$WORK/bin/heron-stat" "$@"; }
+
+# As root first: the walk sees both.
+[[ $("$BIN/heron-stat" --json -i 0 | jq -r '.tables[0].clients.shadows | length') == 1 ]] ||
+  fail "as root the shadow is not seen"
+
+json=$(as_nobody --json -i 0) || fail "heron-stat as nobody failed"
+[[ $(jq -r '.tables[0].clients.known' <<<"$json") == false ]] || fail "clients known as nobody: $json"
+[[ $(jq -r '.tables[0].clients.shadows' <<<"$json") == null ]] || fail "shadows not null as nobody: $json"
+[[ $(jq -r '.tables[0].writer.alive' <<<"$json") == true ]] || fail "writer not alive as nobody: $json"
+[[ $(jq -r '.tables[0].state' <<<"$json") == ok ]] || fail "state as nobody: $(jq -r '.tables[0].state' <<<"$json")"
+line=$(as_nobody -i 0 | sed -n 2p)
+[[ $(awk '{print $6}' <<<"$line") == '?' ]] || fail "the text view does not show unknown shadows: $line"
+if as_nobody --prometheus | grep -q '^heron_table_shadows{'; then
+  fail "a shadow count was exported as nobody"
+fi
+echo "as nobody: $line"
+echo PASS

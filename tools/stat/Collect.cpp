@@ -1,0 +1,504 @@
+// The collectors. Each table is read through the runtime's readers: the
+// owner file and the ember (pread), the queue reader (both headers, mapped
+// read-only) and the region reader (allocator file and region files, mapped
+// read-only); the processes attached come from HeronClientScanner's /proc
+// walk, made once per sample.
+#include "Collect.h"
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <unordered_set>
+
+#include "Beacon/Platform.h"
+#include "Beacon/Util.h"
+#include "HeronClientScanner.h"
+#include "Mem/RootPath.h"
+#include "Mem/TableFinder.h"
+#include "Quarry/QuarryReader.h"
+#include "Quarry/Region.h"
+#include "SharedMem/Ember.h"
+#include "SharedMem/OwnerFile.h"
+#include "readers/RelayHelperScanner.h"
+
+namespace Stat {
+
+namespace {
+
+constexpr double kNsPerSecond = 1e9;
+
+Beacon::Platform::DebugHandler& handler() {
+  static std::shared_ptr<Beacon::Platform::DebugHandler> instance =
+      Beacon::Platform::getDebugHandler("HeronStat", false);
+  return *instance;
+}
+
+double seconds(std::uint64_t ns) { return static_cast<double>(ns) / kNsPerSecond; }
+
+std::string fixedText(const char* field, std::size_t size) { return std::string(field, ::strnlen(field, size)); }
+
+// Why a small header file could not be loaded: asked only once loading
+// failed, so the common road costs nothing extra.
+std::string fileTrouble(const std::string& path, std::size_t headerSize) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) {
+    return std::strerror(errno);
+  }
+  if (!S_ISREG(st.st_mode)) {
+    return "not a regular file";
+  }
+  if (static_cast<std::size_t>(st.st_size) < headerSize) {
+    return std::to_string(st.st_size) + " bytes, shorter than its " + std::to_string(headerSize) + "-byte header";
+  }
+  return "cannot be read";
+}
+
+std::string loadTrouble(SharedMem::LoadStatus status, const std::string& path, std::size_t headerSize) {
+  switch (status) {
+    case SharedMem::LoadStatus::Corrupt:
+      return "bad magic";
+    case SharedMem::LoadStatus::Incompatible:
+      return "unsupported version";
+    default:
+      return fileTrouble(path, headerSize);
+  }
+}
+
+// Lets a reader's own complaint on standard error become the table's
+// reason instead of reaching the terminal.
+class CaptureErrors {
+ public:
+  CaptureErrors() : saved_(std::cerr.rdbuf(text_.rdbuf())) {}
+  ~CaptureErrors() { std::cerr.rdbuf(saved_); }
+  CaptureErrors(const CaptureErrors&) = delete;
+  CaptureErrors& operator=(const CaptureErrors&) = delete;
+  // The first line said, without its line end.
+  std::string firstLine() const {
+    std::string all = text_.str();
+    return all.substr(0, all.find('\n'));
+  }
+
+ private:
+  std::ostringstream text_;
+  std::streambuf* saved_;
+};
+
+// The region reader, asked for figures instead of a printed report.
+class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
+ public:
+  AllocatorReader(const Mem::RootPath& root) : QuarryScannerBase(handler(), root, std::string()) {}
+
+  // Fills `out` from the allocator file and every region; each file that
+  // cannot be used adds a line to `errors`. False when the allocator file
+  // itself is unusable.
+  bool read(Allocator& out, std::vector<std::string>& errors) {
+    std::string error;
+    if (!noMapReader_.open(root_.fullPath(Quarry::kQuarryFileName), error)) {
+      errors.push_back(error);
+      return false;
+    }
+    if (!initialize()) {
+      errors.push_back(root_.fullPath(Quarry::kQuarryFileName) + ": cannot be used");
+      return false;
+    }
+    attachRegions();
+    Quarry::RegionSnapshot copy;
+    out.regions.reserve(regions_.size());
+    for (const auto& entry : regions_) {
+      const Quarry::RegionScanner& region = *entry.second;
+      region.snapshot(copy, 0, kCopyAttempts);
+      const Quarry::RegionHeader& header = region.header();
+      Region row;
+      row.id = entry.first;
+      row.entrySize = header.unitSize;
+      row.units = header.unitCount;
+      row.used = std::min(copy.usedUnits, header.unitCount);
+      row.freePages = region.numFreePages(copy);
+      row.consistent = copy.consistent;
+      out.bytes += static_cast<std::uint64_t>(row.units) * row.entrySize;
+      out.usedBytes += static_cast<std::uint64_t>(row.used) * row.entrySize;
+      out.freePages += row.freePages;
+      out.regions.push_back(row);
+    }
+    std::sort(out.regions.begin(), out.regions.end(), [](const Region& a, const Region& b) { return a.id < b.id; });
+    for (const Region& row : out.regions) {
+      // used/units compared exactly; the lower id wins a tie.
+      if (!out.fullest || static_cast<std::uint64_t>(row.used) * out.fullest->units >
+                              static_cast<std::uint64_t>(out.fullest->used) * row.units) {
+        out.fullest = row;
+      }
+    }
+    for (const Quarry::BadRegion& bad : badRegions_) {
+      errors.push_back(root_.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
+    }
+    Quarry::QuarryHeader counters{};
+    noMapReader_.copy(counters);
+    out.allocations = counters.allocations;
+    out.releases = counters.releases;
+    out.known = true;
+    return true;
+  }
+};
+
+void readOwner(Table& table) {
+  SharedMem::OwnerFile owner(handler(), Mem::RootPath(table.identity.path), false);
+  SharedMem::OwnerFile::Header header{};
+  if (!owner.header(header)) {
+    const std::string path = table.identity.path + "/owner";
+    table.fileErrors.push_back(path + ": " + loadTrouble(owner.status(), path, sizeof header));
+    return;
+  }
+  Identity& id = table.identity;
+  id.ownerKnown = true;
+  id.type = header.sharedMemType;
+  id.typeName = fixedText(header.typeName, sizeof header.typeName);
+  id.creatorPid = header.ownerPid;
+  id.createdSeconds = seconds(header.createdNs);
+  id.host = fixedText(header.hostname, sizeof header.hostname);
+}
+
+void readEmber(Table& table) {
+  SharedMem::EmberHeader ember{};
+  const Mem::RootPath root(table.identity.path);
+  const SharedMem::LoadStatus status = SharedMem::readEmber(root, ember);
+  if (status != SharedMem::LoadStatus::Ok) {
+    const std::string path = root.fullPath("ember");
+    struct stat st {};
+    // No ember: no writer has started on this table yet. Not a damaged file.
+    if (status == SharedMem::LoadStatus::NotReady && ::lstat(path.c_str(), &st) != 0 && errno == ENOENT) {
+      return;
+    }
+    table.fileErrors.push_back(path + ": " + loadTrouble(status, path, sizeof ember));
+    return;
+  }
+  Writer& writer = table.writer;
+  writer.known = true;
+  writer.pid = ember.writerPid;
+  writer.emberPid = ember.current.pid;
+  writer.instance = ember.current.instanceId;
+  writer.restarts = ember.restarts;
+  writer.startedSeconds = seconds(ember.startedNs);
+  if (ember.heartbeatMonoNs != 0) {
+    const std::uint64_t now = SharedMem::monoNs();
+    writer.heartbeatAgeSeconds = now > ember.heartbeatMonoNs ? seconds(now - ember.heartbeatMonoNs) : 0.0;
+    writer.monotonicHeartbeat = true;
+  } else {
+    const std::uint64_t now = SharedMem::nowNs();
+    writer.heartbeatAgeSeconds = now > ember.heartbeatNs ? seconds(now - ember.heartbeatNs) : 0.0;
+  }
+}
+
+void readQueues(Table& table) {
+  const Mem::RootPath root(table.identity.path);
+  Heron::RelayHelperScanner relay(handler(), root, false);
+  bool ready = false;
+  std::string said;
+  try {
+    CaptureErrors capture;
+    ready = relay.initialize();
+    said = capture.firstLine();
+  } catch (const std::exception& error) {
+    said = error.what();
+  }
+  if (!ready) {
+    if (said.empty()) {
+      for (const char* file : {"relay.1", "relay.2"}) {
+        const std::string path = root.fullPath(file);
+        const std::string trouble = fileTrouble(path, Heron::RelayHelperScanner::kHeaderSize);
+        if (trouble != "cannot be read") {
+          said = path + ": " + trouble;
+          break;
+        }
+      }
+    }
+    table.fileErrors.push_back(said.empty() ? root.fullPath("relay.1") + ": cannot be used" : said);
+    return;
+  }
+  const Heron::RelayHelperScanner::Header primary = relay.header(Heron::RelayHelperScanner::PRIMARY);
+  const Heron::RelayHelperScanner::Header secondary = relay.header(Heron::RelayHelperScanner::SECONDARY);
+  Queues& queues = table.queues;
+  queues.known = true;
+  queues.active = primary.currentTable != 0 ? 2 : 1;
+  queues.tableVersion = primary.tableVersion;
+  queues.sequence = primary.latestWriterSequence;
+  const Heron::RelayHelperScanner::Header* headers[2] = {&primary, &secondary};
+  for (unsigned i = 0; i < 2; ++i) {
+    queues.tables[i].capacity = headers[i]->notifications.value;
+    queues.tables[i].position = headers[i]->currentPos;
+    queues.tables[i].epoch = primary.epoch[i];
+  }
+  const QueueTable& active = queues.tables[queues.active - 1];
+  queues.fillRatio =
+      active.capacity == 0 ? 0.0 : static_cast<double>(std::min(active.position, active.capacity)) / active.capacity;
+}
+
+void readAllocator(Table& table) {
+  AllocatorReader reader{Mem::RootPath(table.identity.path)};
+  reader.read(table.allocator, table.fileErrors);
+}
+
+// True when the kernel still has a process with that pid (one we may not
+// signal counts too).
+bool pidExists(std::uint32_t pid) {
+  if (pid == 0 || pid > 0x7FFFFFFFU) {
+    return false;
+  }
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
+
+// A zombie (killed, not yet reaped) is not a live writer.
+bool isZombie(std::uint32_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const std::size_t close = text.rfind(')');
+  return close != std::string::npos && close + 2 < text.size() && (text[close + 2] == 'Z' || text[close + 2] == 'X');
+}
+
+// Every process's maps can be read only as root or with CAP_SYS_PTRACE.
+bool seesEveryProcess() {
+  if (::geteuid() == 0) {
+    return true;
+  }
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.compare(0, 7, "CapEff:") == 0) {
+      const unsigned long long caps = std::strtoull(line.c_str() + 7, nullptr, 16);
+      return ((caps >> 19) & 1U) != 0;  // CAP_SYS_PTRACE
+    }
+  }
+  return false;
+}
+
+bool matches(const std::string& expr, const std::string& name) {
+  if (expr.empty()) {
+    return true;
+  }
+  if (expr.find_first_of("*?[") != std::string::npos) {
+    return ::fnmatch(expr.c_str(), name.c_str(), 0) == 0;
+  }
+  return name.compare(0, expr.size(), expr) == 0;
+}
+
+bool listedType(std::uint32_t type) { return type == SharedMem::Table || type == SharedMem::Archive; }
+
+}  // namespace
+
+Sample collect(const CollectOptions& options) {
+  Sample sample;
+  const std::uint64_t startMono = SharedMem::monoNs();
+  sample.timeSeconds = seconds(SharedMem::nowNs());
+  sample.monotonicSeconds = seconds(startMono);
+  Beacon::Util::tolerateShrinkingMappings();
+
+  const Mem::OrbRootPath rootPath(handler(), std::string(), false);
+  sample.root = rootPath.path();
+  struct stat rootStatus {};
+  if (::stat(sample.root.c_str(), &rootStatus) != 0 || !S_ISDIR(rootStatus.st_mode)) {
+    sample.problems.push_back({Severity::Warning, "collection root " + sample.root + " does not exist"});
+  }
+
+  Mem::TableFinder finder(handler(), rootPath);
+  finder.findOwned(options.expr.c_str());
+  std::vector<Table> tables;
+  std::unordered_set<std::string> paths;
+  auto addTable = [&](const std::string& name, const std::string& path) {
+    if (!paths.insert(path).second) {
+      return;
+    }
+    Table table;
+    table.identity.name = name;
+    table.identity.path = path;
+    readOwner(table);
+    if (table.identity.ownerKnown && !listedType(table.identity.type)) {
+      return;  // a plain segment or another kind of directory: not a table
+    }
+    readEmber(table);
+    tables.push_back(std::move(table));
+  };
+  for (const std::string& name : finder.matches()) {
+    addTable(name, name.front() == '/' ? name : rootPath.fullPath(name));
+  }
+
+  // The walk comes after the embers were read: a writer named there that
+  // started before the walk is seen mapping its table.
+  Heron::HeronClientScanner::TableToInfoMap mapped;
+  if (options.walkProcesses) {
+    std::ostream discard(nullptr);
+    const Heron::HeronClientScanner scanner(&discard, rootPath, "");
+    mapped = scanner.extractMmapInfoByTable();
+    sample.clientsWalked = true;
+    if (options.allRoots) {
+      std::vector<std::string> outside;
+      const std::string prefix = sample.root + "/";
+      for (const auto& group : mapped) {
+        if (group.first.compare(0, prefix.size(), prefix) != 0 && matches(options.expr, group.first)) {
+          outside.push_back(group.first);
+        }
+      }
+      std::sort(outside.begin(), outside.end());
+      for (const std::string& path : outside) {
+        addTable(path, path);
+      }
+    }
+    const bool complete = seesEveryProcess();
+    const int self = static_cast<int>(::getpid());
+    for (Table& table : tables) {
+      table.clients.known = complete;
+      auto found = mapped.find(table.identity.path);
+      if (found == mapped.end()) {
+        continue;
+      }
+      Heron::Model::HeronTable model(table.identity.name);
+      bool writerFound = false;
+      std::unordered_set<int> shadowPids;
+      for (const Heron::MmapInfo& info : found->second) {
+        if (info.pid != self) {
+          scanner.categorizeClient(info, model, writerFound, shadowPids);
+        }
+      }
+      for (const Heron::Model::HeronClient& client : model.clients.at(Heron::Writer)) {
+        table.clients.writers.push_back(client.pid);
+      }
+      for (const Heron::Model::HeronClient& client : model.clients.at(Heron::Shadow)) {
+        table.clients.shadows.push_back(client.pid);
+      }
+      std::sort(table.clients.shadows.begin(), table.clients.shadows.end());
+    }
+  }
+
+  for (Table& table : tables) {
+    Writer& writer = table.writer;
+    if (writer.known) {
+      writer.alive = pidExists(writer.pid) ? Seen::Yes : Seen::No;
+      if (writer.alive == Seen::Yes && options.walkProcesses && isZombie(writer.pid)) {
+        writer.alive = Seen::No;
+      }
+      if (writer.alive == Seen::Yes && table.clients.known) {
+        writer.mapsTable = Seen::No;
+        auto found = mapped.find(table.identity.path);
+        if (found != mapped.end()) {
+          for (const Heron::MmapInfo& info : found->second) {
+            if (static_cast<std::uint32_t>(info.pid) == writer.pid && info.permissions.compare(0, 2, "rw") == 0) {
+              writer.mapsTable = Seen::Yes;
+            }
+          }
+        }
+      }
+    }
+    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
+    readQueues(table);
+    readAllocator(table);
+  }
+  std::sort(tables.begin(), tables.end(),
+            [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
+  if (tables.empty() && !options.expr.empty()) {
+    sample.problems.push_back({Severity::Warning, "no table matches '" + options.expr + "'"});
+  }
+  sample.tables = std::move(tables);
+  sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
+  return sample;
+}
+
+void deriveRates(const Sample& before, Sample& after) {
+  after.intervalSeconds = after.monotonicSeconds - before.monotonicSeconds;
+  for (Table& table : after.tables) {
+    auto earlier = std::find_if(before.tables.begin(), before.tables.end(),
+                                [&](const Table& candidate) { return candidate.identity.path == table.identity.path; });
+    if (earlier == before.tables.end()) {
+      continue;
+    }
+    const double elapsed = table.readMonotonicSeconds - earlier->readMonotonicSeconds;
+    if (elapsed <= 0) {
+      continue;
+    }
+    if (table.queues.known && earlier->queues.known && table.queues.sequence >= earlier->queues.sequence) {
+      Queues& queues = table.queues;
+      queues.ratePerSecond = static_cast<double>(queues.sequence - earlier->queues.sequence) / elapsed;
+      const QueueTable& active = queues.tables[queues.active - 1];
+      if (*queues.ratePerSecond > 0) {
+        const std::uint32_t left = active.capacity > active.position ? active.capacity - active.position : 0;
+        queues.secondsToSwitch = left / *queues.ratePerSecond;
+      }
+    }
+    const Allocator& was = earlier->allocator;
+    Allocator& now = table.allocator;
+    if (now.known && was.known && now.allocations >= was.allocations && now.releases >= was.releases) {
+      now.allocationsPerSecond = static_cast<double>(now.allocations - was.allocations) / elapsed;
+      now.releasesPerSecond = static_cast<double>(now.releases - was.releases) / elapsed;
+    }
+  }
+}
+
+void assess(Sample& sample, const Thresholds& thresholds) {
+  for (Table& table : sample.tables) {
+    table.problems.clear();
+    table.state = State::Ok;
+    auto raise = [&table](State state) { table.state = std::max(table.state, state); };
+    for (const std::string& error : table.fileErrors) {
+      table.problems.push_back({Severity::Critical, error});
+      raise(State::Broken);
+    }
+    const Writer& writer = table.writer;
+    const bool archive = table.identity.ownerKnown && table.identity.type == 3;
+    const bool writerGone = !writer.known || writer.alive == Seen::No;
+    if (archive && writerGone) {
+      // Kept without a writer by design.
+    } else if (!writer.known) {
+      if (table.identity.ownerKnown) {
+        table.problems.push_back({Severity::Critical, "no writer has started on this table (no ember)"});
+        raise(State::Dead);
+      }
+    } else if (writer.alive == Seen::No) {
+      table.problems.push_back({Severity::Critical, "writer " + std::to_string(writer.pid) + " is not running"});
+      raise(State::Dead);
+    } else if (writer.mapsTable == Seen::No) {
+      table.problems.push_back(
+          {Severity::Critical, "writer " + std::to_string(writer.pid) + " no longer maps the table"});
+      raise(State::Dead);
+    } else if (writer.heartbeatAgeSeconds && *writer.heartbeatAgeSeconds > thresholds.staleSeconds) {
+      table.problems.push_back({Severity::Warning, fmt::format("heartbeat {:.1f} s old (stale after {:g} s)",
+                                                               *writer.heartbeatAgeSeconds, thresholds.staleSeconds)});
+      raise(State::Stale);
+    }
+    if (table.allocator.known) {
+      const double percent = table.allocator.occupancyRatio() * 100;
+      if (thresholds.critAllocPercent > 0 && percent >= thresholds.critAllocPercent) {
+        table.problems.push_back({Severity::Critical, fmt::format("allocator {:.0f}% full (critical at {:g}%)", percent,
+                                                                  thresholds.critAllocPercent)});
+      } else if (percent >= thresholds.warnAllocPercent) {
+        table.problems.push_back({Severity::Warning, fmt::format("allocator {:.0f}% full (warning at {:g}%)", percent,
+                                                                 thresholds.warnAllocPercent)});
+      }
+    }
+  }
+}
+
+const char* stateName(State state) {
+  switch (state) {
+    case State::Ok:
+      return "ok";
+    case State::Stale:
+      return "stale";
+    case State::Dead:
+      return "dead";
+    case State::Broken:
+      return "broken";
+  }
+  return "broken";
+}
+
+const char* severityName(Severity severity) { return severity == Severity::Critical ? "critical" : "warning"; }
+
+}  // namespace Stat

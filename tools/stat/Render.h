@@ -1,0 +1,46 @@
+// The renderers: one per output format, each over the same Sample.
+#pragma once
+
+#include <string>
+
+#include "Collect.h"
+#include "Model.h"
+
+namespace Stat {
+
+// The aligned table: a header line, one line per table, then the problems
+// (if any) after a blank line. Every text from a file is shown through
+// printable().
+std::string renderText(const Sample& sample);
+
+// One JSON document on one line, with a line end (NDJSON-ready). Keys are
+// stable and in snake_case; times are seconds as numbers; figures that could
+// not be read are null. Text is UTF-8 with every non-ASCII character
+// escaped; bytes that are not UTF-8 become U+FFFD.
+std::string renderJson(const Sample& sample);
+
+// Tenths under 10 s ("0.2s"), then whole seconds as "59s", "3m05s",
+// "2h01m" or "3d04h".
+std::string duration(double seconds);
+
+// The Prometheus text exposition format (version 0.0.4).
+std::string renderPrometheus(const Sample& sample);
+
+// A monitoring-plugin verdict: the text (first line "HERON <STATUS> -
+// summary | perfdata", then one line per problem) and the exit status
+// (0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN).
+struct Verdict {
+  int status = 3;
+  std::string text;
+};
+Verdict renderCheck(const Sample& sample, const Thresholds& thresholds);
+
+// Text from files made safe for a terminal: control characters (C0, DEL,
+// C1) and bytes that are not UTF-8 are shown as \xNN, a backslash as \\.
+std::string printable(const std::string& text);
+
+// `text` as valid UTF-8: every byte that is not part of a well-formed
+// sequence becomes U+FFFD.
+std::string validUtf8(const std::string& text);
+
+}  // namespace Stat

@@ -1,0 +1,146 @@
+// The default view: one aligned line per table, like ps or df.
+//
+//   TABLE         STATE  PID   BEAT  RESTARTS  SHADOWS  SEQUENCE  RATE/S  Q  FILL  SWITCH  ALLOC  FULLEST
+//   md/eu/quotes  ok     4711  0.1s         0        2    123456    1000  1   37%     12s    14%  #3 64B 72%
+//
+// "-" marks a figure that was not read or needs two samples; "?" a count
+// the /proc walk could not see (not root).
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "Render.h"
+
+namespace Stat {
+
+namespace {
+
+constexpr const char* kNone = "-";
+
+// Width on a terminal: UTF-8 continuation bytes take no column.
+std::size_t columns(const std::string& text) {
+  std::size_t width = 0;
+  for (unsigned char c : text) {
+    width += (c & 0xC0U) != 0x80U ? 1 : 0;
+  }
+  return width;
+}
+
+std::string age(const std::optional<double>& seconds) {
+  if (!seconds) {
+    return kNone;
+  }
+  if (*seconds < 100) {
+    return fmt::format("{:.1f}s", *seconds);
+  }
+  return duration(*seconds);
+}
+
+}  // namespace
+
+// Tenths under 10 s ("0.2s"), then whole seconds as "59s", "3m05s",
+// "2h01m", "3d04h".
+std::string duration(double seconds) {
+  if (seconds < 9.95) {
+    return fmt::format("{:.1f}s", std::max(0.0, seconds));
+  }
+  const auto whole = static_cast<unsigned long long>(std::llround(std::max(0.0, seconds)));
+  if (whole < 60) {
+    return fmt::format("{}s", whole);
+  }
+  if (whole < 3600) {
+    return fmt::format("{}m{:02}s", whole / 60, whole % 60);
+  }
+  if (whole < 86400) {
+    return fmt::format("{}h{:02}m", whole / 3600, whole % 3600 / 60);
+  }
+  return fmt::format("{}d{:02}h", whole / 86400, whole % 86400 / 3600);
+}
+
+namespace {
+
+std::string percent(double ratio) { return fmt::format("{:.0f}%", std::floor(ratio * 100)); }
+
+std::vector<std::string> row(const Table& table) {
+  const Writer& writer = table.writer;
+  const Queues& queues = table.queues;
+  const Allocator& allocator = table.allocator;
+  std::vector<std::string> cells;
+  cells.push_back(printable(table.identity.name));
+  cells.push_back(stateName(table.state));
+  cells.push_back(writer.known ? std::to_string(writer.pid) : kNone);
+  cells.push_back(writer.known ? age(writer.heartbeatAgeSeconds) : kNone);
+  cells.push_back(writer.known ? std::to_string(writer.restarts) : kNone);
+  cells.push_back(table.clients.known ? std::to_string(table.clients.shadows.size()) : "?");
+  cells.push_back(queues.known ? std::to_string(queues.sequence) : kNone);
+  cells.push_back(queues.ratePerSecond ? fmt::format("{:.0f}", *queues.ratePerSecond) : kNone);
+  cells.push_back(queues.known ? std::to_string(queues.active) : kNone);
+  cells.push_back(queues.known ? percent(queues.fillRatio) : kNone);
+  cells.push_back(queues.secondsToSwitch ? duration(*queues.secondsToSwitch) : kNone);
+  cells.push_back(allocator.known ? percent(allocator.occupancyRatio()) : kNone);
+  cells.push_back(allocator.fullest ? fmt::format("#{} {}B {}", allocator.fullest->id, allocator.fullest->entrySize,
+                                                  percent(allocator.fullest->occupancyRatio()))
+                                    : kNone);
+  return cells;
+}
+
+}  // namespace
+
+std::string renderText(const Sample& sample) {
+  static const std::vector<std::string> kHeader = {"TABLE",   "STATE",    "PID",    "BEAT", "RESTARTS",
+                                                   "SHADOWS", "SEQUENCE", "RATE/S", "Q",    "FILL",
+                                                   "SWITCH",  "ALLOC",    "FULLEST"};
+  // Name, state and the fullest region are left-aligned; figures right.
+  auto leftAligned = [](std::size_t column) { return column <= 1 || column + 1 == kHeader.size(); };
+  std::vector<std::vector<std::string>> rows;
+  rows.push_back(kHeader);
+  for (const Table& table : sample.tables) {
+    rows.push_back(row(table));
+  }
+  std::vector<std::size_t> widths(kHeader.size(), 0);
+  for (const auto& cells : rows) {
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      widths[i] = std::max(widths[i], columns(cells[i]));
+    }
+  }
+  std::string out;
+  for (const auto& cells : rows) {
+    std::string line;
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+      const std::string pad(widths[i] - columns(cells[i]), ' ');
+      if (i != 0) {
+        line += "  ";
+      }
+      line += leftAligned(i) ? cells[i] + pad : pad + cells[i];
+    }
+    while (!line.empty() && line.back() == ' ') {
+      line.pop_back();
+    }
+    out += line;
+    out += '\n';
+  }
+  if (sample.tables.empty()) {
+    out += "(no tables under " + printable(sample.root) + ")\n";
+  }
+  bool first = true;
+  auto problemLine = [&out, &first](const Problem& problem, const std::string& where) {
+    if (first) {
+      out += '\n';
+      first = false;
+    }
+    out += fmt::format("{:<8}  {}{}\n", severityName(problem.severity), where, printable(problem.text));
+  };
+  for (const Problem& problem : sample.problems) {
+    problemLine(problem, "");
+  }
+  for (const Table& table : sample.tables) {
+    for (const Problem& problem : table.problems) {
+      problemLine(problem, printable(table.identity.name) + ": ");
+    }
+  }
+  return out;
+}
+
+}  // namespace Stat

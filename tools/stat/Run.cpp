@@ -1,0 +1,209 @@
+// The main loop: sample, derive, assess, render, write; again every interval
+// with --watch, once per scrape with --listen.
+#include <fmt/format.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <ctime>
+#include <iostream>
+
+#include "Mem/RootPath.h"
+#include "Output.h"
+#include "Render.h"
+#include "Stat.h"
+#if __has_include("Server.h")
+#include "Server.h"
+#define HERON_STAT_SERVER 1
+#endif
+
+namespace Stat {
+
+namespace {
+
+double monotonicNow() {
+  struct timespec now {};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// Ctrl-C, SIGTERM and SIGHUP are blocked and waited for, so that a
+// signal ends a wait cleanly between two samples instead of cutting a
+// report short. They stay blocked until the process exits: a second signal
+// (Ctrl-C pressed twice, or `timeout`, which signals the child and then its
+// group) must not kill it while it ends with status 0.
+class StopSignals {
+ public:
+  StopSignals() {
+    ::sigemptyset(&set_);
+    for (int stop : {SIGINT, SIGTERM, SIGHUP}) {
+      ::sigaddset(&set_, stop);
+    }
+    ::sigprocmask(SIG_BLOCK, &set_, nullptr);
+  }
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+  // Waits until the monotonic time `until`; true when a signal came first.
+  bool waitUntil(double until) {
+    for (;;) {
+      const double left = until - monotonicNow();
+      if (left <= 0) {
+        return pending();
+      }
+      struct timespec timeout {};
+      timeout.tv_sec = static_cast<time_t>(left);
+      timeout.tv_nsec = static_cast<long>((left - std::floor(left)) * 1e9);
+      const int signal = ::sigtimedwait(&set_, nullptr, &timeout);
+      if (signal > 0) {
+        return true;
+      }
+    }
+  }
+  bool pending() {
+    struct timespec zero {};
+    return ::sigtimedwait(&set_, nullptr, &zero) > 0;
+  }
+
+ private:
+  sigset_t set_;
+};
+
+std::string render(const Options& options, Sample& sample) {
+  assess(sample, options.thresholds);
+  if (options.json) {
+    return renderJson(sample);
+  }
+  if (options.prometheus) {
+    return renderPrometheus(sample);
+  }
+  return renderText(sample);
+}
+
+// "heron-stat  /dev/shm/heron  every 1 s  2026-11-23 15:20:01 UTC"
+std::string watchTitle(const Options& options, const Sample& sample) {
+  const auto seconds = static_cast<std::time_t>(sample.timeSeconds);
+  struct tm utc {};
+  ::gmtime_r(&seconds, &utc);
+  char stamp[32] = {};
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S UTC", &utc);
+  return fmt::format("heron-stat  {}  every {:g} s  {}\n", printable(sample.root), options.interval, stamp);
+}
+
+class Emitter {
+ public:
+  explicit Emitter(const Options& options) : options_(options) {}
+  bool emit(const std::string& text) {
+    std::string error;
+    const bool ok =
+        options_.output.empty() ? writeAll(STDOUT_FILENO, text, error) : replaceFile(options_.output, text, error);
+    if (!ok) {
+      std::cerr << "heron-stat: cannot write the report: " << printable(error) << std::endl;
+    }
+    return ok;
+  }
+
+ private:
+  const Options& options_;
+};
+
+int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
+  const bool repaint = options.output.empty() && !options.json && !options.prometheus && ::isatty(STDOUT_FILENO) == 1;
+  const bool blocks = options.output.empty() && !options.json;
+  Sample previous;
+  bool first = true;
+  double next = monotonicNow();
+  for (;;) {
+    Sample sample = collect(options.collect);
+    if (!first) {
+      deriveRates(previous, sample);
+    }
+    std::string text = render(options, sample);
+    if (repaint) {
+      // Home, the frame with each line's rest cleared, then the rest of the
+      // screen cleared; the first frame clears the screen first.
+      std::string frame = first ? "\033[H\033[2J" : "\033[H";
+      const std::string body = watchTitle(options, sample) + text;
+      for (std::size_t at = 0; at < body.size();) {
+        const std::size_t end = body.find('\n', at);
+        frame.append(body, at, end - at);
+        frame += "\033[K\n";
+        at = end + 1;
+      }
+      frame += "\033[J";
+      text = frame;
+    } else if (blocks) {
+      text = (first ? "" : "\n") + watchTitle(options, sample) + text;
+    }
+    if (!emitter.emit(text)) {
+      return 1;
+    }
+    previous = std::move(sample);
+    first = false;
+    next += options.interval;
+    const double now = monotonicNow();
+    if (next < now) {
+      next = now;  // a sample took longer than the interval: no burst to catch up
+    }
+    if (signals.waitUntil(next)) {
+      return 0;
+    }
+  }
+}
+
+}  // namespace
+
+int run(const Options& options) {
+  ::signal(SIGPIPE, SIG_IGN);
+  if (!options.output.empty() && insideRoot(options.output, Mem::OrbRootPath::collectionRoot())) {
+    std::cerr << "heron-stat: refusing to write " << printable(options.output)
+              << " inside the collection root (see heron-stat --help)" << std::endl;
+    return 2;
+  }
+  if (!options.listen.empty()) {
+#ifdef HERON_STAT_SERVER
+    ListenAddress where;
+    std::string error;
+    if (!parseListenAddress(options.listen, where, error)) {
+      std::cerr << "heron-stat: " << printable(error) << " (see heron-stat --help)" << std::endl;
+      return 2;
+    }
+    return serve(
+        where,
+        [&options]() {
+          Sample sample = collect(options.collect);
+          assess(sample, options.thresholds);
+          return renderPrometheus(sample);
+        },
+        std::cout, std::cerr);
+#else
+    std::cerr << "heron-stat: --listen is not available in this build" << std::endl;
+    return 1;
+#endif
+  }
+  StopSignals signals;
+  Emitter emitter(options);
+  if (options.watch) {
+    return watch(options, signals, emitter);
+  }
+  Sample sample = collect(options.collect);
+  // Counters are raw in Prometheus text and a verdict needs no rates: both
+  // take one sample.
+  if (options.interval > 0 && !options.check && !options.prometheus) {
+    if (signals.waitUntil(sample.monotonicSeconds + options.interval)) {
+      return 130;
+    }
+    Sample later = collect(options.collect);
+    deriveRates(sample, later);
+    sample = std::move(later);
+  }
+  if (options.check) {
+    assess(sample, options.thresholds);
+    const Verdict verdict = renderCheck(sample, options.thresholds);
+    return emitter.emit(verdict.text) ? verdict.status : 3;
+  }
+  return emitter.emit(render(options, sample)) ? 0 : 1;
+}
+
+}  // namespace Stat

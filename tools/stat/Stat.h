@@ -1,0 +1,26 @@
+// heron-stat's settings, as the command line gives them, and its main loop.
+#pragma once
+
+#include <string>
+
+#include "Collect.h"
+
+namespace Stat {
+
+struct Options {
+  CollectOptions collect;
+  Thresholds thresholds;
+  double interval = 1;  // seconds; 0: one sample, no rates
+  bool watch = false;
+  bool json = false;
+  bool prometheus = false;
+  bool check = false;
+  bool noClients = false;
+  std::string listen;  // ADDR:PORT
+  std::string output;  // -o FILE
+};
+
+// Runs the command the options describe; returns the exit status.
+int run(const Options& options);
+
+}  // namespace Stat

@@ -1,0 +1,159 @@
+// heron-stat [OPTIONS] [EXPR]: every table's health, rates and capacity,
+// as a table, JSON, Prometheus text or a monitoring-plugin verdict.
+//
+// Exit status: 0 done (--watch ended by Ctrl-C included), 1 the report could
+// not be written (or the server could not bind), 2 usage error, and for
+// --check the verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "Stat.h"
+
+namespace {
+
+constexpr const char* kExamples = R"(Examples:
+  heron-stat                         every table of the root, rates over 1 s
+  heron-stat -i 0 'md/*'             the tables matching a glob, one sample, no rates
+  heron-stat --watch -i 2            refresh every 2 s until Ctrl-C
+  heron-stat --json | jq '.tables[] | {name, state}'
+  heron-stat --watch --json          one JSON document per line (NDJSON)
+  heron-stat --prometheus -o /var/lib/node_exporter/heron.prom
+  heron-stat --listen 127.0.0.1:9464 serve /metrics and /healthz
+  heron-stat --check --stale 10      a verdict for Nagios or Icinga
+
+States, worst first: broken (a file is missing or invalid), dead (the
+writer is gone or no longer maps the table), stale (its heartbeat is older
+than --stale), ok. An archive table (type 3) needs no writer.
+
+Exit status: 0 done, 1 output could not be written, 2 usage error; with
+--check 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
+The collection root is $HERON_ROOT, else /dev/shm/heron.)";
+
+// One line, no trailing blank: CLI11 messages may span lines.
+std::string oneLine(std::string text) {
+  for (char& c : text) {
+    if (c == '\n' || c == '\r') {
+      c = ' ';
+    }
+  }
+  while (!text.empty() && text.back() == ' ') {
+    text.pop_back();
+  }
+  return text;
+}
+
+// A number in [low, high] (low excluded when `lowOpen`), finite; CLI11's
+// own range messages print the whole double range.
+CLI::Validator numberIn(double low, double high, bool lowOpen, const std::string& what) {
+  return CLI::Validator(
+      [=](std::string& text) -> std::string {
+        char* end = nullptr;
+        errno = 0;
+        const double value = std::strtod(text.c_str(), &end);
+        const bool ok = !text.empty() && end != nullptr && *end == '\0' && errno == 0 && std::isfinite(value) &&
+                        (lowOpen ? value > low : value >= low) && value <= high;
+        return ok ? std::string() : "'" + text + "' is not " + what;
+      },
+      "", "number");
+}
+
+int usageError(const std::string& message) {
+  std::cerr << "heron-stat: " << oneLine(message) << " (see heron-stat --help)" << std::endl;
+  return 2;
+}
+
+int statMain(int argc, char** argv) {
+  Stat::Options options;
+  CLI::App app{
+      "heron-stat: every table's health, rates and capacity at a glance, live, as JSON, for Prometheus "
+      "and for alerting. Read-only, like heron.",
+      "heron-stat"};
+  app.footer(kExamples);
+  app.set_version_flag("--version", std::string("heron-stat ") + HERON_STAT_VERSION);
+  app.add_option("EXPR", options.collect.expr,
+                 "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix");
+  app.add_flag("--all-roots", options.collect.allRoots,
+               "Also show tables outside the root that any process maps (needs the /proc walk)");
+  app.add_flag("--no-clients", options.noClients,
+               "Skip the /proc walk: clients show as unknown, a writer is judged by its pid alone");
+  app.add_option("-i,--interval", options.interval,
+                 "Seconds between the two samples rates come from, and between --watch refreshes; 0: one sample, "
+                 "no rates")
+      ->check(numberIn(0, 1e6, false, "a number of seconds, 0 or more"))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_flag("-w,--watch", options.watch,
+               "Refresh every interval until Ctrl-C (repaints on a terminal, appends blocks otherwise)");
+  auto* json = app.add_flag("--json", options.json, "One JSON document per sample (NDJSON with --watch)");
+  auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
+  auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
+  auto* listen = app.add_option("--listen", options.listen,
+                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; port 0 picks one)");
+  listen->type_name("ADDR:PORT");
+  auto* output = app.add_option("-o,--output", options.output,
+                                "Write the report to FILE atomically (a temporary beside it, then renamed); never "
+                                "inside the collection root");
+  output->type_name("FILE");
+  app.add_option("--stale", options.thresholds.staleSeconds, "Seconds without a heartbeat after which a table is stale")
+      ->check(numberIn(0, 1e9, true, "a number of seconds above 0"))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_option("--warn-alloc", options.thresholds.warnAllocPercent,
+                 "WARNING when a table's allocator occupancy is at or over PCT percent")
+      ->check(numberIn(0, 100, false, "a percentage from 0 to 100"))
+      ->type_name("PCT")
+      ->capture_default_str();
+  app.add_option("--crit-alloc", options.thresholds.critAllocPercent,
+                 "CRITICAL when a table's allocator occupancy is at or over PCT percent (default: off)")
+      ->check(numberIn(0, 100, false, "a percentage from 0 to 100"))
+      ->type_name("PCT");
+  json->excludes(prometheus)->excludes(check)->excludes(listen);
+  prometheus->excludes(check)->excludes(listen);
+  check->excludes(listen);
+  listen->excludes(output);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    std::cout << app.help();
+    return std::cout.flush() ? 0 : 1;
+  } catch (const CLI::CallForVersion&) {
+    std::cout << app.version() << std::endl;
+    return std::cout ? 0 : 1;
+  } catch (const CLI::ParseError& error) {
+    return usageError(error.what());
+  }
+  if (!std::isfinite(options.interval) || !std::isfinite(options.thresholds.staleSeconds)) {
+    return usageError("--interval and --stale need finite numbers");
+  }
+  if (options.watch && (options.check || !options.listen.empty())) {
+    return usageError("--watch cannot be combined with --check or --listen");
+  }
+  if (options.watch && options.interval <= 0) {
+    return usageError("--watch needs an --interval above 0");
+  }
+  if (options.noClients && options.collect.allRoots) {
+    return usageError("--all-roots needs the /proc walk that --no-clients skips");
+  }
+  options.collect.walkProcesses = !options.noClients;
+  return Stat::run(options);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // An exception from a library (out of memory, a remap that failed) ends
+  // the run with one line, never with a signal.
+  try {
+    return statMain(argc, argv);
+  } catch (const std::exception& error) {
+    std::cerr << "heron-stat: " << oneLine(error.what()) << std::endl;
+  } catch (...) {
+    std::cerr << "heron-stat: unexpected error" << std::endl;
+  }
+  return 1;
+}
