@@ -6,12 +6,11 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ g++-multilib make
   libfmt-dev googletest libgtest-dev libbenchmark-dev
-  libcli11-dev libcpp-httplib-dev nlohmann-json3-dev
+  libcli11-dev libcpp-httplib-dev nlohmann-json3-dev pkg-config
   clang-tidy cppcheck clang-format
   psmisc lsof strace util-linux procps man-db
-  prometheus tmux
+  prometheus tmux curl jq
   qemu-user
-  libcli11-dev nlohmann-json3-dev pkg-config libcpp-httplib-dev curl prometheus tmux jq
 )
 
 missing=()
