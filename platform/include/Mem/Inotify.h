@@ -83,6 +83,8 @@ class InotifyMgr {
   // The instance of this process, opened on first use (again after a fork);
   // -1 when it cannot be opened. Called with mutex_ held.
   int instanceFd();
+  // Reads what the kernel holds into the subscribers' queues. Called with
+  // mutex_ held, on an instance this process owns.
   void drainLocked();
   static void queue(WatchDescriptor& descriptor, Event event);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 namespace Mem {
@@ -53,8 +54,11 @@ int InotifyMgr::add(const std::string& directory, WatchDescriptor& descriptor, u
     return -1;
   }
   // Events already queued belong to the watches that exist now; read them
-  // before a new subscriber could see them.
-  drainLocked();
+  // before a new subscriber of the same directory could see them. With no
+  // watch left, what is queued is for nobody and waits for the next read.
+  if (!subscribers_.empty()) {
+    drainLocked();
+  }
   const int wd = ::inotify_add_watch(fd, directory.c_str(), kWatchMask);
   if (wd < 0) {
     return -1;
@@ -97,12 +101,15 @@ void InotifyMgr::queue(WatchDescriptor& descriptor, Event event) {
 }
 
 void InotifyMgr::drainLocked() {
-  if (fd_ < 0 || ownerPid_ != static_cast<int>(::getpid())) {
+  if (fd_ < 0) {
     return;
   }
   alignas(struct inotify_event) char buffer[16384];
-  for (;;) {
-    const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+  // A read returns every queued event that fits; one that left room for
+  // the largest event emptied the queue, so no read is made to learn that.
+  constexpr std::size_t kLargestEvent = sizeof(struct inotify_event) + NAME_MAX + 1;
+  for (ssize_t n = sizeof buffer; static_cast<std::size_t>(n) > sizeof buffer - kLargestEvent;) {
+    n = ::read(fd_, buffer, sizeof buffer);
     if (n <= 0) {
       break;
     }
@@ -144,7 +151,8 @@ void InotifyMgr::drainLocked() {
 
 void InotifyMgr::take(WatchDescriptor& descriptor, unsigned generation, std::vector<Event>& out) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (generation == generation_) {
+  // An instance inherited through fork belongs to the parent: not read here.
+  if (generation == generation_ && ownerPid_ == static_cast<int>(::getpid())) {
     drainLocked();
   }
   out.swap(descriptor.pending_);
