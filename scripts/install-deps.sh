@@ -8,6 +8,7 @@ packages=(
   libfmt-dev googletest libgtest-dev libbenchmark-dev
   clang-tidy cppcheck clang-format
   psmisc lsof strace util-linux procps man-db
+  gnuplot-nox
   qemu-user
 )
 
