@@ -27,7 +27,7 @@ test-native: build
 test-asan:
 	@test -f $(ASAN_BUILD)/build.ninja || cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DHERON_SANITIZE=ON
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
-	ASAN_OPTIONS=detect_leaks=0 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS) --timeout 900 -LE bench
+	ASAN_OPTIONS=detect_leaks=0 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS) --timeout 900
 
 m32: deps
 	@test -f $(M32_BUILD)/build.ninja || cmake -S . -B $(M32_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_M32=ON
@@ -48,7 +48,7 @@ format:
 format-check:
 	clang-format --dry-run --Werror $(FORMAT_FILES)
 
-bench: build
+bench: deps build
 	bash bench/run.sh $(BUILD)
 
 demo: deps build

@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# Client discovery at scale: heron -A against the floor (bench/client_floor.c),
-# fuser and lsof, side by side in one run, with 100 and then 1,000 extra
-# processes whose maps files are 60-80 lines long (bench/client_mapper.c),
-# some attached to the two bench tables (one of them read-write).
+# Client discovery at scale: heron -A and heron -c PID against the floor
+# (bench/client_floor.c), fuser and lsof, side by side in one run, with
+# extra processes whose maps files are 60-80 lines long
+# (bench/client_mapper.c), some attached to the two bench tables (one of
+# them read-write).
 #
 #   bench/client.sh [BUILD_DIR] [RUNS]      (defaults: build, 7)
+#   SIZES="100 1000 10000"                  extra processes measured (default "100 1000")
+#   DATA=FILE                               also writes "size tool wall_ms cpu_ms" lines (medians)
 #
-# Prints the median wall time of RUNS runs of each tool at each size, the
-# ratio of each tool to the floor, and the growth from 100 to 1,000.
+# Prints the median wall and CPU time of RUNS runs of each tool at each
+# size, the ratio of each tool to the floor, and the growth from the first
+# size to the last.
 set -euo pipefail
 
 BUILD=${1:-build}
@@ -62,11 +66,13 @@ spawn() {
   sleep 1
 }
 
-TOOLS=(floor heron fuser lsof)
+read -r -a SIZES <<<"${SIZES:-100 1000}"
+TOOLS=(floor heron heron_c fuser lsof)
 command_of() {
   case $1 in
     floor) echo "$WORK/client_floor" ;;
     heron) echo "$BIN/heron -A" ;;
+    heron_c) echo "$BIN/heron -c ${PIDS[0]}" ;;
     fuser) echo "fuser $TABLE_FILE" ;;
     lsof) echo "lsof -t $TABLE_FILE" ;;
   esac
@@ -98,27 +104,42 @@ measure() {
   done
 }
 
-spawn 1 100
-lines=$(wc -l <"/proc/${PIDS[5]}/maps")
-echo "processes on the host: $(ls -d /proc/[0-9]* 2>/dev/null | wc -l) (100 extra; a bench client's maps has $lines lines)"
-measure 100
-spawn 101 1000
-echo "processes on the host: $(ls -d /proc/[0-9]* 2>/dev/null | wc -l) (1000 extra)"
-measure 1000
+spawned=0
+for size in "${SIZES[@]}"; do
+  spawn $((spawned + 1)) "$size"
+  spawned=$size
+  lines=$(wc -l <"/proc/${PIDS[5]}/maps")
+  echo "processes on the host: $(ls -d /proc/[0-9]* 2>/dev/null | wc -l) ($size extra; a bench client's maps has $lines lines)"
+  measure "$size"
+done
 
 # Sanity: heron lists every attached bench client.
 listed=$("$BIN/heron" -A 2>/dev/null | grep -A4 "^Heron table \"t1\"" | grep -o -- '-[0-9]*(' | wc -l)
-echo "heron -A lists $listed clients of t1 (expected 101: 1 writer, 100 shadows)"
+shadows=$(((spawned + 8) / 10))
+echo "heron -A lists $listed clients of t1 (expected $((shadows + 1)): 1 writer, $shadows shadows)"
 
+FIRST=${SIZES[0]}
+LAST=${SIZES[${#SIZES[@]} - 1]}
 report() {
   local -n table=$1
-  printf '\n%s\n%-10s %12s %12s %10s %14s\n' "$2" tool "100 (ms)" "1000 (ms)" growth "vs floor@1000"
+  local size tool
+  printf '\n%s\n%-10s' "$2" tool
+  for size in "${SIZES[@]}"; do printf ' %12s' "$size (ms)"; done
+  printf ' %10s %14s\n' growth "vs floor@$LAST"
   for tool in "${TOOLS[@]}"; do
-    a=${table[$tool,100]}
-    b=${table[$tool,1000]}
-    printf '%-10s %12s %12s %9.2fx %13.2fx\n' "$tool" "$a" "$b" "$(echo "$b / $a" | bc -l)" \
-      "$(echo "$b / ${table[floor,1000]}" | bc -l)"
+    printf '%-10s' "$tool"
+    for size in "${SIZES[@]}"; do printf ' %12s' "${table[$tool,$size]}"; done
+    printf ' %9.2fx %13.2fx\n' "$(echo "${table[$tool,$LAST]} / ${table[$tool,$FIRST]}" | bc -l)" \
+      "$(echo "${table[$tool,$LAST]} / ${table[floor,$LAST]}" | bc -l)"
   done
 }
 report WALL "Wall time, median of $RUNS interleaved rounds"
 report CPU "CPU time (user + system), median of $RUNS interleaved rounds"
+
+if [[ -n ${DATA:-} ]]; then
+  for size in "${SIZES[@]}"; do
+    for tool in "${TOOLS[@]}"; do
+      echo "$size $tool ${WALL[$tool,$size]} ${CPU[$tool,$size]}"
+    done
+  done >"$DATA"
+fi

@@ -10,6 +10,7 @@ packages=(
   clang-tidy cppcheck clang-format
   psmisc lsof strace util-linux procps man-db
   prometheus tmux curl jq
+  gnuplot-nox
   qemu-user
 )
 

@@ -3,17 +3,19 @@
 // reports.
 #include "HeronClientScanner.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <string_view>
 
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
@@ -51,14 +53,6 @@ unsigned countComponents(const std::string& path) {
 
 // The two bytes that mark a writer's mapping.
 bool isReadWrite(const std::string& permissions) { return permissions.compare(0, 2, "rw") == 0; }
-
-// False when `line` cannot name a heron file: neither name occurs in it.
-// Used to pass over such lines without tokenizing them, which is only done
-// while the per-line traces are off (they would show the skipped lines).
-bool mayNameHeronFile(const std::string& line) {
-  const char* text = line.data();
-  return ::memmem(text, line.size(), "relay.1", 7) != nullptr || ::memmem(text, line.size(), "ember", 5) != nullptr;
-}
 
 bool headerComplete(const Model::HeaderInfo& info) {
   constexpr std::uint64_t na = Model::HeaderInfo::kNotAvailable;
@@ -128,21 +122,6 @@ int HeronClientScanner::getFileType(const std::string& fileName) const {
   return -1;
 }
 
-bool HeronClientScanner::readNextMmap(Beacon::DirNode& directory, std::string& mapsPath) const {
-  for (;;) {
-    const struct dirent* entry = directory.readEntry();
-    if (entry == nullptr) {
-      return false;
-    }
-    mapsPath.clear();
-    fmt::format_to(std::back_inserter(mapsPath), "{}/{}/maps", directory.path(), entry->d_name);
-    struct stat64 status;
-    if (::stat64(mapsPath.c_str(), &status) == 0) {
-      return true;
-    }
-  }
-}
-
 // ---------------------------------------------------------------------------
 // Process identity
 
@@ -178,155 +157,360 @@ std::string HeronClientScanner::getProcNameForPid(const std::string& pidText) co
 
 namespace {
 
-// One maps file opened for line reading with a large buffer; the buffer must
-// outlive the stream, so both live here.
-struct MapsFile {
-  void open(const std::string& path) {
-    buffer.reset(new char[kMapsReadBuffer]);
-    stream.rdbuf()->pubsetbuf(buffer.get(), static_cast<std::streamsize>(kMapsReadBuffer));
-    stream.open(path, std::ios::in);
+// A descriptor owned until destruction.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
   }
-  std::unique_ptr<char[]> buffer;
-  std::ifstream stream;
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
 };
 
-// The pid, process name and open maps file of one /proc entry, the same for
-// both extraction forms. False, after the documented traces, when the entry
-// is not a process or the process is gone.
-bool openProcessMaps(const HeronClientScanner& scanner, const std::string& pidText, const std::string& mapsPath,
-                     long& pid, std::string& procName, MapsFile& file) {
+// How a maps file reaches the extraction: opened by the walk (or found but
+// not openable, fd -1), or only named (the single-file members open it).
+struct MapsSource {
+  const std::string& path;
+  bool opened;
+  int fd;
+};
+
+// The next entry of `directory` and "<directory>/<entry>/maps" in mapsPath
+// (stored before anything is tested); nullptr at the end.
+const struct dirent* nextMapsCandidate(Beacon::DirNode& directory, std::string& mapsPath) {
+  const struct dirent* entry = directory.readEntry();
+  if (entry != nullptr) {
+    mapsPath.clear();
+    fmt::format_to(std::back_inserter(mapsPath), "{}/{}/maps", directory.path(), entry->d_name);
+  }
+  return entry;
+}
+
+// The walk's step: like readNextMmap, the next entry that has a maps file,
+// but tested by opening it, so that the file is looked up once. A maps file
+// that exists but cannot be opened (another user's process) is returned
+// with fd -1, as the existence test would pass it. `pidText` gets the
+// entry's name: the pid token of mapsPath.
+bool openNextMaps(Beacon::DirNode& directory, std::string& mapsPath, std::string& pidText, int& fd) {
+  while (const struct dirent* entry = nextMapsCandidate(directory, mapsPath)) {
+    fd = ::open(mapsPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      struct stat64 status;
+      if (errno == ENOENT || errno == ENOTDIR || ::stat64(mapsPath.c_str(), &status) != 0) {
+        continue;
+      }
+    }
+    pidText.assign(entry->d_name);
+    return true;
+  }
+  return false;
+}
+
+// Reads maps files in large chunks into one buffer, kept from one file to
+// the next, and hands out their lines without copying them.
+class MapsReader {
+ public:
+  enum class Result { Read, ReadFailed };
+
+  // Calls onLine(line) in file order for every non-empty line when
+  // `everyLine`, else only for the lines that contain "relay.1" or "ember"
+  // (every line that can name a heron file does; most processes map none).
+  // A last line without a newline counts. onLine returns false to stop.
+  // ReadFailed when the first read fails; a later failure keeps what was
+  // read, as for a process that exits while its file is read.
+  template <typename OnLine>
+  Result forEachLine(int fd, bool everyLine, OnLine&& onLine) {
+    std::size_t kept = 0;  // an unfinished line, moved to the buffer's start
+    bool readAny = false;
+    for (;;) {
+      if (kept == buffer_.size()) {
+        buffer_.resize(buffer_.size() * 2);  // a line longer than the buffer
+      }
+      const ssize_t n = ::read(fd, buffer_.data() + kept, buffer_.size() - kept);
+      if (n < 0 && errno == EINTR) {
+        continue;
+      }
+      if (n < 0) {
+        return readAny ? Result::Read : Result::ReadFailed;
+      }
+      if (n == 0) {
+        if (kept != 0) {
+          onLine(std::string_view(buffer_.data(), kept));
+        }
+        return Result::Read;
+      }
+      readAny = true;
+      const char* begin = buffer_.data();
+      const std::size_t filled = kept + static_cast<std::size_t>(n);
+      const void* lastNewline = ::memrchr(begin + kept, '\n', static_cast<std::size_t>(n));
+      if (lastNewline == nullptr) {
+        kept = filled;
+        continue;
+      }
+      const char* complete = static_cast<const char*>(lastNewline) + 1;
+      const bool goOn = everyLine ? eachLine(begin, complete, onLine) : candidateLines(begin, complete, onLine);
+      if (!goOn) {
+        return Result::Read;
+      }
+      kept = filled - static_cast<std::size_t>(complete - begin);
+      std::memmove(buffer_.data(), complete, kept);
+    }
+  }
+
+  // Room for one line, reused from one line to the next.
+  std::string& line() { return line_; }
+
+ private:
+  // [begin, end) holds whole lines, the last one ending in '\n'.
+  template <typename OnLine>
+  static bool eachLine(const char* begin, const char* end, OnLine& onLine) {
+    while (begin < end) {
+      const char* newline = static_cast<const char*>(std::memchr(begin, '\n', static_cast<std::size_t>(end - begin)));
+      if (newline != begin && !onLine(std::string_view(begin, static_cast<std::size_t>(newline - begin)))) {
+        return false;
+      }
+      begin = newline + 1;
+    }
+    return true;
+  }
+
+  static const char* find(const char* from, const char* end, std::string_view needle) {
+    return static_cast<const char*>(::memmem(from, static_cast<std::size_t>(end - from), needle.data(), needle.size()));
+  }
+
+  template <typename OnLine>
+  static bool candidateLines(const char* begin, const char* end, OnLine& onLine) {
+    constexpr std::string_view relay = "relay.1";
+    constexpr std::string_view ember = "ember";
+    const char* from = begin;
+    const char* nextRelay = find(from, end, relay);
+    const char* nextEmber = find(from, end, ember);
+    while (nextRelay != nullptr || nextEmber != nullptr) {
+      const char* hit = nextRelay == nullptr   ? nextEmber
+                        : nextEmber == nullptr ? nextRelay
+                                               : std::min(nextRelay, nextEmber);
+      const void* before = ::memrchr(from, '\n', static_cast<std::size_t>(hit - from));
+      const char* start = before == nullptr ? from : static_cast<const char*>(before) + 1;
+      const char* newline = static_cast<const char*>(std::memchr(hit, '\n', static_cast<std::size_t>(end - hit)));
+      if (!onLine(std::string_view(start, static_cast<std::size_t>(newline - start)))) {
+        return false;
+      }
+      from = newline + 1;
+      if (nextRelay != nullptr && nextRelay < from) {
+        nextRelay = find(from, end, relay);
+      }
+      if (nextEmber != nullptr && nextEmber < from) {
+        nextEmber = find(from, end, ember);
+      }
+    }
+    return true;
+  }
+
+  std::vector<char> buffer_ = std::vector<char>(kMapsReadBuffer);
+  std::string line_;
+};
+
+// By process: the mappings of the scanner's own two files, compared by full
+// path, appended to one list.
+class ProcessForm {
+ public:
+  ProcessForm(const Beacon::Platform::DebugHandler& handler, const Mem::OrbRootPath& rootPath,
+              std::vector<MmapInfo>& out)
+      : handler_(handler),
+        rootPath_(rootPath),
+        targetPaths_{rootPath.fullPath(HeronClientScanner::heronFileTypes[0]),
+                     rootPath.fullPath(HeronClientScanner::heronFileTypes[1])},
+        out_(out) {}
+
+  void traceStart(const std::string& mapsPath) const {
+    if (handler_.enabled(5)) {
+      Beacon::fmtrace(handler_, 5, __FILE__, __func__, __LINE__, kClass,
+                      "Extracting mmap info for rootpath: {}, filePath: {}", rootPath_.path(), mapsPath);
+    }
+  }
+  // The file-type code of a mapped path; -1 when it is not one of ours.
+  int classify(const std::string& region, std::size_t& /*slash*/) const {
+    for (int code = 0; code < 2; ++code) {
+      if (region == targetPaths_[code]) {
+        return code;
+      }
+    }
+    return -1;
+  }
+  void add(int pid, const std::string& procName, std::string permissions, int code, const std::string& /*region*/,
+           std::size_t /*slash*/) {
+    out_.emplace_back(pid, procName, std::move(permissions), HeronClientScanner::heronFileTypes[code]);
+    if (handler_.enabled(9)) {
+      Beacon::fmtrace(handler_, 9, __FILE__, __func__, __LINE__, kClass, "Added: {}", out_.back().toTraceString());
+    }
+  }
+
+ private:
+  const Beacon::Platform::DebugHandler& handler_;
+  const Mem::OrbRootPath& rootPath_;
+  const std::string targetPaths_[2];
+  std::vector<MmapInfo>& out_;
+};
+
+// By table: the mappings of any "relay.1" or "ember", grouped by the
+// directory that holds the file.
+class TableForm {
+ public:
+  TableForm(const Beacon::Platform::DebugHandler& handler, const Mem::OrbRootPath& rootPath,
+            HeronClientScanner::TableToInfoMap& tables)
+      : handler_(handler), rootPath_(rootPath), tables_(tables) {}
+
+  void traceStart(const std::string& mapsPath) const {
+    if (handler_.enabled(5)) {
+      Beacon::fmtrace(handler_, 5, __FILE__, __func__, __LINE__, kClass,
+                      "Extracting mmap info by table for rootpath: {}, filePath: {}", rootPath_.path(), mapsPath);
+    }
+  }
+  // The classification of getFileType, on the last path component, in place.
+  int classify(const std::string& region, std::size_t& slash) const {
+    slash = region.rfind('/');
+    if (slash == std::string::npos) {
+      return -1;
+    }
+    for (int code = 0; code < 2; ++code) {
+      if (region.compare(slash + 1, std::string::npos, HeronClientScanner::heronFileTypes[code]) == 0) {
+        return code;
+      }
+    }
+    return -1;
+  }
+  void add(int pid, const std::string& procName, std::string permissions, int code, const std::string& region,
+           std::size_t slash) {
+    MmapInfo info(pid, procName, std::move(permissions), HeronClientScanner::heronFileTypes[code]);
+    if (handler_.enabled(9)) {
+      Beacon::fmtrace(handler_, 9, __FILE__, __func__, __LINE__, kClass, "adding to map: {}", info.toTraceString());
+    }
+    tables_[region.substr(0, slash)].push_back(std::move(info));
+  }
+
+ private:
+  const Beacon::Platform::DebugHandler& handler_;
+  const Mem::OrbRootPath& rootPath_;
+  HeronClientScanner::TableToInfoMap& tables_;
+};
+
+// One process's maps file, for either form. While traces are on, the steps
+// run in their documented order (the process name first, every line traced);
+// otherwise only lines that can name a heron file are tokenized and the
+// name is read from the exe link at the first line that names one, so that
+// processes without heron mappings cost one open and the reads of their
+// maps file.
+template <typename Form>
+void extractProcess(const HeronClientScanner& scanner, MapsReader& reader, Form& form, const std::string& pidText,
+                    const MapsSource& source) {
   const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
+  form.traceStart(source.path);
+  FileDescriptor opened(source.opened ? source.fd : -1);
   // errno is not cleared on purpose: a failure left by the directory walk
   // drops a non-numeric entry that follows it.
-  pid = std::strtol(pidText.c_str(), nullptr, 10);
+  const long pid = std::strtol(pidText.c_str(), nullptr, 10);
   if (pid == 0 && errno != 0) {
-    return false;
+    return;
   }
-  procName = scanner.getProcNameForPid(pidText);
-  if (procName.empty()) {
-    return false;
+  const bool traced = handler.enabled(5) || handler.enabled(9);
+  std::string procName;
+  bool named = false;
+  if (traced) {
+    procName = scanner.getProcNameForPid(pidText);
+    named = true;
+    if (procName.empty()) {
+      return;
+    }
   }
-  file.open(mapsPath);
-  std::ifstream& stream = file.stream;
-  if (!stream.is_open()) {
-    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "file {} no longer exists", mapsPath);
-    return false;
+  FileDescriptor ownOpen(source.opened ? -1 : ::open(source.path.c_str(), O_RDONLY | O_CLOEXEC));
+  const int fd = source.opened ? opened.get() : ownOpen.get();
+  if (fd < 0) {
+    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "file {} no longer exists", source.path);
+    return;
   }
-  if (!stream.good()) {
+  std::string& line = reader.line();
+  const MapsReader::Result result = reader.forEachLine(fd, handler.enabled(9), [&](std::string_view text) {
+    line.assign(text.data(), text.size());
+    const std::string region = scanner.getToken(line, 6, " ");
+    if (region.empty()) {
+      return true;
+    }
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "mmapRegion: {}", region);
+    std::size_t slash = 0;
+    const int code = form.classify(region, slash);
+    if (code < 0) {
+      return true;
+    }
+    if (!named) {
+      procName = scanner.getProcNameForPid(pidText);
+      named = true;
+    }
+    if (procName.empty()) {
+      return false;  // gone, or no name to show: the process contributes nothing
+    }
+    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "heronFileType: {}",
+                    HeronClientScanner::heronFileTypes[code]);
+    std::string permissions = scanner.getToken(line, 2, " ");
+    Beacon::fmassert(!permissions.empty(), __FILE__, __func__, __LINE__, kClass, "!permissions.empty()");
+    form.add(static_cast<int>(pid), procName, std::move(permissions), code, region, slash);
+    return true;
+  });
+  if (result == MapsReader::Result::ReadFailed) {
     Beacon::fmtrace(handler, 0, __FILE__, __func__, __LINE__, kClass,
-                    "file {} error: eofbit: {} failbit: {} badbit: {}", mapsPath, stream.eof(), stream.fail(),
-                    stream.bad());
-    return false;
+                    "file {} error: eofbit: {} failbit: {} badbit: {}", source.path, false, true, true);
   }
-  return true;
+}
+
+// Every process of the process table at `procRoot`, in directory order.
+template <typename Form>
+void walkProcesses(const HeronClientScanner& scanner, const std::string& procRoot, Form& form) {
+  Beacon::DirNode directory(scanner.debugHandler(), procRoot);
+  Beacon::fmassert(directory.isOpen(), __FILE__, __func__, __LINE__, kClass, "Couldn't open /proc");
+  MapsReader reader;
+  std::string mapsPath;
+  std::string pidText;
+  int fd = -1;
+  while (openNextMaps(directory, mapsPath, pidText, fd)) {
+    extractProcess(scanner, reader, form, pidText, MapsSource{mapsPath, true, fd});
+  }
 }
 
 }  // namespace
 
-void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vector<MmapInfo>& out) const {
-  const Beacon::Platform::DebugHandler& handler = debugHandler();
-  if (handler.enabled(5)) {
-    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
-                    "Extracting mmap info for rootpath: {}, filePath: {}", rootPath.path(), mapsPath);
+bool HeronClientScanner::readNextMmap(Beacon::DirNode& directory, std::string& mapsPath) const {
+  while (nextMapsCandidate(directory, mapsPath) != nullptr) {
+    struct stat64 status;
+    if (::stat64(mapsPath.c_str(), &status) == 0) {
+      return true;
+    }
   }
-  long pid = 0;
-  std::string procName;
-  MapsFile file;
-  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, pid, procName, file)) {
-    return;
-  }
-  std::ifstream& stream = file.stream;
-  const std::string targetPaths[2] = {rootPath.fullPath(heronFileTypes[0]), rootPath.fullPath(heronFileTypes[1])};
+  return false;
+}
 
-  const bool traceLines = handler.enabled(9);
-  std::string line;
-  while (stream.good()) {
-    std::getline(stream, line);
-    if (line.empty() || (!traceLines && !mayNameHeronFile(line))) {
-      continue;
-    }
-    const std::string region = getToken(line, 6, " ");
-    if (region.empty()) {
-      continue;
-    }
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "mmapRegion: {}", region);
-    int code;
-    if (region == targetPaths[0]) {
-      code = 0;
-    } else if (region == targetPaths[1]) {
-      code = 1;
-    } else {
-      continue;
-    }
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "heronFileType: {}", heronFileTypes[code]);
-    std::string permissions = getToken(line, 2, " ");
-    Beacon::fmassert(!permissions.empty(), __FILE__, __func__, __LINE__, kClass, "!permissions.empty()");
-    out.emplace_back(static_cast<int>(pid), procName, std::move(permissions), heronFileTypes[code]);
-    if (handler.enabled(9)) {
-      Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Added: {}", out.back().toTraceString());
-    }
-  }
+void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vector<MmapInfo>& out) const {
+  MapsReader reader;
+  ProcessForm form(debugHandler(), rootPath, out);
+  extractProcess(*this, reader, form, getToken(mapsPath, pidTokenIndex, "/"), MapsSource{mapsPath, false, -1});
 }
 
 void HeronClientScanner::extractMmapInfo(std::vector<MmapInfo>& out) const {
   Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, kClass,
                   "Extracting mmap info for rootpath: {} traversing /proc", rootPath.path());
-  Beacon::DirNode directory(debugHandler(), procRoot);
-  Beacon::fmassert(directory.isOpen(), __FILE__, __func__, __LINE__, kClass, "Couldn't open /proc");
-  std::string mapsPath;
-  while (readNextMmap(directory, mapsPath)) {
-    extractMmapInfo(mapsPath, out);
-  }
+  ProcessForm form(debugHandler(), rootPath, out);
+  walkProcesses(*this, procRoot, form);
 }
 
 void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, TableToInfoMap& tables) const {
-  const Beacon::Platform::DebugHandler& handler = debugHandler();
-  if (handler.enabled(5)) {
-    Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
-                    "Extracting mmap info by table for rootpath: {}, filePath: {}", rootPath.path(), mapsPath);
-  }
-  long pid = 0;
-  std::string procName;
-  MapsFile file;
-  if (!openProcessMaps(*this, getToken(mapsPath, pidTokenIndex, "/"), mapsPath, pid, procName, file)) {
-    return;
-  }
-  std::ifstream& stream = file.stream;
-
-  const bool traceLines = handler.enabled(9);
-  std::string line;
-  while (stream.good()) {
-    std::getline(stream, line);
-    if (line.empty() || (!traceLines && !mayNameHeronFile(line))) {
-      continue;
-    }
-    const std::string region = getToken(line, 6, " ");
-    if (region.empty()) {
-      continue;
-    }
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "mmapRegion: {}", region);
-    const std::size_t slash = region.rfind('/');
-    if (slash == std::string::npos) {
-      continue;
-    }
-    // The classification of getFileType, on the last component, in place.
-    int code;
-    if (region.compare(slash + 1, std::string::npos, heronFileTypes[0]) == 0) {
-      code = 0;
-    } else if (region.compare(slash + 1, std::string::npos, heronFileTypes[1]) == 0) {
-      code = 1;
-    } else {
-      continue;
-    }
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "heronFileType: {}", heronFileTypes[code]);
-    std::string permissions = getToken(line, 2, " ");
-    Beacon::fmassert(!permissions.empty(), __FILE__, __func__, __LINE__, kClass, "!permissions.empty()");
-    MmapInfo info(static_cast<int>(pid), procName, std::move(permissions), heronFileTypes[code]);
-    if (handler.enabled(9)) {
-      Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "adding to map: {}", info.toTraceString());
-    }
-    tables[region.substr(0, slash)].push_back(info);
-  }
+  MapsReader reader;
+  TableForm form(debugHandler(), rootPath, tables);
+  extractProcess(*this, reader, form, getToken(mapsPath, pidTokenIndex, "/"), MapsSource{mapsPath, false, -1});
 }
 
 HeronClientScanner::TableToInfoMap HeronClientScanner::extractMmapInfoByTable() const {
@@ -334,12 +518,8 @@ HeronClientScanner::TableToInfoMap HeronClientScanner::extractMmapInfoByTable() 
                   "Extracting mmap info by table for rootpath: {} traversing /proc", rootPath.path());
   TableToInfoMap tables;
   tables.max_load_factor(1.0F);
-  Beacon::DirNode directory(debugHandler(), procRoot);
-  Beacon::fmassert(directory.isOpen(), __FILE__, __func__, __LINE__, kClass, "Couldn't open /proc");
-  std::string mapsPath;
-  while (readNextMmap(directory, mapsPath)) {
-    extractMmapInfoByTable(mapsPath, tables);
-  }
+  TableForm form(debugHandler(), rootPath, tables);
+  walkProcesses(*this, procRoot, form);
   return tables;
 }
 
@@ -414,11 +594,20 @@ void HeronClientScanner::doPopulateCommandNames(Model::HeronClientList& clients,
 // ---------------------------------------------------------------------------
 // Header info
 
+namespace {
+
+// The header of the table whose directory `tableRoot` names.
+void headerInfoAt(const HeronClientScanner& scanner, const Mem::RootPath& tableRoot, Model::HeronTable& table) {
+  QuarryHelperScanner quarry(scanner.debugHandler(), tableRoot, std::string());
+  RelayHelperScanner relay(scanner.debugHandler(), tableRoot, false);
+  scanner.populateHeronTableHeaderInfo(quarry, relay, table);
+}
+
+}  // namespace
+
 void HeronClientScanner::getHeaderInfo(const std::string& tablePath, Model::HeronTable& table) const {
   Mem::OrbRootPath tableRoot(debugHandler(), std::string(tablePath), false);
-  QuarryHelperScanner quarry(debugHandler(), tableRoot, std::string());
-  RelayHelperScanner relay(debugHandler(), tableRoot, false);
-  populateHeronTableHeaderInfo(quarry, relay, table);
+  headerInfoAt(*this, tableRoot, table);
 }
 
 void HeronClientScanner::populateHeronTableHeaderInfo(QuarryHelperScanner& quarry, RelayHelperScanner& relay,
@@ -448,13 +637,15 @@ void HeronClientScanner::populateHeronTableHeaderInfo(QuarryHelperScanner& quarr
 // ---------------------------------------------------------------------------
 // Queries
 
-int HeronClientScanner::getClients(Model::HeronTable& table) const {
-  warnRunAsRoot();
-  table = Model::HeronTable(rootPath.path());
-  std::vector<MmapInfo> mappings;
-  extractMmapInfo(mappings);
+namespace {
 
-  const Beacon::Platform::DebugHandler& handler = debugHandler();
+// One table's clients from its mappings, in order: each record traced and
+// categorised (1 when one cannot be), then the command names of the writer
+// and the shadows from one cache, the header read through `headerName`, and
+// the clients sorted.
+int populateTable(const HeronClientScanner& scanner, const std::vector<MmapInfo>& mappings,
+                  const std::string& headerName, Model::HeronTable& table) {
+  const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
   bool writerFound = false;
   std::unordered_set<int> shadowPids;
   for (const MmapInfo& info : mappings) {
@@ -462,16 +653,26 @@ int HeronClientScanner::getClients(Model::HeronTable& table) const {
       Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "{}|{}|{}|{}|", info.pid, info.procName,
                       info.permissions, info.heronFileType);
     }
-    if (categorizeClient(info, table, writerFound, shadowPids)) {
+    if (scanner.categorizeClient(info, table, writerFound, shadowPids)) {
       return 1;
     }
   }
   std::unordered_map<int, std::string> commandCache;
-  doPopulateCommandNames(table.clients.at(Writer), commandCache);
-  doPopulateCommandNames(table.clients.at(Shadow), commandCache);
-  getHeaderInfo(tableName, table);
+  scanner.doPopulateCommandNames(table.clients.at(Writer), commandCache);
+  scanner.doPopulateCommandNames(table.clients.at(Shadow), commandCache);
+  scanner.getHeaderInfo(headerName, table);
   table.sortClients();
   return 0;
+}
+
+}  // namespace
+
+int HeronClientScanner::getClients(Model::HeronTable& table) const {
+  warnRunAsRoot();
+  table = Model::HeronTable(rootPath.path());
+  std::vector<MmapInfo> mappings;
+  extractMmapInfo(mappings);
+  return populateTable(*this, mappings, tableName, table);
 }
 
 int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const {
@@ -505,22 +706,9 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
       continue;
     }
     Model::HeronTable table(name);
-    bool writerFound = false;
-    std::unordered_set<int> shadowPids;
-    for (const MmapInfo& info : mappings) {
-      if (handler.enabled(5)) {
-        Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "{}|{}|{}|{}|", info.pid, info.procName,
-                        info.permissions, info.heronFileType);
-      }
-      if (categorizeClient(info, table, writerFound, shadowPids)) {
-        return 1;
-      }
+    if (populateTable(*this, mappings, name, table) != 0) {
+      return 1;
     }
-    std::unordered_map<int, std::string> commandCache;
-    doPopulateCommandNames(table.clients.at(Writer), commandCache);
-    doPopulateCommandNames(table.clients.at(Shadow), commandCache);
-    getHeaderInfo(name, table);
-    table.sortClients();
     tables.insert(std::move(table));
   }
   return 0;
@@ -531,13 +719,22 @@ int HeronClientScanner::addClientlessHerons(std::set<Model::HeronTable>& tables)
   Mem::TableFinder finder(debugHandler(), rootPath);
   finder.find("", SharedMem::Table);
   Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Determining clientless herons");
+  // The finder lists directories under the root that are not symlinks. When
+  // the root is the collection root (canonical), a name resolved under it is
+  // the root's path and the name as they stand, so the path need not be
+  // walked again for every table.
+  const bool rootIsCollection = rootPath.path() == Mem::OrbRootPath::collectionRoot();
   for (const std::string& name : finder.matches()) {
     Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Looking for {} in tables", name);
     Model::HeronTable table(name);
     if (tables.count(table) != 0) {
       continue;
     }
-    getHeaderInfo(name, table);
+    if (rootIsCollection) {
+      headerInfoAt(*this, Mem::RootPath(rootPath.fullPath(name)), table);
+    } else {
+      getHeaderInfo(name, table);
+    }
     if (!headerComplete(table.headerInfo)) {
       Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
                       "Suppressing clientless heron {} with missing header info", name);

@@ -29,7 +29,7 @@ class SharedMemWrapper : public Beacon::Debuggable {
   std::size_t memSize() const;
   // Maps the file again at `size` bytes; the new base, or nullptr (with
   // lastError set) when the file is shorter or the call fails. The old
-  // mapping stays valid on failure.
+  // mapping stays valid on failure; one of that size already is the answer.
   virtual const void* remap(std::size_t size);
   const std::string& lastError() const { return lastError_; }
 
@@ -47,7 +47,11 @@ class SharedMemWrapper : public Beacon::Debuggable {
   const void* map(std::size_t size, Mode mode);
 
  private:
-  bool open(Mode mode);
+  // Opens the file once; a read-only open also gives the file's size.
+  bool open(Mode mode, std::size_t* size = nullptr);
+  // Maps `size` bytes of a file now `real` bytes long (a new mapping, or the
+  // current one resized).
+  const void* mapAt(std::size_t size, std::size_t real);
   void unmap();
 
   std::string path_;

@@ -19,7 +19,10 @@ std::string canonical(const std::string& path) {
   return path;
 }
 
-std::string OrbRootPath::collectionRoot() {
+namespace {
+
+// The collection root as the environment names it, not yet canonicalised.
+std::string collectionRootText() {
   const char* env = std::getenv("HERON_ROOT");
   std::string root = (env != nullptr && *env != '\0') ? env : "/dev/shm/heron";
   if (std::getenv("Q7_CHROOT") != nullptr) {
@@ -35,8 +38,12 @@ std::string OrbRootPath::collectionRoot() {
   while (root.size() > 1 && root.back() == '/') {
     root.pop_back();
   }
-  return canonical(root);
+  return root;
 }
+
+}  // namespace
+
+std::string OrbRootPath::collectionRoot() { return canonical(collectionRootText()); }
 
 namespace {
 
@@ -47,7 +54,14 @@ std::string resolve(const std::string& path) {
   if (path.front() == '/') {
     return canonical(path);
   }
-  return canonical(OrbRootPath::collectionRoot() + "/" + path);
+  // One realpath over the whole path when it exists: canonicalising the
+  // root first as well would walk its components twice for the same result.
+  char resolved[PATH_MAX];
+  const std::string full = collectionRootText() + "/" + path;
+  if (::realpath(full.c_str(), resolved) != nullptr) {
+    return resolved;
+  }
+  return OrbRootPath::collectionRoot() + "/" + path;
 }
 
 }  // namespace

@@ -32,17 +32,23 @@ std::size_t SharedMemWrapper::memSize() const {
   return static_cast<std::size_t>(st.st_size);
 }
 
-bool SharedMemWrapper::open(Mode mode) {
+bool SharedMemWrapper::open(Mode mode, std::size_t* size) {
   if (fd_ >= 0) {
     return mode_ == mode || mode == Mode::ReadOnly;
   }
-  fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_)
+  struct stat st {};
+  fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_, &st)
                                : ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
   if (fd_ < 0) {
     if (mode != Mode::ReadOnly) {
       lastError_ = std::strerror(errno);
     }
     return false;
+  }
+  if (size != nullptr && mode == Mode::ReadOnly) {
+    // The size of the fstat that checked the file type: asking again at
+    // once would tell nothing new.
+    *size = static_cast<std::size_t>(st.st_size);
   }
   mode_ = mode;
   return true;
@@ -57,10 +63,12 @@ void SharedMemWrapper::unmap() {
 }
 
 const void* SharedMemWrapper::map(std::size_t size, Mode mode) {
-  if (!open(mode)) {
+  constexpr std::size_t kUnknown = ~std::size_t{0};
+  std::size_t real = kUnknown;
+  if (!open(mode, &real)) {
     return nullptr;
   }
-  return remap(size);
+  return mapAt(size, real != kUnknown ? real : memSize());
 }
 
 const void* SharedMemWrapper::remap(std::size_t size) {
@@ -68,16 +76,33 @@ const void* SharedMemWrapper::remap(std::size_t size) {
     lastError_ = "not open";
     return nullptr;
   }
-  std::size_t real = memSize();
+  return mapAt(size, memSize());
+}
+
+const void* SharedMemWrapper::mapAt(std::size_t size, std::size_t real) {
   if (size == 0 || size > real) {
     lastError_ = size == 0 ? "empty mapping requested"
                            : "file holds " + std::to_string(real) + " bytes, " + std::to_string(size) + " requested";
     return nullptr;
   }
+  if (base_ != nullptr && size == size_) {
+    return base_;  // already mapped at that size, and the file still holds it
+  }
   if (mode_ == Mode::ReadOnly) {
     Beacon::Util::tolerateShrinkingMappings();
   }
-  int prot = mode_ == Mode::ReadOnly ? PROT_READ : PROT_READ | PROT_WRITE;
+  if (base_ != nullptr) {
+    // Resized in one call, in place when there is room. It fails, leaving
+    // the old mapping as it was, when the range is no longer one mapping
+    // (a page patched in after a cut); a fresh mapping is made then.
+    void* moved = ::mremap(base_, size_, size, MREMAP_MAYMOVE);
+    if (moved != MAP_FAILED) {
+      base_ = moved;
+      size_ = size;
+      return base_;
+    }
+  }
+  const int prot = mode_ == Mode::ReadOnly ? PROT_READ : PROT_READ | PROT_WRITE;
   void* base = ::mmap(nullptr, size, prot, MAP_SHARED, fd_, 0);
   if (base == MAP_FAILED) {
     lastError_ = std::strerror(errno);

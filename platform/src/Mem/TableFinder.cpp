@@ -42,11 +42,17 @@ void TableFinder::walk(const std::string& dir, const std::string& relative, Shar
     if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
       continue;
     }
-    std::string child = dir + "/" + entry->d_name;
-    struct stat st {};
-    // lstat: a symlinked directory is not followed.
-    if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-      continue;
+    // The entry's own type where the file system gives it (a symlink is
+    // DT_LNK, so a symlinked directory is not followed); lstat otherwise.
+    if (entry->d_type != DT_DIR) {
+      if (entry->d_type != DT_UNKNOWN) {
+        continue;
+      }
+      const std::string child = dir + "/" + entry->d_name;
+      struct stat st {};
+      if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        continue;
+      }
     }
     children.emplace_back(entry->d_name);
   }

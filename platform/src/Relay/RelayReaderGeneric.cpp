@@ -142,9 +142,8 @@ template <typename Slot>
 bool RelayReaderGeneric<Slot>::initialize() {
   for (unsigned id = 0; id < 2; ++id) {
     Mem::Tracked<Mem::SharedMemWrapper>& file = this->files_[id];
-    if (file.memSize() == 0) {
-      return false;
-    }
+    // A missing or empty file fails the attach: no separate size test, which
+    // would look the path up once more.
     const void* base = file.attach(static_cast<unsigned>(Base::kHeaderSize), Mem::Mode::ReadOnly, nullptr);
     if (base == nullptr) {
       return false;

@@ -249,6 +249,106 @@ TEST_F(ExtractionTest, WalkVisitsEveryProcessWithAMapsFile) {
   EXPECT_FLOAT_EQ(tables.max_load_factor(), 1.0F);
 }
 
+// Filler lines of the shape most maps lines have: libraries, anonymous
+// regions, files whose names contain the heron names without being them.
+std::string fillerLines(std::size_t count) {
+  static const char* const paths[] = {"/usr/lib/x86_64-linux-gnu/libremember.so.6", "", "/var/cache/relay.10",
+                                      "/home/u/embers/relay.1.bak", "[heap]", "/srv/ember/data"};
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) {
+    text += mapsLine(i % 3 == 0 ? "r-xp" : "rw-p", paths[i % 6]);
+  }
+  return text;
+}
+
+std::vector<std::string> texts(const std::vector<Heron::MmapInfo>& records) {
+  std::vector<std::string> out;
+  for (const auto& record : records) {
+    out.push_back(record.toTraceString());
+  }
+  return out;
+}
+
+std::vector<std::string> texts(const Heron::HeronClientScanner::TableToInfoMap& tables) {
+  std::vector<std::string> out;
+  for (const auto& entry : tables) {
+    for (const auto& record : entry.second) {
+      out.push_back(entry.first + ":" + record.toTraceString());
+    }
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+TEST_F(ExtractionTest, LinesAcrossReadChunksAreReadWhole) {
+  // About 160 KB: heron lines fall on both sides of the 64 KiB boundaries.
+  std::string text;
+  std::vector<std::string> expected;
+  for (int block = 0; block < 40; ++block) {
+    text += fillerLines(50);
+    text += mapsLine(block % 2 == 0 ? "r--s" : "rw-s", block % 3 == 0 ? "/some/table/ember" : "/some/table/relay.1");
+    expected.push_back(std::string("12|view|") + (block % 2 == 0 ? "r--s" : "rw-s") + "|" +
+                       (block % 3 == 0 ? "ember" : "relay.1") + "|");
+  }
+  ASSERT_GT(text.size(), 2U * 65536U);
+  proc.addProcess("12", text, "/usr/bin/view");
+  std::vector<Heron::MmapInfo> records;
+  scanner.extractMmapInfo(maps("12"), records);
+  EXPECT_EQ(texts(records), expected);
+  Heron::HeronClientScanner::TableToInfoMap tables;
+  scanner.extractMmapInfoByTable(maps("12"), tables);
+  ASSERT_EQ(tables.size(), 1U);
+  EXPECT_EQ(tables.at("/some/table").size(), expected.size());
+}
+
+TEST_F(ExtractionTest, LineLongerThanTheReadBufferIsReadWhole) {
+  const std::string directory = "/" + std::string(150000, 'd');
+  proc.addProcess("12", fillerLines(3) + mapsLine("r--s", directory + "/relay.1") + fillerLines(3), "/usr/bin/view");
+  Heron::HeronClientScanner::TableToInfoMap tables;
+  scanner.extractMmapInfoByTable(maps("12"), tables);
+  ASSERT_EQ(tables.size(), 1U);
+  EXPECT_EQ(tables.count(directory), 1U);
+}
+
+TEST_F(ExtractionTest, UntracedAndTracedWalksFindTheSameRecords) {
+  std::string last = mapsLine("r--s", "/t2/relay.1");
+  last.pop_back();  // a last line without a newline
+  proc.addProcess("12", fillerLines(20) + mapsLine("r--s", "/some/table/relay.1") + "\n" + fillerLines(5) + last,
+                  "/usr/bin/view");
+  proc.addProcess("40", mapsLine("rw-s", "/some/table/ember") + mapsLine("rw-s", "/some/table/relay.1 (deleted)"),
+                  "/usr/bin/feed");
+  proc.addProcess("41", mapsLine("rw-s", "/some/table/ember"), "");  // no exe: contributes nothing
+  proc.addProcess("42", fillerLines(30), "");
+  proc.addProcess("43", fillerLines(30) + mapsLine("r--s", "/some/table/relay.1"), "/opt/bin/reader (deleted)");
+  proc.addProcess("44", "", "/usr/bin/empty");
+  proc.addPlainFile("cpuinfo");
+
+  std::vector<Heron::MmapInfo> untraced;
+  scanner.extractMmapInfo(untraced);
+  const auto untracedTables = scanner.extractMmapInfoByTable();
+  std::vector<Heron::MmapInfo> traced;
+  Heron::HeronClientScanner::TableToInfoMap tracedTables;
+  {
+    HeronTest::TraceMask mask((1U << 5) | (1U << 9));
+    testing::internal::CaptureStderr();
+    scanner.extractMmapInfo(traced);
+    tracedTables = scanner.extractMmapInfoByTable();
+    const std::string traces = testing::internal::GetCapturedStderr();
+    EXPECT_NE(traces.find("mmapRegion: /usr/lib/x86_64-linux-gnu/libremember.so.6"), std::string::npos);
+  }
+  auto sorted = [](std::vector<std::string> list) {
+    std::sort(list.begin(), list.end());
+    return list;
+  };
+  EXPECT_EQ(sorted(texts(untraced)), sorted(texts(traced)));
+  EXPECT_EQ(sorted(texts(untraced)),
+            (std::vector<std::string>{"12|view|r--s|relay.1|", "40|feed|rw-s|ember|", "40|feed|rw-s|relay.1|",
+                                      "43|reader (deleted)|r--s|relay.1|"}));
+  EXPECT_EQ(texts(untracedTables), texts(tracedTables));
+  EXPECT_EQ(texts(untracedTables).size(), 5U);
+  EXPECT_EQ(untracedTables.at("/t2").front().toTraceString(), "12|view|r--s|relay.1|");
+}
+
 TEST(ExtractionDeathTest, UnopenableProcIsFatal) {
   // Under an emulator that does not follow execve() (32-bit tests on a
   // kernel without 32-bit support) the death test can only fork.

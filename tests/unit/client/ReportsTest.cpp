@@ -169,6 +169,32 @@ TEST_F(ReportsTest, WhoAllKeepsTableOfUnknownTypeAndFullPathOutsideRoot) {
   EXPECT_EQ(out.str(), "Heron table \"" + outside + "\"\n" + kNoHeader + "Shadow: view-10(view)\n\n");
 }
 
+TEST_F(ReportsTest, WhoAllNamesAnOutsideTableWhosePathContainsTheRootByCuttingTheRootsLength) {
+  // A prefix as long as the root: what is left is the root without its
+  // leading slash, then the table (/tmp/adv/fake/dev/shm/advS/s1 with the
+  // root /dev/shm/advS gives dev/shm/advS/s1).
+  const std::string prefix = "/" + std::string(root.size() - 1, 'p');
+  proc.addProcess("10", mapsLine("r--s", prefix + root + "/s1/relay.1"), "/usr/bin/view", "view");
+  // A shorter prefix: the cut still counts the root's length from the front.
+  proc.addProcess("11", mapsLine("r--s", "/q" + root + "/s2/ember"), "/usr/bin/view", "view");
+  Heron::HeronClientScanner scanner(&out, collectionRoot(), "", proc.root());
+  HeronTest::TraceMask mask(0x20);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(scanner.doGetAllClientInfo(), 0);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err.find("created in a different directory"), std::string::npos) << err;
+  const std::string first = root.substr(1) + "/s1";
+  const std::string second = ("/q" + root + "/s2").substr(root.size() + 1);
+  EXPECT_EQ(second, root.substr(root.size() - 1) + "/s2");  // "/q" is one character longer than the separator
+  EXPECT_NE(err.find("SharedMem table:" + first + " lookup found table type:0"), std::string::npos) << err;
+  std::vector<std::string> blocks{"Heron table \"" + first + "\"\n" + kNoHeader + "Shadow: view-10(view)\n\n",
+                                  "Heron table \"" + second + "\"\n" + kNoHeader + "Shadow: view-11(view)\n\n"};
+  if (second < first) {
+    std::swap(blocks[0], blocks[1]);
+  }
+  EXPECT_EQ(out.str(), blocks[0] + blocks[1]);
+}
+
 TEST_F(ReportsTest, WhatForUnattachedPidPrintsBothHeadingsOnly) {
   makeTable("orders");
   proc.addProcess("10", mapsLine("rw-s", root + "/orders/relay.1"), "/usr/bin/feed", "feed");

@@ -119,6 +119,23 @@ TEST_F(RootPathTest, RelativeNameGivesTheTableUnderTheRoot) {
   EXPECT_EQ(root.path(), temp.path() + "/md/eu/quotes");
 }
 
+TEST_F(RootPathTest, ExistingTableUnderASymlinkedRootResolvesThroughTheLink) {
+  ASSERT_EQ(::mkdir(temp.file("real").c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir(temp.file("real/md").c_str(), 0755), 0);
+  ASSERT_EQ(::symlink("real", temp.file("link").c_str()), 0);
+  ::setenv("HERON_ROOT", temp.file("link").c_str(), 1);
+  Mem::OrbRootPath root(handler(), "md", false);
+  EXPECT_EQ(root.path(), temp.file("real") + "/md");
+}
+
+TEST_F(RootPathTest, MissingTableUnderASymlinkedRootIsPlacedUnderTheCanonicalRoot) {
+  ASSERT_EQ(::mkdir(temp.file("real").c_str(), 0755), 0);
+  ASSERT_EQ(::symlink("real", temp.file("link").c_str()), 0);
+  ::setenv("HERON_ROOT", temp.file("link").c_str(), 1);
+  Mem::OrbRootPath root(handler(), "no/such/table", false);
+  EXPECT_EQ(root.path(), temp.file("real") + "/no/such/table");
+}
+
 TEST_F(RootPathTest, AbsoluteNameIsUsedAsItStands) {
   ::setenv("HERON_ROOT", temp.path().c_str(), 1);
   Mem::OrbRootPath root(handler(), "/elsewhere/table", false);

@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "Beacon/Platform.h"
+#include "Mem/SharedMemWrapper.h"
+#include "support/Run.h"
+
+namespace {
+
+Beacon::Platform::DebugHandler& handler() {
+  static Beacon::Platform::DebugHandler instance("SharedMemWrapperTest", 0);
+  return instance;
+}
+
+using File = Mem::Tracked<Mem::SharedMemWrapper>;
+
+class SharedMemWrapperTest : public testing::Test {
+ protected:
+  // A file of `size` bytes, byte i holding i % 251.
+  std::string makeFile(std::size_t size) {
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) {
+      bytes[i] = static_cast<char>(i % 251);
+    }
+    const std::string path = temp.file("data");
+    HeronTest::writeFile(path, bytes);
+    return path;
+  }
+  static unsigned char at(const void* base, std::size_t offset) {
+    return static_cast<const unsigned char*>(base)[offset];
+  }
+
+  HeronTest::TempRoot temp;
+};
+
+TEST_F(SharedMemWrapperTest, AttachMapsTheRequestedSizeOnly) {
+  File file(handler(), makeFile(12376));
+  const void* base = file.attach(88, Mem::Mode::ReadOnly, nullptr);
+  ASSERT_NE(base, nullptr) << file.lastError();
+  EXPECT_EQ(file.mappedSize(), 88U);
+  EXPECT_EQ(at(base, 87), 87U);
+}
+
+TEST_F(SharedMemWrapperTest, RemapGrowsTheMappingOverTheSameFile) {
+  File file(handler(), makeFile(12376));
+  ASSERT_NE(file.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
+  const void* grown = file.remap(12376);
+  ASSERT_NE(grown, nullptr) << file.lastError();
+  EXPECT_EQ(file.mappedSize(), 12376U);
+  EXPECT_EQ(file.base(), grown);
+  EXPECT_EQ(at(grown, 12375), 12375U % 251);
+  EXPECT_EQ(at(grown, 0), 0U);
+}
+
+TEST_F(SharedMemWrapperTest, RemapToTheMappedSizeKeepsTheMapping) {
+  File file(handler(), makeFile(4096));
+  const void* base = file.attach(4096, Mem::Mode::ReadOnly, nullptr);
+  ASSERT_NE(base, nullptr);
+  EXPECT_EQ(file.remap(4096), base);
+  EXPECT_EQ(file.mappedSize(), 4096U);
+}
+
+TEST_F(SharedMemWrapperTest, RemapPastTheEndFailsAndKeepsTheOldMapping) {
+  File file(handler(), makeFile(200));
+  const void* base = file.attach(88, Mem::Mode::ReadOnly, nullptr);
+  ASSERT_NE(base, nullptr);
+  EXPECT_EQ(file.remap(201), nullptr);
+  EXPECT_EQ(file.lastError(), "file holds 200 bytes, 201 requested");
+  EXPECT_EQ(file.base(), base);
+  EXPECT_EQ(file.mappedSize(), 88U);
+  EXPECT_EQ(at(base, 50), 50U);
+}
+
+TEST_F(SharedMemWrapperTest, AttachFailsOnAMissingOrShortFile) {
+  File missing(handler(), temp.file("none"));
+  EXPECT_EQ(missing.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
+  File empty(handler(), makeFile(0));
+  EXPECT_EQ(empty.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
+  EXPECT_EQ(empty.lastError(), "file holds 0 bytes, 88 requested");
+}
+
+}  // namespace
