@@ -4,7 +4,6 @@
 #include <getopt.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "Beacon/Trace.h"
 #include "HeronClientScanner.h"
 #include "Mem/TableFinder.h"
+#include "ReportOutput.h"
 #include "SharedMem/OwnerFile.h"
 #include "readers/QuarryHelperScanner.h"
 #include "readers/RelayHelperScanner.h"
@@ -103,6 +103,11 @@ void printStatistics(std::ostream& out, const SharedMem::OwnerFile& owner, Heron
 
   quarry.printStats(detail, sortByOccupancy);
 }
+
+// printTable after its output is open: the styled, client or dump road.
+int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool stats, bool regions,
+              const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
+              bool queues, Heron::Style style);
 
 }  // namespace
 
@@ -210,18 +215,13 @@ int main(int argc, char** argv) {
   Mem::OrbRootPath root(handler, "", false);
 
   if (pid != 0 || whoAll) {
-    std::ofstream file;
-    std::ostream* out = &std::cout;
-    if (!outputFile.empty()) {
-      file.open(outputFile, std::ios::out);
-      if (!file) {
-        std::cerr << "Error opening " << outputFile << std::endl;
-        return 1;
-      }
-      out = &file;
+    ReportOutput output;
+    if (!output.open(outputFile, {root.path()})) {
+      return 1;
     }
-    HeronClientScanner scanner(out, root, "");
-    return whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(pid);
+    HeronClientScanner scanner(&output.stream(), root, "");
+    const int status = whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(pid);
+    return output.finish() ? status : 1;
   }
 
   Mem::TableFinder finder(handler, root);
@@ -264,17 +264,29 @@ int main(int argc, char** argv) {
 int printTable(const std::string& outputFile, const char* tableName, bool who, bool stats, bool regions,
                const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
                bool queues, Heron::Style style) {
-  std::ofstream file;
-  std::ostream* out = &std::cout;
-  if (!outputFile.empty()) {
-    file.open(outputFile, std::ios::out);
-    if (!file) {
-      std::cerr << "Error opening " << outputFile << std::endl;
+  Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
+  Heron::ReportOutput output;
+  {
+    // Neither the collection root nor the table's own directory (which may
+    // lie outside it) ever receives the report.
+    Mem::OrbRootPath collection(handler, "", false);
+    Mem::OrbRootPath table(handler, std::string(tableName), false);
+    if (!output.open(outputFile, {collection.path(), table.path()})) {
       return 1;
     }
-    out = &file;
   }
+  const int status =
+      dumpTable(output, tableName, who, stats, regions, regionIds, detail, sortByOccupancy, printEmpty, queues, style);
+  return output.finish() ? status : 1;
+}
 
+namespace {
+
+int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool stats, bool regions,
+              const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
+              bool queues, Heron::Style style) {
+  std::ostream* out = &output.stream();
+  const std::string outputFile = output.isFile() ? output.name() : std::string();
   Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
   Mem::OrbRootPath root(handler, std::string(tableName), true);
   SharedMem::OwnerFile owner(handler, root, false);
@@ -306,18 +318,20 @@ int printTable(const std::string& outputFile, const char* tableName, bool who, b
 
   if (stats || detail) {
     printStatistics(*out, owner, relay, quarry, detail, sortByOccupancy);
-    return 0;
-  }
-  if (regions) {
-    out->flush();
-    quarry.scanRegions(regionIds, printEmpty);
-    if (file.is_open()) {
-      // The region scanner appended to the file through its own stream.
-      file.seekp(0, std::ios::end);
+  } else {
+    if (regions) {
+      // The region scanner appends to the same file through its own stream.
+      out->flush();
+      quarry.scanRegions(regionIds, printEmpty);
+    }
+    if (queues) {
+      relay.scan(*out, !printEmpty);
     }
   }
-  if (queues) {
-    relay.scan(*out, !printEmpty);
+  if (quarry.outputError() != 0) {
+    output.writeFailed(quarry.outputError());
   }
   return 0;
 }
+
+}  // namespace

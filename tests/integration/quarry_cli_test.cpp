@@ -22,6 +22,7 @@
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -301,7 +302,9 @@ TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
 TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
   makeSmallTable();
   if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
-  const std::string file = root_ + "/stats.txt";
+  // Outside the collection root: heron refuses to write into it.
+  HeronTest::TempDir outputs("quarry-cli-output");
+  const std::string file = outputs.path() + "/stats.txt";
   {
     std::ofstream stale(file);
     stale << std::string(10000, 'x') << '\n';  // truncated by heron first
@@ -317,7 +320,8 @@ TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
 TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
   makeSmallTable();
   if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
-  const std::string file = root_ + "/dump.txt";
+  HeronTest::TempDir outputs("quarry-cli-output");
+  const std::string file = outputs.path() + "/dump.txt";
   Outcome toFile = heron("-f " + file + " -a t");
   EXPECT_EQ(toFile.status, 0) << toFile.err;
   Outcome toStdout = heron("-a t");

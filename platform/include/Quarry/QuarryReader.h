@@ -145,8 +145,14 @@ class QuarryScannerBase : public Reader<Scanner> {
   // Attempts made to copy a region before it is called inconsistent.
   static constexpr unsigned kCopyAttempts = 16;
 
+  // errno of the first failed write to the named output file, 0 when every
+  // write succeeded (or the output is standard output, whose stream the
+  // caller checks).
+  int outputError() const { return outputError_; }
+
  protected:
   std::string outputFile_;
+  int outputError_ = 0;
 };
 
 }  // namespace Quarry

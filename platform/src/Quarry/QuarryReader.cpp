@@ -180,13 +180,16 @@ void Reader<Scanner>::attachRegions() {
 namespace {
 
 // The scanner's own output: the named file, appended to, or standard output.
+// The first failed write to the named file leaves its errno in `error`
+// (writes to standard output are the caller's to check).
 class Output {
  public:
-  explicit Output(const std::string& name) : named_(!name.empty()) {
+  Output(const std::string& name, int& error) : named_(!name.empty()), error_(error) {
     if (named_) {
       file_.open(name, std::ios::out | std::ios::app);
       if (!file_) {
         std::cerr << "Error opening " << name << std::endl;
+        record();
       }
     }
   }
@@ -194,9 +197,24 @@ class Output {
   // A file that could not be opened swallows the output (the failure was
   // reported); it never falls back to standard output.
   std::ostream& stream() { return named_ ? static_cast<std::ostream&>(file_) : std::cout; }
+  void write(const std::string& text) {
+    errno = 0;
+    stream() << text;
+    stream().flush();
+    if (named_ && !file_) {
+      record();
+    }
+  }
 
  private:
+  void record() {
+    if (error_ == 0) {
+      error_ = errno != 0 ? errno : EIO;
+    }
+  }
+
   bool named_;
+  int& error_;
   std::ofstream file_;
 };
 
@@ -317,8 +335,8 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
   for (const BadRegion& bad : this->badRegions_) {
     fmt::format_to(out, "  region {}: {}; skipped\n", bad.id, bad.reason);
   }
-  Output output(outputFile_);
-  output.stream() << text;
+  Output output(outputFile_, outputError_);
+  output.write(text);
 }
 
 template <typename Scanner>
@@ -342,10 +360,9 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
   }
   std::sort(ids.begin(), ids.end());
 
-  Output output(outputFile_);
-  std::ostream& stream = output.stream();
+  Output output(outputFile_, outputError_);
   if (ids.empty()) {
-    stream << "Region allocator: no regions\n";
+    output.write("Region allocator: no regions\n");
     return;
   }
   RegionSnapshot copy;
@@ -364,7 +381,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
       } else if (regionIds.count(id) != 0) {
         fmt::format_to(out, "Region {}: not found\n", id);
       }
-      stream << text;
+      output.write(text);
       continue;
     }
     const RegionScanner& region = *found->second;
@@ -374,7 +391,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
     if (!copy.consistent) {
       fmt::format_to(out, "Region {}: entry size {}, units {}: inconsistent after {} attempts; entries not shown\n", id,
                      h.unitSize, units, copy.attempts);
-      stream << text;
+      output.write(text);
       continue;
     }
     fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}\n", id, h.unitSize, units,
@@ -400,7 +417,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
       }
       text += '\n';
     }
-    stream << text;
+    output.write(text);
   }
 }
 
