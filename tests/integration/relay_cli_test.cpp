@@ -361,7 +361,7 @@ TEST_F(RelayCli, WrongMagicIsReportedWithStatusOne) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "Table Name: magic\n\nRelay " + dir("magic") +
-                            " validation failed: bad magic 0x59414c454e4e5248 (\"HRNNELAY\"), expected "
+                            " validation failed: bad magic 0x59414c454e4e5248, expected "
                             "0x59414c45524e5248 (\"HRNRELAY\")\nFailed to initialize RelayReaderGeneric\n");
 }
 

@@ -30,7 +30,8 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
 // Opens `path` read-only for reading or mapping a table file and returns the
 // descriptor (the caller closes it), or -1 with `error` set. O_NONBLOCK keeps
 // a FIFO or device left in place of a table file from blocking the open; such
-// a file, or anything else that is not a regular file, is refused. The
+// a file, a symbolic link (never followed: O_NOFOLLOW), or anything else that
+// is not a regular file, is refused as "not a regular file". The
 // fstat that decided is handed back in `status` when it is given, so callers
 // that need the size do not ask again.
 int openRegularFile(const std::string& path, std::string& error, struct stat* status = nullptr);

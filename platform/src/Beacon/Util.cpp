@@ -62,9 +62,11 @@ void tolerateShrinkingMappings() {
 }
 
 int openRegularFile(const std::string& path, std::string& error, struct stat* status) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // O_NOFOLLOW: a symbolic link in place of a table file could point at
+  // any file or device on the host; it is refused like a FIFO.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   if (fd < 0) {
-    error = std::strerror(errno);
+    error = errno == ELOOP ? "not a regular file" : std::strerror(errno);
     return -1;
   }
   struct stat st {};

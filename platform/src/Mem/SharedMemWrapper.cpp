@@ -25,7 +25,8 @@ SharedMemWrapper::~SharedMemWrapper() {
 
 std::size_t SharedMemWrapper::memSize() const {
   struct stat st {};
-  int rc = fd_ >= 0 ? ::fstat(fd_, &st) : ::stat(path_.c_str(), &st);
+  // lstat: a symbolic link is not a table file, whatever it points at.
+  int rc = fd_ >= 0 ? ::fstat(fd_, &st) : ::lstat(path_.c_str(), &st);
   if (rc != 0 || !S_ISREG(st.st_mode)) {
     return 0;
   }
@@ -37,7 +38,7 @@ bool SharedMemWrapper::open(Mode mode) {
     return mode_ == mode || mode == Mode::ReadOnly;
   }
   fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_)
-                               : ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+                               : ::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
   if (fd_ < 0) {
     if (mode != Mode::ReadOnly) {
       lastError_ = std::strerror(errno);

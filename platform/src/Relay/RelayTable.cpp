@@ -80,8 +80,10 @@ bool RelayTable<Slot>::Header::validate(Beacon::Platform::DebugHandler& handler,
   // The header is live memory: each word is loaded once.
   const std::uint64_t magicWord = Shared::load64(this, 0);
   if (magicWord != kMagic) {
-    error = fmt::format("bad magic 0x{:x} (\"{}\"), expected 0x{:x} (\"{}\")", magicWord,
-                        Beacon::Util::decodeMagic(magicWord), kMagic, Beacon::Util::decodeMagic(kMagic));
+    // The file's bytes only in hexadecimal: they may be anything (a file
+    // that a link pointed at, control characters).
+    error =
+        fmt::format("bad magic 0x{:x}, expected 0x{:x} (\"{}\")", magicWord, kMagic, Beacon::Util::decodeMagic(kMagic));
     return false;
   }
   const std::uint32_t versionWord = Shared::load32(this, 8);

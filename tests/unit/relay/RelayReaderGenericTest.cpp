@@ -143,7 +143,7 @@ TEST_F(RelayReaderTest, InitializeReportsWrongMagic) {
   EXPECT_FALSE(reader.initialize());
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Relay " + dir +
-                " validation failed: bad magic 0x59524155514e5248 (\"HRNQUARY\"), expected 0x59414c45524e5248 "
+                " validation failed: bad magic 0x59524155514e5248, expected 0x59414c45524e5248 "
                 "(\"HRNRELAY\")\n");
 }
 
