@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
 #include "HeronClientScanner.h"
 #include "Mem/TableFinder.h"
 #include "ReportOutput.h"
@@ -116,7 +117,7 @@ namespace Heron {
 Beacon::Platform::DebugHandler& debugHandler() { return *heronHandler; }
 
 int printHeron(const std::string& typeName, const Mem::RootPath& /*root*/, std::ostream* /*out*/, Style /*style*/) {
-  std::cerr << "No knowledge of root type:" << typeName << std::endl;
+  std::cerr << "No knowledge of root type:" << Beacon::Util::escapeText(typeName) << std::endl;
   return 1;
 }
 
@@ -228,7 +229,7 @@ int main(int argc, char** argv) {
   finder.find(expr.c_str(), SharedMem::Table);
   const std::vector<std::string>& matches = finder.matches();
   if (matches.empty()) {
-    std::cerr << "No table was found in " << root << std::endl;
+    std::cerr << "No table was found in " << Beacon::Util::escapeText(root.path()) << std::endl;
     if (std::getenv("Q7_CHROOT") != nullptr) {
       std::cerr << "The utility must be run from the same directory "
                 << "as the executable that produces the table." << std::endl;
@@ -236,7 +237,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (matches.size() == 1) {
-    std::cerr << "Table Name: " << matches.front() << std::endl << std::endl;
+    std::cerr << "Table Name: " << Beacon::Util::escapeText(matches.front()) << std::endl << std::endl;
     return printTable(outputFile, matches.front().c_str(), who, stats, regions, regionIds, detail, sortByOccupancy,
                       printEmpty, queues, style);
   }
@@ -245,7 +246,7 @@ int main(int argc, char** argv) {
       if (match == expr) {
         std::cerr << "Exact match found. There are other matches. "
                   << "To see the other matches, try using the following:" << std::endl;
-        std::cerr << "    '" << expr << "*'" << std::endl;
+        std::cerr << "    '" << Beacon::Util::escapeText(expr) << "*'" << std::endl;
         return printTable(outputFile, expr.c_str(), who, stats, regions, regionIds, detail, sortByOccupancy, printEmpty,
                           queues, style);
       }
@@ -254,7 +255,7 @@ int main(int argc, char** argv) {
   std::cerr << "More than one table was found. "
             << "Try again using one of the following tables:" << std::endl;
   for (const std::string& match : matches) {
-    std::cerr << "  - " << match << std::endl;
+    std::cerr << "  - " << Beacon::Util::escapeText(match) << std::endl;
   }
   return 1;
 }
@@ -294,7 +295,7 @@ int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool
   if (style != Heron::Text) {
     std::string typeName = owner.typeName();
     if (typeName.empty()) {
-      std::cerr << "Failed to fetch type of root, rootPath:" << root << std::endl;
+      std::cerr << "Failed to fetch type of root, rootPath:" << Beacon::Util::escapeText(root.path()) << std::endl;
       return 1;
     }
     return Heron::printHeron(typeName, root, out, style);

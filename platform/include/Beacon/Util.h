@@ -47,6 +47,13 @@ int openRegularFile(const std::string& path, std::string& error, struct stat* st
 // Readers call it before they map.
 void tolerateShrinkingMappings();
 
+// `text` made safe for a terminal: printable ASCII stays as it is, a
+// backslash becomes "\\", newline, tab and carriage return "\n", "\t",
+// "\r", and every other byte (control characters, bytes from 0x7f up)
+// "\xHH". Used for every text that comes from a file or from another process
+// (names, owner fields) before it is printed.
+std::string escapeText(const std::string& text);
+
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.
 std::string decodeMagic(unsigned long long magic);

@@ -118,6 +118,31 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
   return text;
 }
 
+std::string escapeText(const std::string& text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte == '\\') {
+      escaped += "\\\\";
+    } else if (byte >= 0x20 && byte < 0x7F) {
+      escaped += c;
+    } else if (byte == '\n') {
+      escaped += "\\n";
+    } else if (byte == '\t') {
+      escaped += "\\t";
+    } else if (byte == '\r') {
+      escaped += "\\r";
+    } else {
+      escaped += "\\x";
+      escaped += kHex[byte >> 4];
+      escaped += kHex[byte & 0xFU];
+    }
+  }
+  return escaped;
+}
+
 std::string decodeMagic(unsigned long long magic) {
   std::string text(8, '.');
   for (std::size_t i = 0; i < 8; ++i) {

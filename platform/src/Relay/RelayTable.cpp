@@ -54,7 +54,8 @@ std::size_t padTo(char* out, std::size_t used, std::size_t width) {
 template <typename Slot>
 RelayTable<Slot>::RelayTable(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool)
     : Beacon::Debuggable(handler),
-      name_(root.path()),
+      // Printed in messages: the directory's name, made safe for a terminal.
+      name_(Beacon::Util::escapeText(root.path())),
       files_{{handler, root.fullPath("relay.1")}, {handler, root.fullPath("relay.2")}} {}
 
 template <typename Slot>
