@@ -57,6 +57,10 @@ int commandCreate(const std::string& name, const Options& options) {
   std::string typeName = options.get("type-name", "HeronTable");
   Mem::OrbRootPath root(handler(), name, false);
   std::string error;
+  if (!Mem::checkTablePath(root.path(), error)) {
+    std::cerr << "heron-sim create: " << error << '\n';
+    return 1;
+  }
   struct stat st {};
   if (::stat(root.fullPath("owner").c_str(), &st) == 0) {
     std::cerr << "heron-sim create: table " << root << " already exists\n";

@@ -108,6 +108,11 @@ bool OwnerFile::header(Header& out) const {
 
 bool OwnerFile::create(const Mem::RootPath& root, SharedMemType type, const std::string& typeName, EmberId ember,
                        std::string& error) {
+  // The owner file is what makes a directory a table: no table is made
+  // under a name the client reports could not attribute.
+  if (!Mem::checkTablePath(root.path(), error)) {
+    return false;
+  }
   Header header{};
   header.magic = kMagic;
   header.version = kVersion;
