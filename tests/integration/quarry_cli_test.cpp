@@ -449,3 +449,54 @@ TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   EXPECT_GT(runs, 4U);
   EXPECT_GT(entries, 0U);
 }
+
+namespace {
+
+// Overwrites the 32-bit word at `offset` of `path`.
+bool patchWord(const std::string& path, off_t offset, std::uint32_t value) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(offset);
+  file.write(reinterpret_cast<const char*>(&value), sizeof value);
+  return static_cast<bool>(file);
+}
+
+constexpr off_t kUsedUnitsAt = 16;
+
+TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 0xFFFFFFFFU));
+  Outcome detail = heron("-d t");
+  EXPECT_EQ(detail.status, 0) << detail.err;
+  // Region 1 counts as full: 64 + 8 of 80 bytes.
+  EXPECT_NE(detail.out.find("  used          72\n"), std::string::npos) << detail.out;
+  EXPECT_NE(detail.out.find("  occupancy     90%\n"), std::string::npos) << detail.out;
+  EXPECT_TRUE(endsWith(detail.out,
+                       "       1          16         4         4       100%           0            64"
+                       "  inconsistent: used count 4294967295, bitmap 2\n"))
+      << detail.out;
+  Outcome who = heron("-w t");
+  EXPECT_EQ(who.status, 0) << who.err;
+  EXPECT_NE(who.out.find("numRegions:2 totalSize:80B pagesFree:0 occupancyRate:90%\n"), std::string::npos) << who.out;
+}
+
+TEST_F(QuarryCli, BitmapThatDisagreesWithTheUsedCountIsMarked) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 1));
+  Outcome detail = heron("-d t");
+  EXPECT_EQ(detail.status, 0) << detail.err;
+  EXPECT_TRUE(endsWith(detail.out,
+                       "       1          16         4         1        25%           0            64"
+                       "  inconsistent: used count 1, bitmap 2\n"))
+      << detail.out;
+  Outcome dump = heron("-r 1 t");
+  EXPECT_EQ(dump.status, 0) << dump.err;
+  EXPECT_EQ(dump.out.rfind("Region 1: entry size 16, units 4, used 1, generation 8  inconsistent: used count 1, "
+                           "bitmap 2\n",
+                           0),
+            0U)
+      << dump.out;
+}
+
+}  // namespace

@@ -218,10 +218,31 @@ class Output {
   std::ofstream file_;
 };
 
-// Whole percent, truncated; 0 for an empty total.
+// Whole percent, truncated, never above 100; 0 for an empty total.
 unsigned percent(std::uint64_t part, std::uint64_t whole) {
-  return whole == 0 ? 0U : static_cast<unsigned>(part * 100 / whole);
+  return whole == 0 ? 0U : static_cast<unsigned>(std::min<std::uint64_t>(part, whole) * 100 / whole);
 }
+
+// A region's used count checked against its unit count and its bitmap. A
+// count above the unit count, or one the bitmap disagrees with, is damage
+// (or a writer that broke the protocol): the region is marked inconsistent
+// and its used figure is clamped to the unit count.
+struct UsedCount {
+  UsedCount(const RegionSnapshot& copy, std::uint32_t units)
+      : counted(copy.usedUnits),
+        inBitmap(static_cast<std::uint32_t>(copy.used.size())),
+        used(std::min(copy.usedUnits, units)),
+        agrees(copy.usedUnits <= units && copy.usedUnits == copy.used.size()) {}
+  // "  inconsistent: used count N, bitmap M", or "" when the counts agree.
+  std::string mark() const {
+    return agrees ? std::string() : fmt::format("  inconsistent: used count {}, bitmap {}", counted, inBitmap);
+  }
+
+  std::uint32_t counted;
+  std::uint32_t inBitmap;
+  std::uint32_t used;
+  bool agrees;
+};
 
 struct Row {
   std::uint32_t id;
@@ -230,6 +251,7 @@ struct Row {
   std::uint32_t used;
   std::uint32_t freePages;
   bool consistent;
+  std::string countMark;
 };
 
 constexpr unsigned kPreviewBytes = 16;
@@ -287,7 +309,8 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
     const RegionScanner& region = *entry.second;
     region.snapshot(copy, 0, kCopyAttempts);
     const RegionHeader& h = region.header();
-    Row row{entry.first, h.unitSize, h.unitCount, copy.usedUnits, region.numFreePages(copy), copy.consistent};
+    const UsedCount count(copy, h.unitCount);
+    Row row{entry.first, h.unitSize, h.unitCount, count.used, region.numFreePages(copy), copy.consistent, count.mark()};
     bytes += static_cast<std::uint64_t>(row.units) * row.unitSize;
     usedBytes += static_cast<std::uint64_t>(row.used) * row.unitSize;
     pagesFree += row.freePages;
@@ -329,7 +352,7 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
     for (const Row& row : rows) {
       fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>10}%{:>12}{:>14}{}\n", row.id, row.unitSize, row.units, row.used,
                      percent(row.used, row.units), row.freePages, static_cast<std::uint64_t>(row.units) * row.unitSize,
-                     row.consistent ? "" : "  inconsistent");
+                     row.consistent ? row.countMark : "  inconsistent");
     }
   }
   for (const BadRegion& bad : this->badRegions_) {
@@ -394,8 +417,9 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
       output.write(text);
       continue;
     }
-    fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}\n", id, h.unitSize, units,
-                   copy.usedUnits, copy.generation);
+    const UsedCount count(copy, units);
+    fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}{}\n", id, h.unitSize, units,
+                   count.used, copy.generation, count.mark());
     fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
     std::size_t next = 0;  // index into copy.used
     for (std::uint32_t unit = 0; unit < units; ++unit) {
