@@ -90,6 +90,9 @@ class Reader : public Mem::InotifyMgr::Watcher {
   // present that is not attached yet. Files that cannot be attached are
   // listed in badRegions().
   void attachRegions();
+  // The same for the regions named in `regionIds` only (ids that name no
+  // region file are left out); no other region is mapped.
+  void attachRegions(const std::unordered_set<unsigned>& regionIds);
   // Delivers pending directory events (deletions detach regions).
   void pollEvents() { watch_.poll(); }
 

@@ -158,6 +158,18 @@ bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
 }
 
 template <typename Scanner>
+void Reader<Scanner>::attachRegions(const std::unordered_set<unsigned>& regionIds) {
+  watch_.poll();
+  badRegions_.clear();
+  for (unsigned id : regionIds) {
+    if (id != 0 && id <= QuarryHeader::kMaxRegionId && regions_.count(id) == 0) {
+      attachRegion(id);
+    }
+  }
+  std::sort(badRegions_.begin(), badRegions_.end(), [](const BadRegion& a, const BadRegion& b) { return a.id < b.id; });
+}
+
+template <typename Scanner>
 void Reader<Scanner>::attachRegions() {
   watch_.poll();
   badRegions_.clear();
@@ -364,7 +376,13 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
 
 template <typename Scanner>
 void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty) {
-  this->attachRegions();
+  if (regionIds.empty()) {
+    this->attachRegions();
+  } else {
+    // Only the regions asked for are mapped: with many large regions,
+    // mapping all of them can exhaust the address space.
+    this->attachRegions(regionIds);
+  }
   std::vector<std::uint32_t> ids;
   for (const auto& entry : this->regions_) {
     if (regionIds.empty() || regionIds.count(entry.first) != 0) {

@@ -244,3 +244,26 @@ TEST_F(QuarryOutputTest, UnopenableOutputFileIsReportedAndNothingGoesToStandardO
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(err, "Error opening " + missing + "\nError opening " + missing + "\n");
 }
+
+namespace {
+
+class RegionSelection : public QuarryTest::TableDir {};
+
+// -r maps the regions asked for and no other.
+TEST_F(RegionSelection, ScanOfChosenRegionsMapsOnlyThose) {
+  region(16, 4);
+  region(16, 4);
+  region(64, 8);
+  Quarry::QuarryScannerBase<Quarry::NoMapScanner> scanner(handler_, root_, outputPath());
+  ASSERT_TRUE(scanner.initialize());
+  scanner.scanRegions({2, 9}, false);
+  EXPECT_EQ(scanner.attachedRegions(), 1U);
+  EXPECT_TRUE(scanner.isAttached(2));
+  EXPECT_EQ(QuarryTest::readFile(outputPath()),
+            "Region 2: entry size 16, units 4, used 0, generation 0\n"
+            "  offset        unit    size  preview\n"
+            "Region 9: not found\n");
+  ::unlink(outputPath().c_str());
+}
+
+}  // namespace
