@@ -427,7 +427,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
     }
     const RegionScanner& region = *found->second;
     const RegionHeader& h = region.header();
-    region.snapshot(copy, kPreviewBytes, kCopyAttempts);
+    region.snapshot(copy, kPreviewBytes, kCopyAttempts, printEmpty);
     const std::uint32_t units = h.unitCount;
     if (!copy.consistent) {
       fmt::format_to(out, "Region {}: entry size {}, units {}: inconsistent after {} attempts; entries not shown\n", id,
@@ -451,11 +451,14 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
         continue;
       }
       fmt::format_to(out, "  0x{:08x} {:>7} {:>7}  ", Offset::encode(id, unit), unit, h.unitSize);
+      // With printEmpty the previews cover every unit: a free one shows what
+      // its last entry left in memory.
+      const std::size_t at = copy.everyUnit ? unit : next;
+      appendPreview(text, copy.previews.data() + at * copy.previewBytes, copy.previewBytes);
       if (used) {
-        appendPreview(text, copy.previews.data() + next * copy.previewBytes, copy.previewBytes);
         ++next;
       } else {
-        text += "empty";
+        text += "  free";
       }
       text += '\n';
     }
