@@ -73,6 +73,12 @@ std::size_t RelayTable<Slot>::Header::fileSize(unsigned notifications) {
 template <typename Slot>
 bool RelayTable<Slot>::Header::validate(Beacon::Platform::DebugHandler& handler, unsigned fileSize,
                                         unsigned minCapacity, std::string& error) const {
+  return validateSize(handler, fileSize, minCapacity, error);
+}
+
+template <typename Slot>
+bool RelayTable<Slot>::Header::validateSize(Beacon::Platform::DebugHandler& handler, std::uint64_t fileSize,
+                                            unsigned minCapacity, std::string& error) const {
   if (fileSize < kHeaderSize) {
     error = fmt::format("file holds {} bytes, less than the {}-byte header ({} bytes short)", fileSize, kHeaderSize,
                         kHeaderSize - fileSize);
