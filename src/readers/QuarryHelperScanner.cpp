@@ -9,6 +9,11 @@ namespace Heron {
 
 void QuarryHelperScanner::fillHeader(Model::HeaderInfo& info) {
   attachRegions();
+  if (!listError_.empty()) {
+    // The table directory could not be listed: the region figures are not
+    // known, which is not the same as none (they stay "NA").
+    return;
+  }
   if (regions_.empty()) {
     info.numRegions = 0;
     info.totalSize = 0;

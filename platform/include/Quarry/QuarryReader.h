@@ -101,6 +101,9 @@ class Reader : public Mem::InotifyMgr::Watcher {
   bool isAttached(std::uint32_t regionId) const { return regions_.count(regionId) != 0; }
   std::uint64_t detachedRegions() const { return *detachedCounter_; }
   const std::vector<BadRegion>& badRegions() const { return badRegions_; }
+  // Why the last attachRegions() could not list the table directory
+  // ("cannot list <dir>: <error>"), or "" when it could.
+  const std::string& listError() const { return listError_; }
   const ReaderCounters& counters() const { return counters_; }
   bool watching() const { return watch_.enabled(); }
 
@@ -124,6 +127,7 @@ class Reader : public Mem::InotifyMgr::Watcher {
   std::unique_ptr<RetiredRegions> retiredRegions_;
   std::function<void(std::uint32_t)> onRegionDetached_;
   std::vector<BadRegion> badRegions_;
+  std::string listError_;
 };
 
 template <typename Scanner>

@@ -161,6 +161,7 @@ template <typename Scanner>
 void Reader<Scanner>::attachRegions(const std::unordered_set<unsigned>& regionIds) {
   watch_.poll();
   badRegions_.clear();
+  listError_.clear();
   for (unsigned id : regionIds) {
     if (id != 0 && id <= QuarryHeader::kMaxRegionId && regions_.count(id) == 0) {
       attachRegion(id);
@@ -173,8 +174,11 @@ template <typename Scanner>
 void Reader<Scanner>::attachRegions() {
   watch_.poll();
   badRegions_.clear();
+  listError_.clear();
   DIR* dir = ::opendir(regionRoot_.path().c_str());
   if (dir == nullptr) {
+    // Not "no regions": the regions could not be seen.
+    listError_ = "cannot list " + Beacon::Util::escapeText(regionRoot_.path()) + ": " + std::strerror(errno);
     return;
   }
   while (const struct dirent* entry = ::readdir(dir)) {
@@ -334,6 +338,16 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
   std::string text;
   auto out = std::back_inserter(text);
   fmt::format_to(out, "Region allocator statistics\n");
+  if (!this->listError_.empty()) {
+    // No region figure would be true: only the allocator's own counters.
+    fmt::format_to(out, "  regions: {}\n", this->listError_);
+    fmt::format_to(out, "  {:<14}{}\n", "allocations", counters.allocations);
+    fmt::format_to(out, "  {:<14}{}{}\n", "releases", counters.releases,
+                   countersConsistent ? "" : "  (counters inconsistent)");
+    Output output(outputFile_, outputError_);
+    output.write(text);
+    return;
+  }
   fmt::format_to(out, "  {:<14}{}\n", "regions", rows.size());
   fmt::format_to(out, "  {:<14}{}\n", "bytes", bytes);
   fmt::format_to(out, "  {:<14}{}\n", "used", usedBytes);
@@ -402,6 +416,10 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
   std::sort(ids.begin(), ids.end());
 
   Output output(outputFile_, outputError_);
+  if (!this->listError_.empty()) {
+    output.write("Region allocator: " + this->listError_ + "\n");
+    return;
+  }
   if (ids.empty()) {
     output.write("Region allocator: no regions\n");
     return;
