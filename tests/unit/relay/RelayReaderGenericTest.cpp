@@ -100,7 +100,8 @@ TEST_F(RelayReaderTest, InitializeAcceptsAQueueLargerThanFourGibibytes) {
   const std::uint64_t size = 88 + 12 * static_cast<std::uint64_t>(capacity);
   const std::vector<char> header = fileBytes(validHeader(capacity), {}, 88);
   ASSERT_TRUE(writeQueue(dir, header, header));
-  if (!RelayTest::truncateFile(dir + "/relay.1", size) || !RelayTest::truncateFile(dir + "/relay.2", size)) {
+  if (::truncate((dir + "/relay.1").c_str(), static_cast<off_t>(size)) != 0 ||
+      ::truncate((dir + "/relay.2").c_str(), static_cast<off_t>(size)) != 0) {
     GTEST_SKIP() << "no room for a sparse file of " << size << " bytes here";
   }
   Reader reader(RelayTest::handler(), root, false);
