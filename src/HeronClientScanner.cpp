@@ -778,7 +778,7 @@ int HeronClientScanner::doGetClientInfo(bool json) const {
   warnRunAsRoot();
   Model::HeronTable table("");
   if (getClients(table) != 0) {
-    std::cerr << "Error getting clients of Heron " << tableName << std::endl;
+    std::cerr << "Error getting clients of Heron " << Beacon::Util::escapeText(tableName) << std::endl;
     return 1;
   }
   if (json) {

@@ -4,7 +4,6 @@
 #include <getopt.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -12,8 +11,10 @@
 #include <string>
 
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
 #include "HeronClientScanner.h"
 #include "Mem/TableFinder.h"
+#include "ReportOutput.h"
 #include "SharedMem/OwnerFile.h"
 #include "readers/QuarryHelperScanner.h"
 #include "readers/RelayHelperScanner.h"
@@ -104,6 +105,11 @@ void printStatistics(std::ostream& out, const SharedMem::OwnerFile& owner, Heron
   quarry.printStats(detail, sortByOccupancy);
 }
 
+// printTable after its output is open: the styled, client or dump road.
+int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool stats, bool regions,
+              const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
+              bool queues, Heron::Style style);
+
 }  // namespace
 
 namespace Heron {
@@ -111,7 +117,7 @@ namespace Heron {
 Beacon::Platform::DebugHandler& debugHandler() { return *heronHandler; }
 
 int printHeron(const std::string& typeName, const Mem::RootPath& /*root*/, std::ostream* /*out*/, Style /*style*/) {
-  std::cerr << "No knowledge of root type:" << typeName << std::endl;
+  std::cerr << "No knowledge of root type:" << Beacon::Util::escapeText(typeName) << std::endl;
   return 1;
 }
 
@@ -210,25 +216,20 @@ int main(int argc, char** argv) {
   Mem::OrbRootPath root(handler, "", false);
 
   if (pid != 0 || whoAll) {
-    std::ofstream file;
-    std::ostream* out = &std::cout;
-    if (!outputFile.empty()) {
-      file.open(outputFile, std::ios::out);
-      if (!file) {
-        std::cerr << "Error opening " << outputFile << std::endl;
-        return 1;
-      }
-      out = &file;
+    ReportOutput output;
+    if (!output.open(outputFile, {root.path()})) {
+      return 1;
     }
-    HeronClientScanner scanner(out, root, "");
-    return whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(pid);
+    HeronClientScanner scanner(&output.stream(), root, "");
+    const int status = whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(pid);
+    return output.finish() ? status : 1;
   }
 
   Mem::TableFinder finder(handler, root);
   finder.find(expr.c_str(), SharedMem::Table);
   const std::vector<std::string>& matches = finder.matches();
   if (matches.empty()) {
-    std::cerr << "No table was found in " << root << std::endl;
+    std::cerr << "No table was found in " << Beacon::Util::escapeText(root.path()) << std::endl;
     if (std::getenv("Q7_CHROOT") != nullptr) {
       std::cerr << "The utility must be run from the same directory "
                 << "as the executable that produces the table." << std::endl;
@@ -236,7 +237,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (matches.size() == 1) {
-    std::cerr << "Table Name: " << matches.front() << std::endl << std::endl;
+    std::cerr << "Table Name: " << Beacon::Util::escapeText(matches.front()) << std::endl << std::endl;
     return printTable(outputFile, matches.front().c_str(), who, stats, regions, regionIds, detail, sortByOccupancy,
                       printEmpty, queues, style);
   }
@@ -245,7 +246,7 @@ int main(int argc, char** argv) {
       if (match == expr) {
         std::cerr << "Exact match found. There are other matches. "
                   << "To see the other matches, try using the following:" << std::endl;
-        std::cerr << "    '" << expr << "*'" << std::endl;
+        std::cerr << "    '" << Beacon::Util::escapeText(expr) << "*'" << std::endl;
         return printTable(outputFile, expr.c_str(), who, stats, regions, regionIds, detail, sortByOccupancy, printEmpty,
                           queues, style);
       }
@@ -254,7 +255,7 @@ int main(int argc, char** argv) {
   std::cerr << "More than one table was found. "
             << "Try again using one of the following tables:" << std::endl;
   for (const std::string& match : matches) {
-    std::cerr << "  - " << match << std::endl;
+    std::cerr << "  - " << Beacon::Util::escapeText(match) << std::endl;
   }
   return 1;
 }
@@ -264,17 +265,29 @@ int main(int argc, char** argv) {
 int printTable(const std::string& outputFile, const char* tableName, bool who, bool stats, bool regions,
                const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
                bool queues, Heron::Style style) {
-  std::ofstream file;
-  std::ostream* out = &std::cout;
-  if (!outputFile.empty()) {
-    file.open(outputFile, std::ios::out);
-    if (!file) {
-      std::cerr << "Error opening " << outputFile << std::endl;
+  Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
+  Heron::ReportOutput output;
+  {
+    // Neither the collection root nor the table's own directory (which may
+    // lie outside it) ever receives the report.
+    Mem::OrbRootPath collection(handler, "", false);
+    Mem::OrbRootPath table(handler, std::string(tableName), false);
+    if (!output.open(outputFile, {collection.path(), table.path()})) {
       return 1;
     }
-    out = &file;
   }
+  const int status =
+      dumpTable(output, tableName, who, stats, regions, regionIds, detail, sortByOccupancy, printEmpty, queues, style);
+  return output.finish() ? status : 1;
+}
 
+namespace {
+
+int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool stats, bool regions,
+              const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
+              bool queues, Heron::Style style) {
+  std::ostream* out = &output.stream();
+  const std::string outputFile = output.isFile() ? output.name() : std::string();
   Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
   Mem::OrbRootPath root(handler, std::string(tableName), true);
   SharedMem::OwnerFile owner(handler, root, false);
@@ -282,7 +295,7 @@ int printTable(const std::string& outputFile, const char* tableName, bool who, b
   if (style != Heron::Text) {
     std::string typeName = owner.typeName();
     if (typeName.empty()) {
-      std::cerr << "Failed to fetch type of root, rootPath:" << root << std::endl;
+      std::cerr << "Failed to fetch type of root, rootPath:" << Beacon::Util::escapeText(root.path()) << std::endl;
       return 1;
     }
     return Heron::printHeron(typeName, root, out, style);
@@ -306,18 +319,20 @@ int printTable(const std::string& outputFile, const char* tableName, bool who, b
 
   if (stats || detail) {
     printStatistics(*out, owner, relay, quarry, detail, sortByOccupancy);
-    return 0;
-  }
-  if (regions) {
-    out->flush();
-    quarry.scanRegions(regionIds, printEmpty);
-    if (file.is_open()) {
-      // The region scanner appended to the file through its own stream.
-      file.seekp(0, std::ios::end);
+  } else {
+    if (regions) {
+      // The region scanner appends to the same file through its own stream.
+      out->flush();
+      quarry.scanRegions(regionIds, printEmpty);
+    }
+    if (queues) {
+      relay.scan(*out, !printEmpty);
     }
   }
-  if (queues) {
-    relay.scan(*out, !printEmpty);
+  if (quarry.outputError() != 0) {
+    output.writeFailed(quarry.outputError());
   }
   return 0;
 }
+
+}  // namespace

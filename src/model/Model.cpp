@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "Beacon/Util.h"
+
 namespace Heron {
 namespace Model {
 
@@ -63,7 +65,9 @@ std::string HeronTable::printClients(const HeronType& type) const {
   }
   for (std::size_t i = 0; i < list.size(); ++i) {
     const HeronClient& client = list[i];
-    std::string entry = fmt::format("{}-{}({})", client.command, client.pid, client.procName);
+    // Command and process names are any bytes a process chose: escaped.
+    std::string entry = fmt::format("{}-{}({})", Beacon::Util::escapeText(client.command), client.pid,
+                                    Beacon::Util::escapeText(client.procName));
     if (i + 1 < list.size()) {
       fmt::format_to(std::back_inserter(text), "{} ", entry);
     } else {
@@ -74,7 +78,7 @@ std::string HeronTable::printClients(const HeronType& type) const {
 }
 
 std::string HeronTable::print() const {
-  std::string text = fmt::format("Heron table \"{}\"\n{}", name, headerInfo.print());
+  std::string text = fmt::format("Heron table \"{}\"\n{}", Beacon::Util::escapeText(name), headerInfo.print());
   bool allEmpty = true;
   for (const auto& entry : clients) {
     if (!entry.second.empty()) {

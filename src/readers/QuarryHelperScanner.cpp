@@ -1,5 +1,6 @@
 #include "readers/QuarryHelperScanner.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "Quarry/Region.h"
@@ -8,6 +9,11 @@ namespace Heron {
 
 void QuarryHelperScanner::fillHeader(Model::HeaderInfo& info) {
   attachRegions();
+  if (!listError_.empty()) {
+    // The table directory could not be listed: the region figures are not
+    // known, which is not the same as none (they stay "NA").
+    return;
+  }
   if (regions_.empty()) {
     info.numRegions = 0;
     info.totalSize = 0;
@@ -30,7 +36,9 @@ void QuarryHelperScanner::fillHeader(Model::HeaderInfo& info) {
     // Unit count and size as validated at attach; the used count as it is now.
     const Quarry::RegionHeader& header = scanner->header();
     const std::uint32_t units = header.unitCount;
-    const std::uint32_t used = scanner->usedUnits();
+    // A used count above the unit count is damage: clamped, so that the
+    // occupancy never exceeds 100 %.
+    const std::uint32_t used = std::min(scanner->usedUnits(), units);
     const std::uint32_t size = header.unitSize;
     // Products formed in 32 bits, then widened.
     const std::uint64_t usedProduct = static_cast<std::uint32_t>(used * size);
@@ -45,7 +53,8 @@ void QuarryHelperScanner::fillHeader(Model::HeaderInfo& info) {
   }
   info.totalSize = usedBytes + freeBytes;
   if (info.totalSize != 0) {
-    info.occupancyRate = static_cast<std::uint32_t>(usedBytes * 100 / info.totalSize);
+    // Products wrapped in 32 bits can still put usedBytes above the total.
+    info.occupancyRate = static_cast<std::uint32_t>(std::min<std::uint64_t>(usedBytes * 100 / info.totalSize, 100));
   }
 }
 

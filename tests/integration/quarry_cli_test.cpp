@@ -103,14 +103,14 @@ const char* const kRegionOneWithEmpty =
     "Region 1: entry size 16, units 4, used 2, generation 8\n"
     "  offset        unit    size  preview\n"
     "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
-    "  0x00100001       1      16  empty\n"
+    "  0x00100001       1      16  62 65 74 61 00 00 00 00 00 00 00 00 00 00 00 00  |beta............|  free\n"
     "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n"
-    "  0x00100003       3      16  empty\n";
+    "  0x00100003       3      16  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  |................|  free\n";
 const char* const kRegionTwoWithEmpty =
     "Region 2: entry size 8, units 2, used 1, generation 2\n"
     "  offset        unit    size  preview\n"
     "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n"
-    "  0x00200001       1       8  empty\n";
+    "  0x00200001       1       8  00 00 00 00 00 00 00 00                          |........|  free\n";
 // 16x4 and 8x2 units: one page each; region 1 holds 32 of 64 bytes, region 2
 // 8 of 16: 40 of 80 bytes, 50 %; both unit areas touched, no page free.
 const char* const kTotals =
@@ -300,7 +300,9 @@ TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
 TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
   makeSmallTable();
   if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
-  const std::string file = root_ + "/stats.txt";
+  // Outside the collection root: heron refuses to write into it.
+  HeronTest::TempDir outputs("quarry-cli-output");
+  const std::string file = outputs.path() + "/stats.txt";
   {
     std::ofstream stale(file);
     stale << std::string(10000, 'x') << '\n';  // truncated by heron first
@@ -316,7 +318,8 @@ TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
 TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
   makeSmallTable();
   if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
-  const std::string file = root_ + "/dump.txt";
+  HeronTest::TempDir outputs("quarry-cli-output");
+  const std::string file = outputs.path() + "/dump.txt";
   Outcome toFile = heron("-f " + file + " -a t");
   EXPECT_EQ(toFile.status, 0) << toFile.err;
   Outcome toStdout = heron("-a t");
@@ -444,3 +447,54 @@ TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   EXPECT_GT(runs, 4U);
   EXPECT_GT(entries, 0U);
 }
+
+namespace {
+
+// Overwrites the 32-bit word at `offset` of `path`.
+bool patchWord(const std::string& path, off_t offset, std::uint32_t value) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(offset);
+  file.write(reinterpret_cast<const char*>(&value), sizeof value);
+  return static_cast<bool>(file);
+}
+
+constexpr off_t kUsedUnitsAt = 16;
+
+TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 0xFFFFFFFFU));
+  Outcome detail = heron("-d t");
+  EXPECT_EQ(detail.status, 0) << detail.err;
+  // Region 1 counts as full: 64 + 8 of 80 bytes.
+  EXPECT_NE(detail.out.find("  used          72\n"), std::string::npos) << detail.out;
+  EXPECT_NE(detail.out.find("  occupancy     90%\n"), std::string::npos) << detail.out;
+  EXPECT_TRUE(endsWith(detail.out,
+                       "       1          16         4         4       100%           0            64"
+                       "  inconsistent: used count 4294967295, bitmap 2\n"))
+      << detail.out;
+  Outcome who = heron("-w t");
+  EXPECT_EQ(who.status, 0) << who.err;
+  EXPECT_NE(who.out.find("numRegions:2 totalSize:80B pagesFree:0 occupancyRate:90%\n"), std::string::npos) << who.out;
+}
+
+TEST_F(QuarryCli, BitmapThatDisagreesWithTheUsedCountIsMarked) {
+  makeSmallTable();
+  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 1));
+  Outcome detail = heron("-d t");
+  EXPECT_EQ(detail.status, 0) << detail.err;
+  EXPECT_TRUE(endsWith(detail.out,
+                       "       1          16         4         1        25%           0            64"
+                       "  inconsistent: used count 1, bitmap 2\n"))
+      << detail.out;
+  Outcome dump = heron("-r 1 t");
+  EXPECT_EQ(dump.status, 0) << dump.err;
+  EXPECT_EQ(dump.out.rfind("Region 1: entry size 16, units 4, used 1, generation 8  inconsistent: used count 1, "
+                           "bitmap 2\n",
+                           0),
+            0U)
+      << dump.out;
+}
+
+}  // namespace

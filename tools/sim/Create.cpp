@@ -51,6 +51,10 @@ int commandCreate(const std::string& name, const CreateSettings& settings) {
   const auto type = static_cast<SharedMem::SharedMemType>(settings.type);
   Mem::OrbRootPath root(handler(), name, false);
   std::string error;
+  if (!Mem::checkTablePath(root.path(), error)) {
+    std::cerr << "heron-sim create: " << error << '\n';
+    return 1;
+  }
   struct stat st {};
   if (::stat(root.fullPath("owner").c_str(), &st) == 0) {
     std::cerr << "heron-sim create: table " << root << " already exists\n";

@@ -41,7 +41,7 @@ class Mapping {
   }
 
   bool map(const std::string& path, bool readWrite, std::string& error) {
-    int fd = ::open(path.c_str(), readWrite ? O_RDWR : O_RDONLY);
+    int fd = ::open(path.c_str(), (readWrite ? O_RDWR : O_RDONLY) | O_NOFOLLOW);
     if (fd < 0) {
       error = path + ": " + std::strerror(errno);
       return false;

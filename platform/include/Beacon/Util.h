@@ -30,7 +30,8 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
 // Opens `path` read-only for reading or mapping a table file and returns the
 // descriptor (the caller closes it), or -1 with `error` set. O_NONBLOCK keeps
 // a FIFO or device left in place of a table file from blocking the open; such
-// a file, or anything else that is not a regular file, is refused. The
+// a file, a symbolic link (never followed: O_NOFOLLOW), or anything else that
+// is not a regular file, is refused as "not a regular file". The
 // fstat that decided is handed back in `status` when it is given, so callers
 // that need the size do not ask again.
 int openRegularFile(const std::string& path, std::string& error, struct stat* status = nullptr);
@@ -45,6 +46,13 @@ int openRegularFile(const std::string& path, std::string& error, struct stat* st
 // Installs the process-wide handler once; later calls only check for it.
 // Readers call it before they map.
 void tolerateShrinkingMappings();
+
+// `text` made safe for a terminal: printable ASCII stays as it is, a
+// backslash becomes "\\", newline, tab and carriage return "\n", "\t",
+// "\r", and every other byte (control characters, bytes from 0x7f up)
+// "\xHH". Used for every text that comes from a file or from another process
+// (names, owner fields) before it is printed.
+std::string escapeText(const std::string& text);
 
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.

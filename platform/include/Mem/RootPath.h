@@ -41,6 +41,14 @@ class OrbRootPath : public RootPath {
   static std::string collectionRoot();
 };
 
+// Whether a table may be created at `path` (its full path). The client
+// reports find tables in /proc/<pid>/maps, whose lines are split on blanks
+// and in which the kernel writes a newline as the four characters "\012":
+// a path holding a blank, a control character (bytes 0 to 0x1f and 0x7f) or
+// a backslash could not be attributed to its table. False with `error` set
+// to one line naming the path (escaped) and the first such byte.
+bool checkTablePath(const std::string& path, std::string& error);
+
 // realpath() of `path` when it exists, else `path` unchanged.
 std::string canonical(const std::string& path);
 

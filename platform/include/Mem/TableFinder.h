@@ -9,7 +9,7 @@
 //                         root matches when it is itself a table
 //   anything else         the names that begin with it
 // Matches are in byte order of their names. Symlinked directories are not
-// followed.
+// followed; there is no depth limit short of the system's path length.
 #pragma once
 
 #include <string>
@@ -37,7 +37,7 @@ class TableFinder {
   void search(const char* expr, SharedMem::SharedMemType kind);
   bool accepts(const std::string& dir, SharedMem::SharedMemType kind) const;
   void walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
-            std::vector<std::string>& names, int depth) const;
+            std::vector<std::string>& names) const;
 
   Beacon::Platform::DebugHandler& handler_;
   RootPath root_;

@@ -90,6 +90,9 @@ class Reader : public Mem::InotifyMgr::Watcher {
   // present that is not attached yet. Files that cannot be attached are
   // listed in badRegions().
   void attachRegions();
+  // The same for the regions named in `regionIds` only (ids that name no
+  // region file are left out); no other region is mapped.
+  void attachRegions(const std::unordered_set<unsigned>& regionIds);
   // Delivers pending directory events (deletions detach regions).
   void pollEvents() { watch_.poll(); }
 
@@ -98,6 +101,9 @@ class Reader : public Mem::InotifyMgr::Watcher {
   bool isAttached(std::uint32_t regionId) const { return regions_.count(regionId) != 0; }
   std::uint64_t detachedRegions() const { return *detachedCounter_; }
   const std::vector<BadRegion>& badRegions() const { return badRegions_; }
+  // Why the last attachRegions() could not list the table directory
+  // ("cannot list <dir>: <error>"), or "" when it could.
+  const std::string& listError() const { return listError_; }
   const ReaderCounters& counters() const { return counters_; }
   bool watching() const { return watch_.enabled(); }
 
@@ -121,6 +127,7 @@ class Reader : public Mem::InotifyMgr::Watcher {
   std::unique_ptr<RetiredRegions> retiredRegions_;
   std::function<void(std::uint32_t)> onRegionDetached_;
   std::vector<BadRegion> badRegions_;
+  std::string listError_;
 };
 
 template <typename Scanner>
@@ -145,8 +152,14 @@ class QuarryScannerBase : public Reader<Scanner> {
   // Attempts made to copy a region before it is called inconsistent.
   static constexpr unsigned kCopyAttempts = 16;
 
+  // errno of the first failed write to the named output file, 0 when every
+  // write succeeded (or the output is standard output, whose stream the
+  // caller checks).
+  int outputError() const { return outputError_; }
+
  protected:
   std::string outputFile_;
+  int outputError_ = 0;
 };
 
 }  // namespace Quarry

@@ -45,10 +45,13 @@ class RegionReader {
 struct RegionSnapshot {
   std::uint64_t generation = 0;
   std::uint32_t usedUnits = 0;
-  std::vector<unsigned char> bitmap;    // unitCount bits
-  std::vector<std::uint32_t> used;      // indices of the used units, ascending
-  std::vector<unsigned char> previews;  // previewBytes per used unit, in `used` order
+  std::vector<unsigned char> bitmap;  // unitCount bits
+  std::vector<std::uint32_t> used;    // indices of the used units, ascending
+  // previewBytes per used unit, in `used` order; with `everyUnit`, per unit
+  // in unit order, free units included.
+  std::vector<unsigned char> previews;
   unsigned previewBytes = 0;
+  bool everyUnit = false;
   unsigned attempts = 0;
   bool consistent = false;
 };
@@ -59,8 +62,9 @@ class RegionScanner : public RegionReader {
   // Copies usedUnits and the bitmap (and the first `previewBytes` of each
   // used unit), retrying up to `attempts` times while the writer changes the
   // region. `consistent` is false when no attempt succeeded; the last copy
-  // is kept.
-  void snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts) const;
+  // is kept. With `everyUnit` the previews cover every unit, free ones too
+  // (what a released entry left in memory).
+  void snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts, bool everyUnit = false) const;
   // Pages of the unit area that no used unit touches.
   std::uint32_t numFreePages() const;
   // The same, counted from a snapshot's bitmap.

@@ -58,6 +58,10 @@ class RelayTable : public Beacon::Debuggable {
     // Checks magic, version and that `fileSize` holds the announced
     // capacity; on failure `error` says what is wrong and by how much.
     bool validate(Beacon::Platform::DebugHandler& handler, unsigned fileSize, unsigned, std::string& error) const;
+    // The same for a file size of any width: a queue whose capacity needs
+    // more than 4 GiB - 1 bytes is valid where the file holds it.
+    bool validateSize(Beacon::Platform::DebugHandler& handler, std::uint64_t fileSize, unsigned minCapacity,
+                      std::string& error) const;
   };
 
   struct Notification {

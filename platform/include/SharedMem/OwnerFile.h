@@ -50,7 +50,9 @@ class OwnerFile : public Beacon::Debuggable {
   bool header(Header& out) const;
 
   // Writer side: creates `root`/owner (the directory must exist, the file
-  // must not). Returns false with `error` set on failure.
+  // must not). Returns false with `error` set on failure, also when the
+  // table's path is refused by Mem::checkTablePath (blanks, control
+  // characters, backslashes).
   static bool create(const Mem::RootPath& root, SharedMemType type, const std::string& typeName, EmberId ember,
                      std::string& error);
 

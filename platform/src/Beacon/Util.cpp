@@ -62,9 +62,11 @@ void tolerateShrinkingMappings() {
 }
 
 int openRegularFile(const std::string& path, std::string& error, struct stat* status) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // O_NOFOLLOW: a symbolic link in place of a table file could point at
+  // any file or device on the host; it is refused like a FIFO.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   if (fd < 0) {
-    error = std::strerror(errno);
+    error = errno == ELOOP ? "not a regular file" : std::strerror(errno);
     return -1;
   }
   struct stat st {};
@@ -114,6 +116,31 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
     text.pop_back();
   }
   return text;
+}
+
+std::string escapeText(const std::string& text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte == '\\') {
+      escaped += "\\\\";
+    } else if (byte >= 0x20 && byte < 0x7F) {
+      escaped += c;
+    } else if (byte == '\n') {
+      escaped += "\\n";
+    } else if (byte == '\t') {
+      escaped += "\\t";
+    } else if (byte == '\r') {
+      escaped += "\\r";
+    } else {
+      escaped += "\\x";
+      escaped += kHex[byte >> 4];
+      escaped += kHex[byte & 0xFU];
+    }
+  }
+  return escaped;
 }
 
 std::string decodeMagic(unsigned long long magic) {

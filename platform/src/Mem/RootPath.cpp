@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
 
 namespace Mem {
 
@@ -65,6 +66,21 @@ std::string resolve(const std::string& path) {
 }
 
 }  // namespace
+
+bool checkTablePath(const std::string& path, std::string& error) {
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(path[i]);
+    if (byte <= 0x20 || byte == 0x7F || byte == '\\') {
+      const char* what = byte == ' ' ? "a blank" : (byte == '\\' ? "a backslash" : "a control character");
+      error = "table name \"" + Beacon::Util::escapeText(path) + "\" holds " + what + " (\"" +
+              Beacon::Util::escapeText(std::string(1, path[i])) +
+              "\"): client reports could not attribute the table; use printable characters other than blank and "
+              "backslash";
+      return false;
+    }
+  }
+  return true;
+}
 
 OrbRootPath::OrbRootPath(Beacon::Platform::DebugHandler& handler, const std::string& path, bool verbose)
     : RootPath(resolve(path)) {

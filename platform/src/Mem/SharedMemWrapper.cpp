@@ -25,7 +25,8 @@ SharedMemWrapper::~SharedMemWrapper() {
 
 std::size_t SharedMemWrapper::memSize() const {
   struct stat st {};
-  int rc = fd_ >= 0 ? ::fstat(fd_, &st) : ::stat(path_.c_str(), &st);
+  // lstat: a symbolic link is not a table file, whatever it points at.
+  int rc = fd_ >= 0 ? ::fstat(fd_, &st) : ::lstat(path_.c_str(), &st);
   if (rc != 0 || !S_ISREG(st.st_mode)) {
     return 0;
   }
@@ -38,7 +39,7 @@ bool SharedMemWrapper::open(Mode mode, std::size_t* size) {
   }
   struct stat st {};
   fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_, &st)
-                               : ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+                               : ::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
   if (fd_ < 0) {
     if (mode != Mode::ReadOnly) {
       lastError_ = std::strerror(errno);

@@ -14,10 +14,6 @@ namespace Mem {
 
 namespace {
 
-// Deep enough for any sane naming scheme, shallow enough that a bind-mount
-// loop cannot keep the walk going.
-constexpr int kMaxDepth = 32;
-
 bool isTableOfKind(Beacon::Platform::DebugHandler& handler, const std::string& dir, SharedMem::SharedMemType kind) {
   SharedMem::OwnerFile owner(handler, RootPath(dir), false);
   return owner.status() == SharedMem::LoadStatus::Ok && owner.sharedMemType() == kind;
@@ -29,32 +25,35 @@ TableFinder::TableFinder(Beacon::Platform::DebugHandler& handler, const RootPath
     : handler_(handler), root_(root) {}
 
 void TableFinder::walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
-                       std::vector<std::string>& names, int depth) const {
-  if (depth > kMaxDepth) {
-    return;
-  }
-  Beacon::DirNode node(handler_, dir);
-  if (!node.isOpen()) {
-    return;
-  }
+                       std::vector<std::string>& names) const {
+  // No depth limit: symlinked directories are not followed, so the walk
+  // cannot cycle, and a path past the system's limit fails to open, which
+  // ends that branch. The directory is closed before the walk goes down, so
+  // deep trees do not hold one descriptor per level.
   std::vector<std::string> children;
-  while (const struct dirent* entry = node.readEntry()) {
-    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
-      continue;
+  {
+    Beacon::DirNode node(handler_, dir);
+    if (!node.isOpen()) {
+      return;
     }
-    // The entry's own type where the file system gives it (a symlink is
-    // DT_LNK, so a symlinked directory is not followed); lstat otherwise.
-    if (entry->d_type != DT_DIR) {
-      if (entry->d_type != DT_UNKNOWN) {
+    while (const struct dirent* entry = node.readEntry()) {
+      if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
         continue;
       }
-      const std::string child = dir + "/" + entry->d_name;
-      struct stat st {};
-      if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        continue;
+      // The entry's own type where the file system gives it (a symlink is
+      // DT_LNK, so a symlinked directory is not followed); lstat otherwise.
+      if (entry->d_type != DT_DIR) {
+        if (entry->d_type != DT_UNKNOWN) {
+          continue;
+        }
+        const std::string child = dir + "/" + entry->d_name;
+        struct stat st {};
+        if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+          continue;
+        }
       }
+      children.emplace_back(entry->d_name);
     }
-    children.emplace_back(entry->d_name);
   }
   for (const std::string& name : children) {
     std::string childDir = dir + "/" + name;
@@ -62,7 +61,7 @@ void TableFinder::walk(const std::string& dir, const std::string& relative, Shar
     if (accepts(childDir, kind)) {
       names.push_back(childName);
     }
-    walk(childDir, childName, kind, names, depth + 1);
+    walk(childDir, childName, kind, names);
   }
 }
 
@@ -107,7 +106,7 @@ void TableFinder::search(const char* expr, SharedMem::SharedMemType kind) {
   }
 
   std::vector<std::string> names;
-  walk(root, "", kind, names, 0);
+  walk(root, "", kind, names);
   std::sort(names.begin(), names.end());
 
   bool glob = pattern.find_first_of("*?[") != std::string::npos;

@@ -159,11 +159,27 @@ bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
 }
 
 template <typename Scanner>
+void Reader<Scanner>::attachRegions(const std::unordered_set<unsigned>& regionIds) {
+  watch_.poll();
+  badRegions_.clear();
+  listError_.clear();
+  for (unsigned id : regionIds) {
+    if (id != 0 && id <= QuarryHeader::kMaxRegionId && regions_.count(id) == 0) {
+      attachRegion(id);
+    }
+  }
+  std::sort(badRegions_.begin(), badRegions_.end(), [](const BadRegion& a, const BadRegion& b) { return a.id < b.id; });
+}
+
+template <typename Scanner>
 void Reader<Scanner>::attachRegions() {
   watch_.poll();
   badRegions_.clear();
+  listError_.clear();
   DIR* dir = ::opendir(regionRoot_.path().c_str());
   if (dir == nullptr) {
+    // Not "no regions": the regions could not be seen.
+    listError_ = "cannot list " + Beacon::Util::escapeText(regionRoot_.path()) + ": " + std::strerror(errno);
     return;
   }
   while (const struct dirent* entry = ::readdir(dir)) {
@@ -181,13 +197,16 @@ void Reader<Scanner>::attachRegions() {
 namespace {
 
 // The scanner's own output: the named file, appended to, or standard output.
+// The first failed write to the named file leaves its errno in `error`
+// (writes to standard output are the caller's to check).
 class Output {
  public:
-  explicit Output(const std::string& name) : named_(!name.empty()) {
+  Output(const std::string& name, int& error) : named_(!name.empty()), error_(error) {
     if (named_) {
       file_.open(name, std::ios::out | std::ios::app);
       if (!file_) {
         std::cerr << "Error opening " << name << std::endl;
+        record();
       }
     }
   }
@@ -195,16 +214,52 @@ class Output {
   // A file that could not be opened swallows the output (the failure was
   // reported); it never falls back to standard output.
   std::ostream& stream() { return named_ ? static_cast<std::ostream&>(file_) : std::cout; }
+  void write(const std::string& text) {
+    errno = 0;
+    stream() << text;
+    stream().flush();
+    if (named_ && !file_) {
+      record();
+    }
+  }
 
  private:
+  void record() {
+    if (error_ == 0) {
+      error_ = errno != 0 ? errno : EIO;
+    }
+  }
+
   bool named_;
+  int& error_;
   std::ofstream file_;
 };
 
-// Whole percent, truncated; 0 for an empty total.
+// Whole percent, truncated, never above 100; 0 for an empty total.
 unsigned percent(std::uint64_t part, std::uint64_t whole) {
-  return whole == 0 ? 0U : static_cast<unsigned>(part * 100 / whole);
+  return whole == 0 ? 0U : static_cast<unsigned>(std::min<std::uint64_t>(part, whole) * 100 / whole);
 }
+
+// A region's used count checked against its unit count and its bitmap. A
+// count above the unit count, or one the bitmap disagrees with, is damage
+// (or a writer that broke the protocol): the region is marked inconsistent
+// and its used figure is clamped to the unit count.
+struct UsedCount {
+  UsedCount(const RegionSnapshot& copy, std::uint32_t units)
+      : counted(copy.usedUnits),
+        inBitmap(static_cast<std::uint32_t>(copy.used.size())),
+        used(std::min(copy.usedUnits, units)),
+        agrees(copy.usedUnits <= units && copy.usedUnits == copy.used.size()) {}
+  // "  inconsistent: used count N, bitmap M", or "" when the counts agree.
+  std::string mark() const {
+    return agrees ? std::string() : fmt::format("  inconsistent: used count {}, bitmap {}", counted, inBitmap);
+  }
+
+  std::uint32_t counted;
+  std::uint32_t inBitmap;
+  std::uint32_t used;
+  bool agrees;
+};
 
 struct Row {
   std::uint32_t id;
@@ -213,6 +268,7 @@ struct Row {
   std::uint32_t used;
   std::uint32_t freePages;
   bool consistent;
+  std::string countMark;
 };
 
 constexpr unsigned kPreviewBytes = 16;
@@ -270,7 +326,8 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
     const RegionScanner& region = *entry.second;
     region.snapshot(copy, 0, kCopyAttempts);
     const RegionHeader& h = region.header();
-    Row row{entry.first, h.unitSize, h.unitCount, copy.usedUnits, region.numFreePages(copy), copy.consistent};
+    const UsedCount count(copy, h.unitCount);
+    Row row{entry.first, h.unitSize, h.unitCount, count.used, region.numFreePages(copy), copy.consistent, count.mark()};
     bytes += static_cast<std::uint64_t>(row.units) * row.unitSize;
     usedBytes += static_cast<std::uint64_t>(row.used) * row.unitSize;
     pagesFree += row.freePages;
@@ -282,6 +339,16 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
   std::string text;
   auto out = std::back_inserter(text);
   fmt::format_to(out, "Region allocator statistics\n");
+  if (!this->listError_.empty()) {
+    // No region figure would be true: only the allocator's own counters.
+    fmt::format_to(out, "  regions: {}\n", this->listError_);
+    fmt::format_to(out, "  {:<14}{}\n", "allocations", counters.allocations);
+    fmt::format_to(out, "  {:<14}{}{}\n", "releases", counters.releases,
+                   countersConsistent ? "" : "  (counters inconsistent)");
+    Output output(outputFile_, outputError_);
+    output.write(text);
+    return;
+  }
   fmt::format_to(out, "  {:<14}{}\n", "regions", rows.size());
   fmt::format_to(out, "  {:<14}{}\n", "bytes", bytes);
   fmt::format_to(out, "  {:<14}{}\n", "used", usedBytes);
@@ -312,19 +379,25 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
     for (const Row& row : rows) {
       fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>10}%{:>12}{:>14}{}\n", row.id, row.unitSize, row.units, row.used,
                      percent(row.used, row.units), row.freePages, static_cast<std::uint64_t>(row.units) * row.unitSize,
-                     row.consistent ? "" : "  inconsistent");
+                     row.consistent ? row.countMark : "  inconsistent");
     }
   }
   for (const BadRegion& bad : this->badRegions_) {
     fmt::format_to(out, "  region {}: {}; skipped\n", bad.id, bad.reason);
   }
-  Output output(outputFile_);
-  output.stream() << text;
+  Output output(outputFile_, outputError_);
+  output.write(text);
 }
 
 template <typename Scanner>
 void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty) {
-  this->attachRegions();
+  if (regionIds.empty()) {
+    this->attachRegions();
+  } else {
+    // Only the regions asked for are mapped: with many large regions,
+    // mapping all of them can exhaust the address space.
+    this->attachRegions(regionIds);
+  }
   std::vector<std::uint32_t> ids;
   for (const auto& entry : this->regions_) {
     if (regionIds.empty() || regionIds.count(entry.first) != 0) {
@@ -343,10 +416,13 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
   }
   std::sort(ids.begin(), ids.end());
 
-  Output output(outputFile_);
-  std::ostream& stream = output.stream();
+  Output output(outputFile_, outputError_);
+  if (!this->listError_.empty()) {
+    output.write("Region allocator: " + this->listError_ + "\n");
+    return;
+  }
   if (ids.empty()) {
-    stream << "Region allocator: no regions\n";
+    output.write("Region allocator: no regions\n");
     return;
   }
   RegionSnapshot copy;
@@ -365,21 +441,22 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
       } else if (regionIds.count(id) != 0) {
         fmt::format_to(out, "Region {}: not found\n", id);
       }
-      stream << text;
+      output.write(text);
       continue;
     }
     const RegionScanner& region = *found->second;
     const RegionHeader& h = region.header();
-    region.snapshot(copy, kPreviewBytes, kCopyAttempts);
+    region.snapshot(copy, kPreviewBytes, kCopyAttempts, printEmpty);
     const std::uint32_t units = h.unitCount;
     if (!copy.consistent) {
       fmt::format_to(out, "Region {}: entry size {}, units {}: inconsistent after {} attempts; entries not shown\n", id,
                      h.unitSize, units, copy.attempts);
-      stream << text;
+      output.write(text);
       continue;
     }
-    fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}\n", id, h.unitSize, units,
-                   copy.usedUnits, copy.generation);
+    const UsedCount count(copy, units);
+    fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}{}\n", id, h.unitSize, units,
+                   count.used, copy.generation, count.mark());
     fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
     std::size_t next = 0;  // index into copy.used
     for (std::uint32_t unit = 0; unit < units; ++unit) {
@@ -393,15 +470,18 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
         continue;
       }
       fmt::format_to(out, "  0x{:08x} {:>7} {:>7}  ", Offset::encode(id, unit), unit, h.unitSize);
+      // With printEmpty the previews cover every unit: a free one shows what
+      // its last entry left in memory.
+      const std::size_t at = copy.everyUnit ? unit : next;
+      appendPreview(text, copy.previews.data() + at * copy.previewBytes, copy.previewBytes);
       if (used) {
-        appendPreview(text, copy.previews.data() + next * copy.previewBytes, copy.previewBytes);
         ++next;
       } else {
-        text += "empty";
+        text += "  free";
       }
       text += '\n';
     }
-    stream << text;
+    output.write(text);
   }
 }
 

@@ -137,7 +137,7 @@ bool QuarryWriter::create(std::string& error) {
 
 bool QuarryWriter::open(std::string& error) {
   const std::string path = root_.fullPath(kQuarryFileName);
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) {
     error = path + ": " + std::strerror(errno);
     return false;
@@ -175,7 +175,7 @@ bool QuarryWriter::open(std::string& error) {
 
 bool QuarryWriter::adoptRegion(std::uint32_t regionId) {
   const std::string path = root_.fullPath(kRegionFilePrefix + std::to_string(regionId));
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) {
     return false;
   }

@@ -98,7 +98,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
   return false;
 }
 
-void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts) const {
+void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts, bool everyUnit) const {
   const RegionHeader& h = header();
   const RegionHeader& shared = live();
   const std::uint32_t units = h.unitCount;
@@ -106,6 +106,7 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
   const std::size_t bitmapBytes = (static_cast<std::size_t>(units) + 7) / 8;
   const unsigned preview = previewBytes < unitSize ? previewBytes : unitSize;
   out.previewBytes = preview;
+  out.everyUnit = everyUnit;
   out.consistent = false;
   out.attempts = 0;
   out.bitmap.resize(bitmapBytes);
@@ -134,7 +135,13 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
         }
       }
     }
-    if (preview > 0) {
+    if (preview > 0 && everyUnit) {
+      out.previews.resize(static_cast<std::size_t>(units) * preview);
+      for (std::uint32_t unit = 0; unit < units; ++unit) {
+        std::memcpy(out.previews.data() + static_cast<std::size_t>(unit) * preview,
+                    base_ + h.dataOffset + static_cast<std::uint64_t>(unit) * unitSize, preview);
+      }
+    } else if (preview > 0) {
       out.previews.resize(out.used.size() * preview);
       for (std::size_t i = 0; i < out.used.size(); ++i) {
         std::memcpy(out.previews.data() + i * preview,

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <iomanip>
 #include <iostream>
-#include <limits>
 
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
@@ -21,12 +20,9 @@ namespace {
 
 constexpr const char* kClass = "RelayReaderGeneric";
 
-// validate takes the file size as unsigned: a larger file is at least that
-// large, which is all the check needs.
-unsigned clampSize(std::size_t size) {
-  return size > std::numeric_limits<unsigned>::max() ? std::numeric_limits<unsigned>::max()
-                                                     : static_cast<unsigned>(size);
-}
+// The real file size, widened: a queue may need more than 4 GiB - 1 bytes,
+// and a 64-bit reader maps it whole.
+std::uint64_t clampSize(std::size_t size) { return static_cast<std::uint64_t>(size); }
 
 // Lines are formatted into this buffer and handed to the report in chunks.
 template <typename Notification>
@@ -155,8 +151,9 @@ bool RelayReaderGeneric<Slot>::initialize() {
   }
 
   std::string error;
-  bool valid = header_[Base::PRIMARY]->validate(this->debugHandler(), clampSize(this->files_[0].memSize()), 0, error) &&
-               header_[Base::SECONDARY]->validate(this->debugHandler(), clampSize(this->files_[1].memSize()), 0, error);
+  bool valid =
+      header_[Base::PRIMARY]->validateSize(this->debugHandler(), clampSize(this->files_[0].memSize()), 0, error) &&
+      header_[Base::SECONDARY]->validateSize(this->debugHandler(), clampSize(this->files_[1].memSize()), 0, error);
   if (!valid) {
     std::cerr << "Relay " << this->name_ << " validation failed: " << error << std::endl;
     return false;

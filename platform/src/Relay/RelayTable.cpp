@@ -54,7 +54,8 @@ std::size_t padTo(char* out, std::size_t used, std::size_t width) {
 template <typename Slot>
 RelayTable<Slot>::RelayTable(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool)
     : Beacon::Debuggable(handler),
-      name_(root.path()),
+      // Printed in messages: the directory's name, made safe for a terminal.
+      name_(Beacon::Util::escapeText(root.path())),
       files_{{handler, root.fullPath("relay.1")}, {handler, root.fullPath("relay.2")}} {}
 
 template <typename Slot>
@@ -72,6 +73,12 @@ std::size_t RelayTable<Slot>::Header::fileSize(unsigned notifications) {
 template <typename Slot>
 bool RelayTable<Slot>::Header::validate(Beacon::Platform::DebugHandler& handler, unsigned fileSize,
                                         unsigned minCapacity, std::string& error) const {
+  return validateSize(handler, fileSize, minCapacity, error);
+}
+
+template <typename Slot>
+bool RelayTable<Slot>::Header::validateSize(Beacon::Platform::DebugHandler& handler, std::uint64_t fileSize,
+                                            unsigned minCapacity, std::string& error) const {
   if (fileSize < kHeaderSize) {
     error = fmt::format("file holds {} bytes, less than the {}-byte header ({} bytes short)", fileSize, kHeaderSize,
                         kHeaderSize - fileSize);
@@ -80,8 +87,10 @@ bool RelayTable<Slot>::Header::validate(Beacon::Platform::DebugHandler& handler,
   // The header is live memory: each word is loaded once.
   const std::uint64_t magicWord = Shared::load64(this, 0);
   if (magicWord != kMagic) {
-    error = fmt::format("bad magic 0x{:x} (\"{}\"), expected 0x{:x} (\"{}\")", magicWord,
-                        Beacon::Util::decodeMagic(magicWord), kMagic, Beacon::Util::decodeMagic(kMagic));
+    // The file's bytes only in hexadecimal: they may be anything (a file
+    // that a link pointed at, control characters).
+    error =
+        fmt::format("bad magic 0x{:x}, expected 0x{:x} (\"{}\")", magicWord, kMagic, Beacon::Util::decodeMagic(kMagic));
     return false;
   }
   const std::uint32_t versionWord = Shared::load32(this, 8);

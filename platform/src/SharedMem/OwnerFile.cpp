@@ -43,8 +43,10 @@ std::string fixedText(const char* field, std::size_t size) { return std::string(
 }  // namespace
 
 std::string OwnerFile::Header::toPrettyString() const {
-  std::string type = fixedText(typeName, sizeof typeName);
-  std::string host = fixedText(hostname, sizeof hostname);
+  // Both texts come from the file: anything in them but printable ASCII is
+  // shown escaped.
+  std::string type = Beacon::Util::escapeText(fixedText(typeName, sizeof typeName));
+  std::string host = Beacon::Util::escapeText(fixedText(hostname, sizeof hostname));
   return fmt::format(
       "Owner file:\n"
       "\tMagic: 0x{:x} (\"{}\")\n"
@@ -106,6 +108,11 @@ bool OwnerFile::header(Header& out) const {
 
 bool OwnerFile::create(const Mem::RootPath& root, SharedMemType type, const std::string& typeName, EmberId ember,
                        std::string& error) {
+  // The owner file is what makes a directory a table: no table is made
+  // under a name the client reports could not attribute.
+  if (!Mem::checkTablePath(root.path(), error)) {
+    return false;
+  }
   Header header{};
   header.magic = kMagic;
   header.version = kVersion;

@@ -181,4 +181,14 @@ TEST(HeronClientTest, OrderedByPidOnly) {
   EXPECT_TRUE(HeronClient(-1, "a") < HeronClient(0, "a"));
 }
 
+// Table, command and process names come from other processes and from the
+// file system: a control character in them never reaches the terminal.
+TEST(HeronTableTest, NamesWithControlCharactersPrintEscaped) {
+  HeronTable table("t\x1b[2J");
+  table.clients.at(Heron::Writer).emplace_back(100, "fe\ned");
+  table.clients.at(Heron::Writer).back().command = "\x1b]0;pwned\x07";
+  EXPECT_EQ(table.print(),
+            std::string("Heron table \"t\\x1b[2J\"\n") + kNoHeader + "Writer: \\x1b]0;pwned\\x07-100(fe\\ned)\n\n");
+}
+
 }  // namespace

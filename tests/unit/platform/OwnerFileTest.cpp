@@ -8,6 +8,7 @@
 #include "Beacon/Platform.h"
 #include "SharedMem/OwnerFile.h"
 #include "support/Run.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -187,6 +188,36 @@ TEST(SharedMemType, Names) {
   text << SharedMem::Unknown << ' ' << SharedMem::Segment << ' ' << SharedMem::Table << ' ' << SharedMem::Archive << ' '
        << static_cast<SharedMem::SharedMemType>(7);
   EXPECT_EQ(text.str(), "unknown segment table archive 7");
+}
+
+}  // namespace
+
+namespace {
+
+// Names the client reports could not attribute are refused, and no owner
+// file is left behind.
+TEST(OwnerFile, CreateRefusesNamesWithBlanksAndControlCharacters) {
+  HeronTest::TempDir root("heron-owner-name");
+  for (const char* name : {"a b", "a\nb", "a\tb", "a\x1b[2Jb", "a\\012b", "a\x7f"}) {
+    SCOPED_TRACE(name);
+    const std::string dir = root.table(name);
+    std::string error;
+    EXPECT_FALSE(OwnerFile::create(Mem::RootPath(dir), SharedMem::Table, "HeronTable", {1, 0}, error));
+    EXPECT_NE(error.find("client reports could not attribute the table"), std::string::npos) << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+    EXPECT_NE(::access((dir + "/owner").c_str(), F_OK), 0);
+  }
+}
+
+TEST(OwnerFile, NameCheckNamesTheOffendingByte) {
+  std::string error;
+  EXPECT_TRUE(Mem::checkTablePath("/dev/shm/heron/md/eu/quotes-1_2.x", error)) << error;
+  EXPECT_FALSE(Mem::checkTablePath("/r/a\nb", error));
+  EXPECT_EQ(error,
+            "table name \"/r/a\\nb\" holds a control character (\"\\n\"): client reports could not attribute the "
+            "table; use printable characters other than blank and backslash");
+  EXPECT_FALSE(Mem::checkTablePath("/r/a b", error));
+  EXPECT_NE(error.find("holds a blank"), std::string::npos) << error;
 }
 
 }  // namespace

@@ -200,3 +200,21 @@ TEST(TolerateShrinkingMappings, LoadsPastANewEndReadZeros) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(EscapeText, PrintableAsciiStaysAsItIs) {
+  EXPECT_EQ(Beacon::Util::escapeText("md/eu/quotes 1-2_3"), "md/eu/quotes 1-2_3");
+}
+
+TEST(EscapeText, ControlCharactersBecomeEscapes) {
+  EXPECT_EQ(Beacon::Util::escapeText("\x1b]0;pwned\x07\x1b[2J\n"), "\\x1b]0;pwned\\x07\\x1b[2J\\n");
+  EXPECT_EQ(Beacon::Util::escapeText(std::string("a\tb\rc\0d", 7)), "a\\tb\\rc\\x00d");
+}
+
+TEST(EscapeText, BackslashAndHighBytesAreEscaped) {
+  EXPECT_EQ(Beacon::Util::escapeText("a\\012b"), "a\\\\012b");
+  EXPECT_EQ(Beacon::Util::escapeText("\x7f\x80\xff"), "\\x7f\\x80\\xff");
+}
+
+}  // namespace

@@ -160,19 +160,21 @@ TEST_F(QuarryOutputTest, ScanShowsEveryRegionAndItsUsedEntries) {
   EXPECT_EQ(scan({}, false), std::string(kRegionOne) + kRegionTwo);
 }
 
-TEST_F(QuarryOutputTest, ScanWithEmptyEntriesShowsEveryUnit) {
+// A free unit shows what its last entry left in memory: the released
+// "beta" is still there.
+TEST_F(QuarryOutputTest, ScanWithEmptyEntriesShowsEveryUnitWithItsBytes) {
   buildSmallTable();
   EXPECT_EQ(scan({}, true),
             "Region 1: entry size 16, units 4, used 2, generation 8\n"
             "  offset        unit    size  preview\n"
             "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
-            "  0x00100001       1      16  empty\n"
+            "  0x00100001       1      16  62 65 74 61 00 00 00 00 00 00 00 00 00 00 00 00  |beta............|  free\n"
             "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n"
-            "  0x00100003       3      16  empty\n"
+            "  0x00100003       3      16  00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00  |................|  free\n"
             "Region 2: entry size 8, units 2, used 1, generation 2\n"
             "  offset        unit    size  preview\n"
             "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n"
-            "  0x00200001       1       8  empty\n");
+            "  0x00200001       1       8  00 00 00 00 00 00 00 00                          |........|  free\n");
 }
 
 TEST_F(QuarryOutputTest, ScanOfChosenRegionsOnly) {
@@ -244,3 +246,26 @@ TEST_F(QuarryOutputTest, UnopenableOutputFileIsReportedAndNothingGoesToStandardO
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(err, "Error opening " + missing + "\nError opening " + missing + "\n");
 }
+
+namespace {
+
+class RegionSelection : public QuarryTest::TableDir {};
+
+// -r maps the regions asked for and no other.
+TEST_F(RegionSelection, ScanOfChosenRegionsMapsOnlyThose) {
+  region(16, 4);
+  region(16, 4);
+  region(64, 8);
+  Quarry::QuarryScannerBase<Quarry::NoMapScanner> scanner(handler_, root_, outputPath());
+  ASSERT_TRUE(scanner.initialize());
+  scanner.scanRegions({2, 9}, false);
+  EXPECT_EQ(scanner.attachedRegions(), 1U);
+  EXPECT_TRUE(scanner.isAttached(2));
+  EXPECT_EQ(QuarryTest::readFile(outputPath()),
+            "Region 2: entry size 16, units 4, used 0, generation 0\n"
+            "  offset        unit    size  preview\n"
+            "Region 9: not found\n");
+  ::unlink(outputPath().c_str());
+}
+
+}  // namespace

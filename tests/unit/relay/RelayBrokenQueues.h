@@ -56,7 +56,7 @@ inline std::ostream& operator<<(std::ostream& out, const BrokenQueue& broken) { 
 // at 72 and 76.
 inline const BrokenQueue kBrokenQueues[] = {
     {"WrongMagic", "relay.2", BrokenQueue::Poke, 0, 0x4e4e5248,
-     "Relay {dir} validation failed: bad magic 0x59414c454e4e5248 (\"HRNNELAY\"), expected 0x59414c45524e5248 "
+     "Relay {dir} validation failed: bad magic 0x59414c454e4e5248, expected 0x59414c45524e5248 "
      "(\"HRNRELAY\")\n"},
     {"WrongVersion", "relay.1", BrokenQueue::Poke, 8, 3,
      "Relay {dir} validation failed: format version 3, expected 1 (newer by 2)\n"},

@@ -104,6 +104,27 @@ class RelayReaderTest : public ::testing::Test {
 
 // --- initialize ----------------------------------------------------------
 
+// A queue whose capacity needs more than 4 GiB - 1 bytes is valid where the
+// file holds it. The files are sparse: only their headers take memory.
+TEST_F(RelayReaderTest, InitializeAcceptsAQueueLargerThanFourGibibytes) {
+  if (sizeof(std::size_t) < 8) {
+    GTEST_SKIP() << "a 32-bit reader cannot map a queue of more than 4 GiB";
+  }
+  const unsigned capacity = 400000000U;  // 88 + 12 * capacity = 4800000088 bytes
+  const std::uint64_t size = 88 + 12 * static_cast<std::uint64_t>(capacity);
+  const std::vector<char> header = fileBytes(validHeader(capacity), {}, 88);
+  ASSERT_TRUE(writeQueue(dir, header, header));
+  if (::truncate((dir + "/relay.1").c_str(), static_cast<off_t>(size)) != 0 ||
+      ::truncate((dir + "/relay.2").c_str(), static_cast<off_t>(size)) != 0) {
+    GTEST_SKIP() << "no room for a sparse file of " << size << " bytes here";
+  }
+  Reader reader(RelayTest::handler(), root, false);
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(reader.initialize());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(reader.header(Reader::PRIMARY).notifications.value, capacity);
+}
+
 TEST_F(RelayReaderTest, InitializeSucceedsOnValidFiles) {
   writeStandardQueue();
   Reader reader(RelayTest::handler(), root, false);

@@ -1,0 +1,187 @@
+#include "ReportOutput.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+namespace Heron {
+
+namespace {
+
+// The canonical form of `path`, or "" when it cannot be resolved.
+std::string canonical(const std::string& path) {
+  char resolved[PATH_MAX];
+  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : std::string();
+}
+
+bool within(const std::string& path, const std::string& dir) {
+  if (dir.empty()) {
+    return false;
+  }
+  if (path == dir || dir == "/") {
+    return true;
+  }
+  return path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 && path[dir.size()] == '/';
+}
+
+void reportWriteError(const std::string& what, int error) {
+  std::cerr << "Error writing " << what << ": " << std::strerror(error) << std::endl;
+}
+
+}  // namespace
+
+bool DescriptorBuffer::drain() {
+  const char* from = pbase();
+  const char* end = pptr();
+  while (from < end) {
+    const ssize_t n = ::write(fd_, from, static_cast<std::size_t>(end - from));
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      if (error_ == 0) {
+        error_ = n < 0 ? errno : EIO;
+      }
+      // What could not be written is dropped; the stream goes bad.
+      setp(buffer_, buffer_ + sizeof buffer_);
+      return false;
+    }
+    from += n;
+  }
+  setp(buffer_, buffer_ + sizeof buffer_);
+  return true;
+}
+
+DescriptorBuffer::int_type DescriptorBuffer::overflow(int_type c) {
+  if (!drain()) {
+    return traits_type::eof();
+  }
+  if (!traits_type::eq_int_type(c, traits_type::eof())) {
+    *pptr() = traits_type::to_char_type(c);
+    pbump(1);
+  }
+  return traits_type::not_eof(c);
+}
+
+int DescriptorBuffer::sync() { return drain() ? 0 : -1; }
+
+bool isProtectedOutput(const std::string& name, const std::vector<std::string>& protectedDirs) {
+  std::string resolved = canonical(name);
+  if (resolved.empty()) {
+    struct stat link {};
+    if (::lstat(name.c_str(), &link) == 0) {
+      // Exists but cannot be resolved: a dangling link, or a loop.
+      return true;
+    }
+    const std::size_t slash = name.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : name.substr(0, slash));
+    const std::string resolvedDir = canonical(dir);
+    if (resolvedDir.empty()) {
+      return false;  // the open fails by itself
+    }
+    resolved = (resolvedDir == "/" ? "" : resolvedDir) + "/" + name.substr(slash == std::string::npos ? 0 : slash + 1);
+  }
+  for (const std::string& dir : protectedDirs) {
+    const std::string resolvedDir = canonical(dir);
+    if (within(resolved, resolvedDir.empty() ? dir : resolvedDir)) {
+      return true;
+    }
+  }
+  // Any table's file, wherever the root: its directory holds an owner file.
+  const std::size_t slash = resolved.rfind('/');
+  const std::string parent = slash == 0 ? "/" : resolved.substr(0, slash);
+  struct stat owner {};
+  return ::lstat((parent + "/owner").c_str(), &owner) == 0;
+}
+
+void CheckingBuffer::record() {
+  if (error_ == 0) {
+    error_ = errno != 0 ? errno : EIO;
+  }
+}
+
+CheckingBuffer::int_type CheckingBuffer::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) {
+    return traits_type::not_eof(c);
+  }
+  errno = 0;
+  if (target_ == nullptr ||
+      traits_type::eq_int_type(target_->sputc(traits_type::to_char_type(c)), traits_type::eof())) {
+    record();
+    return traits_type::eof();
+  }
+  return c;
+}
+
+std::streamsize CheckingBuffer::xsputn(const char* text, std::streamsize count) {
+  errno = 0;
+  const std::streamsize written = target_ != nullptr ? target_->sputn(text, count) : 0;
+  if (written < count) {
+    record();
+  }
+  return written;
+}
+
+int CheckingBuffer::sync() {
+  errno = 0;
+  if (target_ == nullptr || target_->pubsync() != 0) {
+    record();
+    return -1;
+  }
+  return 0;
+}
+
+ReportOutput::ReportOutput() : savedCout_(std::cout.rdbuf()), stdoutBuffer_(savedCout_), stream_(&std::cout) {
+  std::cout.rdbuf(&stdoutBuffer_);
+}
+
+ReportOutput::~ReportOutput() {
+  std::cout.flush();
+  std::cout.rdbuf(savedCout_);
+  file_.flush();
+  if (fd_ >= 0) {
+    ::close(fd_);
+  }
+}
+
+bool ReportOutput::open(const std::string& name, const std::vector<std::string>& protectedDirs) {
+  if (name.empty()) {
+    return true;
+  }
+  if (!isProtectedOutput(name, protectedDirs)) {
+    fd_ = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666);
+  }
+  if (fd_ < 0) {
+    std::cerr << "Error opening " << name << std::endl;
+    return false;
+  }
+  fileBuffer_.attach(fd_);
+  stream_ = &file_;
+  name_ = name;
+  return true;
+}
+
+bool ReportOutput::finish() {
+  stream_->flush();
+  std::cout.flush();
+  int error = isFile() ? fileBuffer_.error() : stdoutBuffer_.error();
+  if (error == 0) {
+    error = external_;
+  }
+  if (error == 0 && !*stream_) {
+    error = EIO;
+  }
+  if (error != 0) {
+    reportWriteError(name_, error);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace Heron

@@ -1,0 +1,121 @@
+// The report's output: a -f file never lands in the collection root or in a
+// table, and a report that cannot be written is a failure.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "integration/CliSupport.h"
+#include "support/TempDir.h"
+
+namespace HeronTest {
+namespace {
+
+const char* const kTableName = "Table Name: t\n\n";
+
+class CliOutput : public CliTest {
+ protected:
+  void SetUp() override { ASSERT_TRUE(root.create("t")); }
+
+  // heron with its standard output redirected by the shell: `redirect` is
+  // the redirection, e.g. ">/dev/full" or ">&-".
+  RunResult heronRedirected(const std::string& redirect, const std::vector<std::string>& args) const {
+    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" " + redirect, heronBin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, root.env());
+  }
+};
+
+TEST_F(CliOutput, TableFileAsOutputIsRefusedAndLeftWhole) {
+  const std::string relay = root.file("t/relay.1");
+  const std::string before = readFile(relay);
+  ASSERT_FALSE(before.empty());
+  EXPECT_TRUE(same(heron({"-f", relay, "-s", "t"}), "", std::string(kTableName) + "Error opening " + relay + "\n", 1));
+  EXPECT_EQ(readFile(relay), before);
+}
+
+TEST_F(CliOutput, NewFileInsideTheRootIsRefusedAndNotCreated) {
+  const std::string inside = root.file("dump");
+  EXPECT_TRUE(
+      same(heron({"-f", inside, "-s", "t"}), "", std::string(kTableName) + "Error opening " + inside + "\n", 1));
+  EXPECT_FALSE(exists(inside));
+}
+
+TEST_F(CliOutput, RelativeNameThatResolvesInsideTheRootIsRefused) {
+  EXPECT_TRUE(same(heron({"-f", "../x", "-s", "t"}, {}, root.file("t")), "",
+                   std::string(kTableName) + "Error opening ../x\n", 1));
+  EXPECT_FALSE(exists(root.file("x")));
+}
+
+TEST_F(CliOutput, ClientRoadRefusesTheRootToo) {
+  const std::string inside = root.file("t/who");
+  EXPECT_TRUE(same(heron({"-A", "-f", inside}), "", "Error opening " + inside + "\n", 1));
+  EXPECT_FALSE(exists(inside));
+}
+
+TEST_F(CliOutput, FileOfATableOfAnotherRootIsRefused) {
+  TempRoot other;
+  ASSERT_TRUE(other.create("u"));
+  const std::string ember = other.file("u/ember");
+  const std::string before = readFile(ember);
+  EXPECT_TRUE(same(heron({"-f", ember, "-s", "t"}), "", std::string(kTableName) + "Error opening " + ember + "\n", 1));
+  EXPECT_EQ(readFile(ember), before);
+  const std::string fresh = other.file("u/new");
+  EXPECT_TRUE(same(heron({"-f", fresh, "-s", "t"}), "", std::string(kTableName) + "Error opening " + fresh + "\n", 1));
+  EXPECT_FALSE(exists(fresh));
+}
+
+TEST_F(CliOutput, SymlinkToATableFileIsRefused) {
+  TempDir outside("heron-output");
+  const std::string link = outside.path() + "/link";
+  ASSERT_EQ(::symlink(root.file("t/relay.1").c_str(), link.c_str()), 0);
+  const std::string before = readFile(root.file("t/relay.1"));
+  EXPECT_TRUE(same(heron({"-f", link, "-s", "t"}), "", std::string(kTableName) + "Error opening " + link + "\n", 1));
+  EXPECT_EQ(readFile(root.file("t/relay.1")), before);
+}
+
+TEST_F(CliOutput, DanglingSymlinkIntoTheRootIsRefused) {
+  TempDir outside("heron-output");
+  const std::string link = outside.path() + "/link";
+  ASSERT_EQ(::symlink(root.file("made-by-heron").c_str(), link.c_str()), 0);
+  EXPECT_TRUE(same(heron({"-f", link, "-s", "t"}), "", std::string(kTableName) + "Error opening " + link + "\n", 1));
+  EXPECT_FALSE(exists(root.file("made-by-heron")));
+}
+
+TEST_F(CliOutput, FileOutsideEveryTableIsWritten) {
+  TempDir outside("heron-output");
+  const std::string file = outside.path() + "/stats";
+  RunResult result = heron({"-f", file, "-s", "t"});
+  EXPECT_TRUE(same(result, "", kTableName, 0));
+  EXPECT_NE(readFile(file).find("Region allocator statistics"), std::string::npos);
+}
+
+TEST_F(CliOutput, FullDeviceOnStandardOutputFails) {
+  RunResult result = heronRedirected(">/dev/full", {"-a", "-e", "t"});
+  EXPECT_TRUE(
+      same(result, "", std::string(kTableName) + "Error writing standard output: No space left on device\n", 1));
+}
+
+TEST_F(CliOutput, FullDeviceAsOutputFileFailsWithOneLine) {
+  for (const char* option : {"-s", "-R", "-q", "-a", "-w"}) {
+    SCOPED_TRACE(option);
+    EXPECT_TRUE(same(heron({"-f", "/dev/full", option, "t"}), "",
+                     std::string(kTableName) + "Error writing /dev/full: No space left on device\n", 1));
+  }
+  EXPECT_TRUE(same(heron({"-f", "/dev/full", "-A"}), ::getuid() == 0 ? "" : "You should run this command as root.\n",
+                   "Error writing /dev/full: No space left on device\n", 1));
+}
+
+TEST_F(CliOutput, ClosedStandardOutputFailsEveryReport) {
+  const std::string closed = "Error writing standard output: Bad file descriptor\n";
+  for (const char* option : {"-s", "-d", "-R", "-q", "-a", "-w"}) {
+    SCOPED_TRACE(option);
+    EXPECT_TRUE(same(heronRedirected(">&-", {option, "t"}), "", std::string(kTableName) + closed, 1));
+  }
+  EXPECT_TRUE(same(heronRedirected(">&-", {"-A"}), "", closed, 1));
+  EXPECT_TRUE(same(heronRedirected(">&-", {"-c", std::to_string(::getpid())}), "", closed, 1));
+}
+
+}  // namespace
+}  // namespace HeronTest
