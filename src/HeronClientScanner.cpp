@@ -411,6 +411,8 @@ template <typename Form>
 void extractProcess(const HeronClientScanner& scanner, MapsReader& reader, Form& form, const std::string& pidText,
                     const MapsSource& source) {
   const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
+  // The line callback below is a lambda; its traces name this function.
+  const char* const function = __func__;
   form.traceStart(source.path);
   FileDescriptor opened(source.opened ? source.fd : -1);
   // errno is not cleared on purpose: a failure left by the directory walk
@@ -442,7 +444,7 @@ void extractProcess(const HeronClientScanner& scanner, MapsReader& reader, Form&
     if (region.empty()) {
       return true;
     }
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "mmapRegion: {}", region);
+    Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "mmapRegion: {}", region);
     std::size_t slash = 0;
     const int code = form.classify(region, slash);
     if (code < 0) {
@@ -455,10 +457,10 @@ void extractProcess(const HeronClientScanner& scanner, MapsReader& reader, Form&
     if (procName.empty()) {
       return false;  // gone, or no name to show: the process contributes nothing
     }
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "heronFileType: {}",
+    Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "heronFileType: {}",
                     HeronClientScanner::heronFileTypes[code]);
     std::string permissions = scanner.getToken(line, 2, " ");
-    Beacon::fmassert(!permissions.empty(), __FILE__, __func__, __LINE__, kClass, "!permissions.empty()");
+    Beacon::fmassert(!permissions.empty(), __FILE__, function, __LINE__, kClass, "!permissions.empty()");
     form.add(static_cast<int>(pid), procName, std::move(permissions), code, region, slash);
     return true;
   });
