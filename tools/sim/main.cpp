@@ -5,6 +5,7 @@
 #include <iostream>
 #include <string>
 
+#include "Beacon/MappingGuard.h"
 #include "Sim.h"
 
 namespace {
@@ -62,6 +63,7 @@ Beacon::Platform::DebugHandler& handler() {
 }  // namespace Sim
 
 int main(int argc, char** argv) {
+  Beacon::MappingGuard::install();
   if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
     std::fputs(kUsage, argc < 2 ? stderr : stdout);
     return argc < 2 ? 2 : 0;

@@ -35,17 +35,6 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
 // that need the size do not ask again.
 int openRegularFile(const std::string& path, std::string& error, struct stat* status = nullptr);
 
-// Makes a read-only file mapping whose file shrinks under the reader read
-// zeros instead of killing the process with SIGBUS. No size check can close
-// the window between checking a file's size and loading from its mapping;
-// so on a SIGBUS for an address past a file's end (BUS_ADRERR) the handler
-// puts an anonymous zero page, read-only, in place of the vanished one and
-// lets the load run again. The reader then sees the shrink by its next size
-// check (fstat) and reports it. Any other SIGBUS gets the default action.
-// Installs the process-wide handler once; later calls only check for it.
-// Readers call it before they map.
-void tolerateShrinkingMappings();
-
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.
 std::string decodeMagic(unsigned long long magic);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/MappingGuard.h"
 #include "Mem/Inotify.h"
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryFormat.h"
@@ -56,6 +57,7 @@ class NoMapReader {
 
  private:
   const QuarryHeader* header_ = nullptr;
+  Beacon::MappingGuard::Range guard_;
 };
 
 struct ReaderCounters {

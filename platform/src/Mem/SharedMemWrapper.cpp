@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Beacon/MappingGuard.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 
@@ -50,6 +51,7 @@ bool SharedMemWrapper::open(Mode mode) {
 
 void SharedMemWrapper::unmap() {
   if (base_ != nullptr) {
+    guard_.reset();
     ::munmap(base_, size_);
     base_ = nullptr;
     size_ = 0;
@@ -74,9 +76,6 @@ const void* SharedMemWrapper::remap(std::size_t size) {
                            : "file holds " + std::to_string(real) + " bytes, " + std::to_string(size) + " requested";
     return nullptr;
   }
-  if (mode_ == Mode::ReadOnly) {
-    Beacon::Util::tolerateShrinkingMappings();
-  }
   int prot = mode_ == Mode::ReadOnly ? PROT_READ : PROT_READ | PROT_WRITE;
   void* base = ::mmap(nullptr, size, prot, MAP_SHARED, fd_, 0);
   if (base == MAP_FAILED) {
@@ -86,6 +85,9 @@ const void* SharedMemWrapper::remap(std::size_t size) {
   unmap();
   base_ = base;
   size_ = size;
+  if (mode_ == Mode::ReadOnly) {
+    guard_ = Beacon::MappingGuard::Range(base_, size_);
+  }
   return base_;
 }
 

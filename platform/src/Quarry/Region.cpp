@@ -43,6 +43,7 @@ std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::
 
 RegionReader::~RegionReader() {
   if (base_ != nullptr) {
+    guard_.reset();
     ::munmap(const_cast<unsigned char*>(base_), size_);
   }
 }
@@ -64,7 +65,6 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
     ::close(fd);
     return false;
   }
-  Beacon::Util::tolerateShrinkingMappings();
   void* base = ::mmap(nullptr, static_cast<std::size_t>(fileSize), PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (base == MAP_FAILED) {
@@ -73,6 +73,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
   }
   base_ = static_cast<const unsigned char*>(base);
   size_ = static_cast<std::size_t>(fileSize);
+  guard_ = Beacon::MappingGuard::Range(base_, size_);
 
   // The fixed fields never change once the file is in place; they are
   // copied and checked once here, and only the copy is used afterwards, so
@@ -92,6 +93,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
   } else {
     return true;
   }
+  guard_.reset();
   ::munmap(const_cast<unsigned char*>(base_), size_);
   base_ = nullptr;
   size_ = 0;
