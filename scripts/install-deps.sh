@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ g++-multilib make
   libfmt-dev googletest libgtest-dev libbenchmark-dev
-  clang-tidy cppcheck clang-format
+  clang clang-tidy cppcheck clang-format binutils
   psmisc lsof strace util-linux procps man-db
   qemu-user
 )

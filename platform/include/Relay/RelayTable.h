@@ -16,6 +16,7 @@
 #include <string>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/SharedWord.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedMemWrapper.h"
 #include "Mem/VersionedRef.h"
@@ -122,30 +123,16 @@ constexpr std::size_t kSwitchWord = 40;
 constexpr std::size_t kNotificationsWord = 72;
 constexpr std::size_t kCurrentPos = 80;
 
-inline std::uint64_t load64(const void* base, std::size_t at) {
-  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
-}
-inline std::uint32_t load32(const void* base, std::size_t at) {
-  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
-}
-inline std::uint32_t load32Relaxed(const void* base, std::size_t at) {
-  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_RELAXED);
-}
-inline void store64(void* base, std::size_t at, std::uint64_t value) {
-  __atomic_store_n(reinterpret_cast<std::uint64_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
-}
-inline void store32(void* base, std::size_t at, std::uint32_t value) {
-  __atomic_store_n(reinterpret_cast<std::uint32_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
-}
-inline void store32Relaxed(void* base, std::size_t at, std::uint32_t value) {
-  __atomic_store_n(reinterpret_cast<std::uint32_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELAXED);
-}
+using Beacon::Shared::high;
+using Beacon::Shared::load32;
+using Beacon::Shared::load32Relaxed;
+using Beacon::Shared::load64;
+using Beacon::Shared::low;
+using Beacon::Shared::pair;
+using Beacon::Shared::store32;
+using Beacon::Shared::store32Relaxed;
+using Beacon::Shared::store64;
 
-constexpr std::uint32_t low(std::uint64_t word) { return static_cast<std::uint32_t>(word & 0xFFFFFFFFU); }
-constexpr std::uint32_t high(std::uint64_t word) { return static_cast<std::uint32_t>(word >> 32); }
-constexpr std::uint64_t pair(std::uint32_t lowHalf, std::uint32_t highHalf) {
-  return static_cast<std::uint64_t>(lowHalf) | (static_cast<std::uint64_t>(highHalf) << 32);
-}
 // Byte of slot `index` in a file: 84 + 12 * index.
 constexpr std::size_t slotAt(std::size_t index) { return 84 + 12 * index; }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
 #include "Quarry/QuarryReader.h"
 
@@ -28,15 +29,15 @@ std::uint32_t systemPageSize() {
   return page > 0 ? static_cast<std::uint32_t>(page) : 4096U;
 }
 
-template <typename T>
-void store(T& word, T value) {
-  __atomic_store_n(&word, value, __ATOMIC_RELAXED);
-}
-
-template <typename T>
-T load(const T& word) {
-  return __atomic_load_n(&word, __ATOMIC_RELAXED);
-}
+// Shared fields of the mapped headers, one access each; 64-bit ones
+// through the 8-byte aligned shared word, so that a 32-bit build stores
+// and loads them with one instruction.
+void store(std::uint64_t& word, std::uint64_t value) { Beacon::Shared::store64Relaxed(&word, 0, value); }
+void store(std::uint32_t& word, std::uint32_t value) { Beacon::Shared::store32Relaxed(&word, 0, value); }
+void store(unsigned char& byte, unsigned char value) { __atomic_store_n(&byte, value, __ATOMIC_RELAXED); }
+std::uint64_t load(const std::uint64_t& word) { return Beacon::Shared::load64Relaxed(&word, 0); }
+std::uint32_t load(const std::uint32_t& word) { return Beacon::Shared::load32Relaxed(&word, 0); }
+unsigned char load(const unsigned char& byte) { return __atomic_load_n(&byte, __ATOMIC_RELAXED); }
 
 // Opens the generation window: odd, and no later store becomes visible
 // before it.
@@ -46,7 +47,7 @@ void beginWindow(std::uint64_t& generation) {
 }
 
 // Closes it: every store made inside is visible before the even value.
-void endWindow(std::uint64_t& generation) { __atomic_store_n(&generation, load(generation) + 1, __ATOMIC_RELEASE); }
+void endWindow(std::uint64_t& generation) { Beacon::Shared::store64(&generation, 0, load(generation) + 1); }
 
 }  // namespace
 
