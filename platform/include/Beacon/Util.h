@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Beacon/Magic.h"
 #include "Beacon/Platform.h"
 
 namespace Beacon {
@@ -38,15 +39,6 @@ int openRegularFile(const std::string& path, std::string& error, struct stat* st
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.
 std::string decodeMagic(unsigned long long magic);
-
-// The 8-byte magic that `text` (exactly 8 characters) has in file order.
-constexpr unsigned long long encodeMagic(const char (&text)[9]) {
-  unsigned long long value = 0;
-  for (int i = 7; i >= 0; --i) {
-    value = (value << 8) | static_cast<unsigned char>(text[i]);
-  }
-  return value;
-}
 
 }  // namespace Util
 }  // namespace Beacon

@@ -20,13 +20,15 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Beacon/Magic.h"
+
 namespace Quarry {
 
 constexpr const char* kQuarryFileName = "quarry";
 constexpr const char* kRegionFilePrefix = "region.";
 
 struct alignas(8) QuarryHeader {
-  static constexpr unsigned long long kMagic = 0x59524155514e5248ULL;  // "HRNQUARY"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNQUARY");
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::uint32_t kMaxRegionId = 4095;
 
@@ -56,7 +58,7 @@ static_assert(offsetof(QuarryHeader, bytesInUse) == 48, "quarry layout");
 static_assert(offsetof(QuarryHeader, generation) == 56, "quarry layout");
 
 struct alignas(8) RegionHeader {
-  static constexpr unsigned long long kMagic = 0x4e4f4745524e5248ULL;  // "HRNREGON"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNREGON");
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::uint32_t kBitmapOffset = 64;
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/Magic.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedMemWrapper.h"
 #include "SharedMem/EmberId.h"
@@ -15,7 +16,7 @@
 namespace SharedMem {
 
 struct alignas(8) EmberHeader {
-  static constexpr unsigned long long kMagic = 0x5245424d454e5248ULL;  // "HRNEMBER"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNEMBER");
   static constexpr std::uint32_t kVersion = 1;
 
   std::uint64_t magic;

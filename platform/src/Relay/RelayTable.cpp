@@ -13,8 +13,6 @@
 
 namespace Relay {
 
-static_assert(RelayTable<RelaySlot>::kMagic == Beacon::Util::encodeMagic("HRNRELAY"), "relay magic");
-
 namespace {
 
 // Bytes that `capacity` slots need, computed without overflow.
@@ -78,13 +76,13 @@ bool RelayTable<Slot>::Header::validate(Beacon::Platform::DebugHandler& handler,
     return false;
   }
   // The header is live memory: each word is loaded once.
-  const std::uint64_t magicWord = Shared::load64(this, 0);
+  const std::uint64_t magicWord = Shared::load64(this, Shared::kMagic);
   if (magicWord != kMagic) {
     error = fmt::format("bad magic 0x{:x} (\"{}\"), expected 0x{:x} (\"{}\")", magicWord,
                         Beacon::Util::decodeMagic(magicWord), kMagic, Beacon::Util::decodeMagic(kMagic));
     return false;
   }
-  const std::uint32_t versionWord = Shared::load32(this, 8);
+  const std::uint32_t versionWord = Shared::load32(this, Shared::kVersion);
   if (versionWord != kVersion) {
     error = fmt::format("format version {}, expected {} ({} by {})", versionWord, kVersion,
                         versionWord > kVersion ? "newer" : "older",

@@ -10,8 +10,6 @@
 
 namespace SharedMem {
 
-static_assert(EmberHeader::kMagic == Beacon::Util::encodeMagic("HRNEMBER"), "ember magic");
-
 std::uint64_t nowNs() {
   struct timespec now {};
   clock_gettime(CLOCK_REALTIME, &now);

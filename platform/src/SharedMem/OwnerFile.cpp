@@ -13,8 +13,6 @@
 
 namespace SharedMem {
 
-static_assert(OwnerFile::kMagic == Beacon::Util::encodeMagic("HRNOWNER"), "owner magic");
-
 std::ostream& operator<<(std::ostream& out, SharedMemType type) {
   switch (type) {
     case Unknown:
