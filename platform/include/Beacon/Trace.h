@@ -21,8 +21,8 @@ namespace Impl {
 }  // namespace Impl
 
 template <typename... Args>
-void fmtrace(const Platform::DebugHandler& handler, unsigned level, const char* source, const char* function,
-             int line, const char* classWord, fmt::format_string<Args...> format, Args&&... args) {
+void fmtrace(const Platform::DebugHandler& handler, unsigned level, const char* source, const char* function, int line,
+             const char* classWord, fmt::format_string<Args...> format, Args&&... args) {
   if (!handler.enabled(level)) {
     return;
   }

@@ -6,13 +6,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "Beacon/Clock.h"
 #include "Beacon/Magic.h"
 #include "Beacon/Platform.h"
 
 namespace Beacon {
-
-// Seconds since the epoch, with sub-microsecond resolution.
-double time();
 
 // A mapping could not be made or resized.
 class MemoryResourceException : public std::runtime_error {

@@ -19,8 +19,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "Beacon/Magic.h"
+#include "Beacon/Platform.h"
 
 namespace Quarry {
 
@@ -89,6 +91,10 @@ static_assert(offsetof(RegionHeader, dataOffset) == 44, "region layout");
 static_assert(offsetof(RegionHeader, createdNs) == 48, "region layout");
 static_assert(offsetof(RegionHeader, reserved) == 56, "region layout");
 
+// Copies a reader tries before it reports a header or region that the
+// writer kept changing.
+constexpr unsigned kCopyAttempts = 16;
+
 // Layout of a region of `unitCount` units of `unitSize` bytes: the data
 // offset (page-aligned end of header and bitmap) and the file size (data
 // offset plus the units, rounded up to a page). False when it does not fit
@@ -98,5 +104,11 @@ struct RegionLayout {
   std::uint64_t fileSize = 0;
 };
 bool regionLayout(std::uint32_t unitCount, std::uint32_t unitSize, std::uint32_t pageSize, RegionLayout& out);
+
+namespace Region {
+// The id of a "region.<id>" file name (decimal, 1..4095, no leading zeros);
+// 0 when the name is not a region file.
+std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName);
+}  // namespace Region
 
 }  // namespace Quarry

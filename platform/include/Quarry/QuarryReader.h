@@ -32,12 +32,6 @@ namespace Quarry {
 struct NoMapScanner {};
 class RegionScanner;  // one attached region; see Quarry/Region.h
 
-namespace Region {
-// The id of a "region.<id>" file name (decimal, 1..4095, no leading zeros);
-// 0 when the name is not a region file.
-std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName);
-}  // namespace Region
-
 // The allocator file itself (64 bytes, mapped read-only). Region bodies are
 // never mapped by it.
 class NoMapReader {
@@ -145,7 +139,7 @@ class QuarryScannerBase : public Reader<Scanner> {
   void scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty);
 
   // Attempts made to copy a region before it is called inconsistent.
-  static constexpr unsigned kCopyAttempts = 16;
+  static constexpr unsigned kCopyAttempts = Quarry::kCopyAttempts;
 
  protected:
   std::string outputFile_;

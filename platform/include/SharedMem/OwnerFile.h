@@ -10,12 +10,10 @@
 #include "Beacon/Magic.h"
 #include "Mem/RootPath.h"
 #include "SharedMem/EmberId.h"
+#include "SharedMem/LoadStatus.h"
 #include "SharedMem/SharedMemType.h"
 
 namespace SharedMem {
-
-// Outcome of loading a shared file's header.
-enum class LoadStatus { Ok, NotReady, Incompatible, Corrupt };
 
 class OwnerFile : public Beacon::Debuggable {
  public:

@@ -10,14 +10,10 @@
 #include <map>
 #include <mutex>
 
-#include "Beacon/Debuggable.h"
-#include "Beacon/Trace.h"
-
 namespace Beacon {
 namespace Platform {
 
-DebugHandler::DebugHandler(std::string component, std::uint64_t mask)
-    : component_(std::move(component)), mask_(mask) {}
+DebugHandler::DebugHandler(std::string component, std::uint64_t mask) : component_(std::move(component)), mask_(mask) {}
 
 void DebugHandler::emit(unsigned level, const char* source, const char* function, int line, const char* classWord,
                         std::string_view message) const {
@@ -81,19 +77,4 @@ std::shared_ptr<DebugHandler> getDebugHandler(const std::string& name, bool) {
 
 }  // namespace Platform
 
-Debuggable::Debuggable(const std::string& component, bool flag)
-    : owned_(Platform::getDebugHandler(component, flag)), handler_(owned_.get()) {}
-
-namespace Impl {
-
-void vfmassert(const char* source, const char* function, int line, const char* classWord, fmt::string_view format,
-               fmt::format_args args) {
-  std::string text = fmt::format("FATAL {}::{} ({}:{}): {}\n", classWord, function, source, line,
-                                 fmt::vformat(format, args));
-  std::fwrite(text.data(), 1, text.size(), stderr);
-  std::fflush(stderr);
-  std::abort();
-}
-
-}  // namespace Impl
 }  // namespace Beacon

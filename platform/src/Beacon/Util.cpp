@@ -7,17 +7,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 
 #include "Beacon/Trace.h"
 
 namespace Beacon {
-
-double time() {
-  struct timespec now {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
 
 void MemoryResourceException::throwException(const std::string& what) { throw MemoryResourceException(what); }
 

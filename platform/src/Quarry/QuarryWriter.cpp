@@ -8,21 +8,15 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
+#include "Beacon/Clock.h"
 #include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
-#include "Quarry/QuarryReader.h"
+#include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
 
 namespace {
-
-std::uint64_t nowNs() {
-  struct timespec ts {};
-  ::clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
-}
 
 std::uint32_t systemPageSize() {
   long page = ::sysconf(_SC_PAGESIZE);
@@ -50,21 +44,6 @@ void beginWindow(std::uint64_t& generation) {
 void endWindow(std::uint64_t& generation) { Beacon::Shared::store64(&generation, 0, load(generation) + 1); }
 
 }  // namespace
-
-bool regionLayout(std::uint32_t unitCount, std::uint32_t unitSize, std::uint32_t pageSize, RegionLayout& out) {
-  if (pageSize == 0) {
-    return false;
-  }
-  const std::uint64_t page = pageSize;
-  const std::uint64_t headerAndBitmap = RegionHeader::kBitmapOffset + (static_cast<std::uint64_t>(unitCount) + 7) / 8;
-  out.dataOffset = (headerAndBitmap + page - 1) / page * page;
-  const std::uint64_t units = static_cast<std::uint64_t>(unitCount) * unitSize;  // < 2^64: both are 32-bit
-  if (units > UINT64_MAX - out.dataOffset - page) {
-    return false;
-  }
-  out.fileSize = (out.dataOffset + units + page - 1) / page * page;
-  return true;
-}
 
 struct QuarryWriter::Mapping {
   std::uint32_t id = 0;
@@ -284,7 +263,7 @@ std::uint32_t QuarryWriter::createRegion(std::uint32_t unitSize, std::uint32_t u
     header->generation = 0;
     header->bitmapOffset = RegionHeader::kBitmapOffset;
     header->dataOffset = static_cast<std::uint32_t>(layout.dataOffset);
-    header->createdNs = nowNs();
+    header->createdNs = Beacon::nowNs();
     header->reserved = 0;
     mapping->id = id;
     mapping->header = header;

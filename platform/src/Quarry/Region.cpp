@@ -12,34 +12,8 @@
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "Quarry/Offset.h"
-#include "Quarry/QuarryReader.h"
 
 namespace Quarry {
-
-namespace Region {
-
-std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName) {
-  static constexpr std::size_t kPrefix = 7;  // "region."
-  if (fileName.size() <= kPrefix || fileName.size() > kPrefix + 4 ||
-      fileName.compare(0, kPrefix, kRegionFilePrefix) != 0 || fileName[kPrefix] == '0') {
-    return 0;
-  }
-  std::uint32_t id = 0;
-  for (std::size_t i = kPrefix; i < fileName.size(); ++i) {
-    const char c = fileName[i];
-    if (c < '0' || c > '9') {
-      return 0;
-    }
-    id = id * 10 + static_cast<std::uint32_t>(c - '0');
-  }
-  if (id > QuarryHeader::kMaxRegionId) {
-    return 0;
-  }
-  Beacon::fmtrace(handler, 9, "Region", "parseRegionId", __LINE__, "Region", "{} is region {}", fileName, id);
-  return id;
-}
-
-}  // namespace Region
 
 RegionReader::~RegionReader() {
   if (base_ != nullptr) {
@@ -181,7 +155,7 @@ std::uint32_t RegionScanner::numFreePages(const RegionSnapshot& snapshot) const 
 
 std::uint32_t RegionScanner::numFreePages() const {
   RegionSnapshot copy;
-  snapshot(copy, 0, QuarryScannerBase<NoMapScanner>::kCopyAttempts);
+  snapshot(copy, 0, kCopyAttempts);
   return numFreePages(copy);
 }
 
