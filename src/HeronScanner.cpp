@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "Beacon/MappingGuard.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "HeronClientScanner.h"
@@ -122,6 +123,9 @@ int printHeron(const std::string& typeName, const Mem::RootPath& /*root*/, std::
 }
 
 int main(int argc, char** argv) {
+  // The utility owns its process: a table file cut under one of its
+  // read-only mappings reads as zeros until the next size check reports it.
+  Beacon::MappingGuard::install();
   std::string outputFile;
   bool who = false;
   bool stats = false;

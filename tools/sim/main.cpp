@@ -1,6 +1,7 @@
 // heron-sim COMMAND [NAME...] [OPTIONS]: see CommandLine.cpp for the commands.
 #include <iostream>
 
+#include "Beacon/MappingGuard.h"
 #include "CommandLine.h"
 #include "Sim.h"
 
@@ -15,6 +16,7 @@ Beacon::Platform::DebugHandler& handler() {
 }  // namespace Sim
 
 int main(int argc, char** argv) {
+  Beacon::MappingGuard::install();
   Sim::Invocation invocation;
   const int status = Sim::parseCommandLine(argc, argv, invocation, std::cout, std::cerr);
   if (status >= 0) {

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <string>
 
+#include "Beacon/MappingGuard.h"
 #include "Stat.h"
 
 namespace {
@@ -146,6 +147,9 @@ int statMain(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A table file cut under one of our read-only mappings reads zeros and is
+  // reported by the next size check, instead of killing the process.
+  Beacon::MappingGuard::install();
   // An exception from a library (out of memory, a remap that failed) ends
   // the run with one line, never with a signal.
   try {

@@ -6,12 +6,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "Beacon/Clock.h"
+#include "Beacon/Magic.h"
 #include "Beacon/Platform.h"
 
 namespace Beacon {
-
-// Seconds since the epoch, with sub-microsecond resolution.
-double time();
 
 // A mapping could not be made or resized.
 class MemoryResourceException : public std::runtime_error {
@@ -36,17 +35,6 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
 // that need the size do not ask again.
 int openRegularFile(const std::string& path, std::string& error, struct stat* status = nullptr);
 
-// Makes a read-only file mapping whose file shrinks under the reader read
-// zeros instead of killing the process with SIGBUS. No size check can close
-// the window between checking a file's size and loading from its mapping;
-// so on a SIGBUS for an address past a file's end (BUS_ADRERR) the handler
-// puts an anonymous zero page, read-only, in place of the vanished one and
-// lets the load run again. The reader then sees the shrink by its next size
-// check (fstat) and reports it. Any other SIGBUS gets the default action.
-// Installs the process-wide handler once; later calls only check for it.
-// Readers call it before they map.
-void tolerateShrinkingMappings();
-
 // `text` made safe for a terminal: printable ASCII stays as it is, a
 // backslash becomes "\\", newline, tab and carriage return "\n", "\t",
 // "\r", and every other byte (control characters, bytes from 0x7f up)
@@ -57,15 +45,6 @@ std::string escapeText(const std::string& text);
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.
 std::string decodeMagic(unsigned long long magic);
-
-// The 8-byte magic that `text` (exactly 8 characters) has in file order.
-constexpr unsigned long long encodeMagic(const char (&text)[9]) {
-  unsigned long long value = 0;
-  for (int i = 7; i >= 0; --i) {
-    value = (value << 8) | static_cast<unsigned char>(text[i]);
-  }
-  return value;
-}
 
 }  // namespace Util
 }  // namespace Beacon

@@ -5,13 +5,16 @@
 // writes, locks or creates. Mode 0 (ReadWrite) is the writer's. A mapping is
 // never made larger than the file is at that moment, so touching mapped
 // memory cannot raise SIGBUS unless the file shrinks afterwards (table files
-// never shrink).
+// never shrink); a read-only mapping is registered with Beacon::MappingGuard
+// for as long as it lives, so a program that installed the guard reads zeros
+// there instead.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/MappingGuard.h"
 
 namespace Mem {
 
@@ -59,6 +62,7 @@ class SharedMemWrapper : public Beacon::Debuggable {
   void* base_ = nullptr;
   std::size_t size_ = 0;
   Mode mode_ = Mode::ReadOnly;
+  Beacon::MappingGuard::Range guard_;
   std::string lastError_;
 };
 

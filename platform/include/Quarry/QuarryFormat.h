@@ -19,6 +19,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+
+#include "Beacon/Magic.h"
+#include "Beacon/Platform.h"
 
 namespace Quarry {
 
@@ -26,7 +30,7 @@ constexpr const char* kQuarryFileName = "quarry";
 constexpr const char* kRegionFilePrefix = "region.";
 
 struct alignas(8) QuarryHeader {
-  static constexpr unsigned long long kMagic = 0x59524155514e5248ULL;  // "HRNQUARY"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNQUARY");
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::uint32_t kMaxRegionId = 4095;
 
@@ -56,7 +60,7 @@ static_assert(offsetof(QuarryHeader, bytesInUse) == 48, "quarry layout");
 static_assert(offsetof(QuarryHeader, generation) == 56, "quarry layout");
 
 struct alignas(8) RegionHeader {
-  static constexpr unsigned long long kMagic = 0x4e4f4745524e5248ULL;  // "HRNREGON"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNREGON");
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::uint32_t kBitmapOffset = 64;
 
@@ -87,6 +91,10 @@ static_assert(offsetof(RegionHeader, dataOffset) == 44, "region layout");
 static_assert(offsetof(RegionHeader, createdNs) == 48, "region layout");
 static_assert(offsetof(RegionHeader, reserved) == 56, "region layout");
 
+// Copies a reader tries before it reports a header or region that the
+// writer kept changing.
+constexpr unsigned kCopyAttempts = 16;
+
 // Layout of a region of `unitCount` units of `unitSize` bytes: the data
 // offset (page-aligned end of header and bitmap) and the file size (data
 // offset plus the units, rounded up to a page). False when it does not fit
@@ -96,5 +104,11 @@ struct RegionLayout {
   std::uint64_t fileSize = 0;
 };
 bool regionLayout(std::uint32_t unitCount, std::uint32_t unitSize, std::uint32_t pageSize, RegionLayout& out);
+
+namespace Region {
+// The id of a "region.<id>" file name (decimal, 1..4095, no leading zeros);
+// 0 when the name is not a region file.
+std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName);
+}  // namespace Region
 
 }  // namespace Quarry

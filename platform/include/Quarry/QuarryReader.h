@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/MappingGuard.h"
 #include "Mem/Inotify.h"
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryFormat.h"
@@ -30,12 +31,6 @@ namespace Quarry {
 
 struct NoMapScanner {};
 class RegionScanner;  // one attached region; see Quarry/Region.h
-
-namespace Region {
-// The id of a "region.<id>" file name (decimal, 1..4095, no leading zeros);
-// 0 when the name is not a region file.
-std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName);
-}  // namespace Region
 
 // The allocator file itself (64 bytes, mapped read-only). Region bodies are
 // never mapped by it.
@@ -56,6 +51,7 @@ class NoMapReader {
 
  private:
   const QuarryHeader* header_ = nullptr;
+  Beacon::MappingGuard::Range guard_;
 };
 
 struct ReaderCounters {
@@ -150,7 +146,7 @@ class QuarryScannerBase : public Reader<Scanner> {
   void scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty);
 
   // Attempts made to copy a region before it is called inconsistent.
-  static constexpr unsigned kCopyAttempts = 16;
+  static constexpr unsigned kCopyAttempts = Quarry::kCopyAttempts;
 
   // errno of the first failed write to the named output file, 0 when every
   // write succeeded (or the output is standard output, whose stream the

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/MappingGuard.h"
 #include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
@@ -39,6 +40,9 @@ class RegionReader {
   const unsigned char* base_ = nullptr;
   std::size_t size_ = 0;
   RegionHeader header_{};
+
+ private:
+  Beacon::MappingGuard::Range guard_;
 };
 
 // A consistent copy of a region's changing parts.

@@ -46,10 +46,8 @@ class RelayReaderGeneric : public RelayTable<Slot> {
   std::uint32_t snapshotPosition(RelayTableId id) const { return currentPos_[id]; }
   Mem::VersionedRef<unsigned> cachedNotifications(RelayTableId id) const { return cachedNotifications_[id]; }
   std::size_t mappedSize(RelayTableId id) const { return this->files_[id].mappedSize(); }
-  // Start of table id's slot array in the mapping (byte 84).
-  const void* slots(RelayTableId id) const {
-    return reinterpret_cast<const char*>(notificationsRef_[id]) + Base::kSlotSize;
-  }
+  // Start of table id's slot array in the mapping.
+  const void* slots(RelayTableId id) const { return reinterpret_cast<const char*>(header_[id]) + Shared::kSlots; }
 
  private:
   // The attempts, emptying `report` (when given) at the start of each.

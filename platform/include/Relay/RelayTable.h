@@ -16,6 +16,8 @@
 #include <string>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/Magic.h"
+#include "Beacon/SharedWord.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedMemWrapper.h"
 #include "Mem/VersionedRef.h"
@@ -31,7 +33,7 @@ class RelayTable : public Beacon::Debuggable {
  public:
   enum RelayTableId : unsigned { PRIMARY = 0, SECONDARY = 1 };
 
-  static constexpr unsigned long long kMagic = 0x59414c45524e5248ULL;  // "HRNRELAY"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNRELAY");
   static constexpr std::uint32_t kVersion = 1;
   static constexpr std::size_t kHeaderSize = 88;
   static constexpr std::size_t kSlotsOffset = 84;
@@ -115,43 +117,55 @@ static_assert(offsetof(RelayNotificationLayout, sequence) == 0, "relay slot layo
 static_assert(offsetof(RelayNotificationLayout, offset) == 4, "relay slot layout");
 static_assert(offsetof(RelayNotificationLayout, size) == 8, "relay slot layout");
 
-// Words of the shared files, each loaded or stored as one access. The two
-// 64-bit words that pair 32-bit fields hold the lower-addressed field in the
-// low half (host byte order is little-endian):
-//   byte 40: tableVersion (low) | currentTable (high)
-//   byte 72: notifications.version (low) | notifications.value (high)
+// Words of the shared files, each loaded or stored as one access, at offsets
+// taken from the layout above: the reader and the writer use these names
+// and nothing else. The two 64-bit words that pair 32-bit fields hold the
+// lower-addressed field in the low half (the host is little-endian):
+//   kSwitchWord:        tableVersion (low) | currentTable (high)
+//   kNotificationsWord: notifications.version (low) | notifications.value (high)
 namespace Shared {
 
-constexpr std::size_t kSwitchWord = 40;
-constexpr std::size_t kNotificationsWord = 72;
-constexpr std::size_t kCurrentPos = 80;
+constexpr std::size_t kMagic = offsetof(RelayHeaderLayout, magic);
+constexpr std::size_t kVersion = offsetof(RelayHeaderLayout, version);
+constexpr std::size_t kEpochs = offsetof(RelayHeaderLayout, epoch);
+constexpr std::size_t kConnectedReaders = offsetof(RelayHeaderLayout, connectedReaders);
+constexpr std::size_t kSwitchWord = offsetof(RelayHeaderLayout, tableVersion);
+constexpr std::size_t kCorralStart = offsetof(RelayHeaderLayout, corralStart);
+constexpr std::size_t kCorralEnd = offsetof(RelayHeaderLayout, corralEnd);
+constexpr std::size_t kLatestSequence = offsetof(RelayHeaderLayout, latestWriterSequence);
+constexpr std::size_t kNotificationsWord = offsetof(RelayHeaderLayout, notifications);
+constexpr std::size_t kCurrentPos = offsetof(RelayHeaderLayout, currentPos);
+// Slot 0 starts on the header's last word, which holds nothing else.
+constexpr std::size_t kSlots = offsetof(RelayHeaderLayout, pad);
+constexpr std::size_t kSlotSize = sizeof(RelayNotificationLayout);
+constexpr std::size_t kSlotSequence = offsetof(RelayNotificationLayout, sequence);
+constexpr std::size_t kSlotOffset = offsetof(RelayNotificationLayout, offset);
+constexpr std::size_t kSlotPayloadSize = offsetof(RelayNotificationLayout, size);
 
-inline std::uint64_t load64(const void* base, std::size_t at) {
-  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
-}
-inline std::uint32_t load32(const void* base, std::size_t at) {
-  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_ACQUIRE);
-}
-inline std::uint32_t load32Relaxed(const void* base, std::size_t at) {
-  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(static_cast<const char*>(base) + at), __ATOMIC_RELAXED);
-}
-inline void store64(void* base, std::size_t at, std::uint64_t value) {
-  __atomic_store_n(reinterpret_cast<std::uint64_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
-}
-inline void store32(void* base, std::size_t at, std::uint32_t value) {
-  __atomic_store_n(reinterpret_cast<std::uint32_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELEASE);
-}
-inline void store32Relaxed(void* base, std::size_t at, std::uint32_t value) {
-  __atomic_store_n(reinterpret_cast<std::uint32_t*>(static_cast<char*>(base) + at), value, __ATOMIC_RELAXED);
-}
+static_assert(offsetof(RelayHeaderLayout, currentTable) == kSwitchWord + 4,
+              "currentTable is the switch word's high half");
+static_assert(offsetof(Mem::VersionedRef<unsigned>, version) == 0 && offsetof(Mem::VersionedRef<unsigned>, value) == 4,
+              "notifications: version is the word's low half, capacity its high half");
+static_assert(kSwitchWord % 8 == 0 && kNotificationsWord % 8 == 0 && kEpochs % 8 == 0 && kCorralStart % 8 == 0 &&
+                  kCorralEnd % 8 == 0 && kLatestSequence % 8 == 0,
+              "64-bit shared words are 8-byte aligned");
+static_assert(kSlots == RelayTable<RelaySlot>::kSlotsOffset && kSlotSize == RelayTable<RelaySlot>::kSlotSize,
+              "slot geometry");
 
-constexpr std::uint32_t low(std::uint64_t word) { return static_cast<std::uint32_t>(word & 0xFFFFFFFFU); }
-constexpr std::uint32_t high(std::uint64_t word) { return static_cast<std::uint32_t>(word >> 32); }
-constexpr std::uint64_t pair(std::uint32_t lowHalf, std::uint32_t highHalf) {
-  return static_cast<std::uint64_t>(lowHalf) | (static_cast<std::uint64_t>(highHalf) << 32);
-}
-// Byte of slot `index` in a file: 84 + 12 * index.
-constexpr std::size_t slotAt(std::size_t index) { return 84 + 12 * index; }
+// The epoch of table `table` (0 primary, 1 secondary), kept in the primary file.
+constexpr std::size_t epochAt(unsigned table) { return kEpochs + sizeof(std::uint64_t) * table; }
+// Byte of slot `index` in a file.
+constexpr std::size_t slotAt(std::size_t index) { return kSlots + kSlotSize * index; }
+
+using Beacon::Shared::high;
+using Beacon::Shared::load32;
+using Beacon::Shared::load32Relaxed;
+using Beacon::Shared::load64;
+using Beacon::Shared::low;
+using Beacon::Shared::pair;
+using Beacon::Shared::store32;
+using Beacon::Shared::store32Relaxed;
+using Beacon::Shared::store64;
 
 }  // namespace Shared
 }  // namespace Relay

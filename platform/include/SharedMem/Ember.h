@@ -6,16 +6,18 @@
 #include <cstdint>
 #include <string>
 
+#include "Beacon/Clock.h"
 #include "Beacon/Debuggable.h"
+#include "Beacon/Magic.h"
 #include "Mem/RootPath.h"
 #include "Mem/SharedMemWrapper.h"
 #include "SharedMem/EmberId.h"
-#include "SharedMem/OwnerFile.h"
+#include "SharedMem/LoadStatus.h"
 
 namespace SharedMem {
 
 struct alignas(8) EmberHeader {
-  static constexpr unsigned long long kMagic = 0x5245424d454e5248ULL;  // "HRNEMBER"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNEMBER");
   static constexpr std::uint32_t kVersion = 1;
 
   std::uint64_t magic;
@@ -59,9 +61,9 @@ class EmberWriter : public Beacon::Debuggable {
   EmberHeader* header_ = nullptr;
 };
 
-// Wall clock (CLOCK_REALTIME), ns since the epoch.
-std::uint64_t nowNs();
-// CLOCK_MONOTONIC in ns: the heartbeat clock that ages are measured on.
-std::uint64_t monoNs();
+// The runtime's clocks (Beacon/Clock.h) under the names writers and readers
+// of the ember know them: heartbeatNs is nowNs(), heartbeatMonoNs monoNs().
+using Beacon::monoNs;
+using Beacon::nowNs;
 
 }  // namespace SharedMem

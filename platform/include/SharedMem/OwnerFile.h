@@ -7,18 +7,17 @@
 #include <string>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/Magic.h"
 #include "Mem/RootPath.h"
 #include "SharedMem/EmberId.h"
+#include "SharedMem/LoadStatus.h"
 #include "SharedMem/SharedMemType.h"
 
 namespace SharedMem {
 
-// Outcome of loading a shared file's header.
-enum class LoadStatus { Ok, NotReady, Incompatible, Corrupt };
-
 class OwnerFile : public Beacon::Debuggable {
  public:
-  static constexpr unsigned long long kMagic = 0x52454e574f4e5248ULL;  // "HRNOWNER"
+  static constexpr unsigned long long kMagic = Beacon::Util::encodeMagic("HRNOWNER");
   static constexpr std::uint32_t kVersion = 1;
 
   struct alignas(8) Header {

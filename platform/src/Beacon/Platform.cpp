@@ -11,9 +11,6 @@
 #include <map>
 #include <mutex>
 
-#include "Beacon/Debuggable.h"
-#include "Beacon/Trace.h"
-
 namespace Beacon {
 namespace Platform {
 
@@ -82,24 +79,4 @@ std::shared_ptr<DebugHandler> getDebugHandler(const std::string& name, bool) {
 
 }  // namespace Platform
 
-Debuggable::Debuggable(const std::string& component, bool flag)
-    : owned_(Platform::getDebugHandler(component, flag)), handler_(owned_.get()) {}
-
-namespace Impl {
-
-const char* sourceBaseName(const char* source) {
-  const char* slash = std::strrchr(source, '/');
-  return slash != nullptr ? slash + 1 : source;
-}
-
-void vfmassert(const char* source, const char* function, int line, const char* classWord, fmt::string_view format,
-               fmt::format_args args) {
-  std::string text = fmt::format("FATAL {}::{} ({}:{}): {}\n", classWord, function, sourceBaseName(source), line,
-                                 fmt::vformat(format, args));
-  std::fwrite(text.data(), 1, text.size(), stderr);
-  std::fflush(stderr);
-  std::abort();
-}
-
-}  // namespace Impl
 }  // namespace Beacon

@@ -1,65 +1,20 @@
 #include "Beacon/Util.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 
 #include "Beacon/Trace.h"
 
 namespace Beacon {
 
-double time() {
-  struct timespec now {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
 void MemoryResourceException::throwException(const std::string& what) { throw MemoryResourceException(what); }
 
 namespace Util {
-
-namespace {
-
-// Async-signal-safe in practice: sysconf(_SC_PAGESIZE) reads a value the C
-// library cached at start-up, mmap and sigaction are plain system calls.
-void onBusError(int signal, siginfo_t* info, void*) {
-  if (info->si_code == BUS_ADRERR) {
-    const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    // Step back to the start of the faulting page without an integer-to-pointer cast.
-    auto* fault = static_cast<char*>(info->si_addr);
-    void* at = fault - (reinterpret_cast<std::uintptr_t>(fault) & (page - 1));
-    if (::mmap(at, page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED) {
-      return;
-    }
-  }
-  // Not a shrunk file: the fault repeats and takes the default action.
-  struct sigaction fallback {};
-  fallback.sa_handler = SIG_DFL;
-  ::sigemptyset(&fallback.sa_mask);
-  ::sigaction(signal, &fallback, nullptr);
-}
-
-}  // namespace
-
-void tolerateShrinkingMappings() {
-  struct sigaction current {};
-  if (::sigaction(SIGBUS, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) != 0 &&
-      current.sa_sigaction == &onBusError) {
-    return;
-  }
-  struct sigaction action {};
-  action.sa_sigaction = &onBusError;
-  action.sa_flags = SA_SIGINFO | SA_RESTART;
-  ::sigemptyset(&action.sa_mask);
-  ::sigaction(SIGBUS, &action, nullptr);
-}
 
 int openRegularFile(const std::string& path, std::string& error, struct stat* status) {
   // O_NOFOLLOW: a symbolic link in place of a table file could point at

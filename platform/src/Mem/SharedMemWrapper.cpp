@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Beacon/MappingGuard.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 
@@ -57,6 +58,7 @@ bool SharedMemWrapper::open(Mode mode, std::size_t* size) {
 
 void SharedMemWrapper::unmap() {
   if (base_ != nullptr) {
+    guard_.reset();
     ::munmap(base_, size_);
     base_ = nullptr;
     size_ = 0;
@@ -89,17 +91,21 @@ const void* SharedMemWrapper::mapAt(std::size_t size, std::size_t real) {
   if (base_ != nullptr && size == size_) {
     return base_;  // already mapped at that size, and the file still holds it
   }
-  if (mode_ == Mode::ReadOnly) {
-    Beacon::Util::tolerateShrinkingMappings();
-  }
   if (base_ != nullptr) {
     // Resized in one call, in place when there is room. It fails, leaving
     // the old mapping as it was, when the range is no longer one mapping
-    // (a page patched in after a cut); a fresh mapping is made then.
+    // (a page patched in after a cut); a fresh mapping is made then. The
+    // guard's range follows the mapping.
+    guard_.reset();
     void* moved = ::mremap(base_, size_, size, MREMAP_MAYMOVE);
     if (moved != MAP_FAILED) {
       base_ = moved;
       size_ = size;
+    }
+    if (mode_ == Mode::ReadOnly) {
+      guard_ = Beacon::MappingGuard::Range(base_, size_);
+    }
+    if (moved != MAP_FAILED) {
       return base_;
     }
   }
@@ -112,6 +118,9 @@ const void* SharedMemWrapper::mapAt(std::size_t size, std::size_t real) {
   unmap();
   base_ = base;
   size_ = size;
+  if (mode_ == Mode::ReadOnly) {
+    guard_ = Beacon::MappingGuard::Range(base_, size_);
+  }
   return base_;
 }
 

@@ -25,6 +25,7 @@ namespace Quarry {
 
 NoMapReader::~NoMapReader() {
   if (header_ != nullptr) {
+    guard_.reset();
     ::munmap(const_cast<QuarryHeader*>(header_), sizeof(QuarryHeader));
   }
 }
@@ -41,17 +42,18 @@ bool NoMapReader::open(const std::string& path, std::string& error) {
     ::close(fd);
     return false;
   }
-  Beacon::Util::tolerateShrinkingMappings();
   void* base = ::mmap(nullptr, sizeof(QuarryHeader), PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (base == MAP_FAILED) {
     error = path + ": mmap: " + std::strerror(errno);
     return false;
   }
+  guard_ = Beacon::MappingGuard::Range(base, sizeof(QuarryHeader));
   const auto* header = static_cast<const QuarryHeader*>(base);
   if (header->magic != QuarryHeader::kMagic || header->version != QuarryHeader::kVersion || header->pageSize == 0 ||
       header->maxRegionId != QuarryHeader::kMaxRegionId) {
     error = path + ": not a region allocator file";
+    guard_.reset();
     ::munmap(base, sizeof(QuarryHeader));
     return false;
   }

@@ -8,35 +8,30 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
+#include "Beacon/Clock.h"
+#include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
-#include "Quarry/QuarryReader.h"
+#include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
 
 namespace {
-
-std::uint64_t nowNs() {
-  struct timespec ts {};
-  ::clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
-}
 
 std::uint32_t systemPageSize() {
   long page = ::sysconf(_SC_PAGESIZE);
   return page > 0 ? static_cast<std::uint32_t>(page) : 4096U;
 }
 
-template <typename T>
-void store(T& word, T value) {
-  __atomic_store_n(&word, value, __ATOMIC_RELAXED);
-}
-
-template <typename T>
-T load(const T& word) {
-  return __atomic_load_n(&word, __ATOMIC_RELAXED);
-}
+// Shared fields of the mapped headers, one access each; 64-bit ones
+// through the 8-byte aligned shared word, so that a 32-bit build stores
+// and loads them with one instruction.
+void store(std::uint64_t& word, std::uint64_t value) { Beacon::Shared::store64Relaxed(&word, 0, value); }
+void store(std::uint32_t& word, std::uint32_t value) { Beacon::Shared::store32Relaxed(&word, 0, value); }
+void store(unsigned char& byte, unsigned char value) { __atomic_store_n(&byte, value, __ATOMIC_RELAXED); }
+std::uint64_t load(const std::uint64_t& word) { return Beacon::Shared::load64Relaxed(&word, 0); }
+std::uint32_t load(const std::uint32_t& word) { return Beacon::Shared::load32Relaxed(&word, 0); }
+unsigned char load(const unsigned char& byte) { return __atomic_load_n(&byte, __ATOMIC_RELAXED); }
 
 // Opens the generation window: odd, and no later store becomes visible
 // before it.
@@ -46,24 +41,9 @@ void beginWindow(std::uint64_t& generation) {
 }
 
 // Closes it: every store made inside is visible before the even value.
-void endWindow(std::uint64_t& generation) { __atomic_store_n(&generation, load(generation) + 1, __ATOMIC_RELEASE); }
+void endWindow(std::uint64_t& generation) { Beacon::Shared::store64(&generation, 0, load(generation) + 1); }
 
 }  // namespace
-
-bool regionLayout(std::uint32_t unitCount, std::uint32_t unitSize, std::uint32_t pageSize, RegionLayout& out) {
-  if (pageSize == 0) {
-    return false;
-  }
-  const std::uint64_t page = pageSize;
-  const std::uint64_t headerAndBitmap = RegionHeader::kBitmapOffset + (static_cast<std::uint64_t>(unitCount) + 7) / 8;
-  out.dataOffset = (headerAndBitmap + page - 1) / page * page;
-  const std::uint64_t units = static_cast<std::uint64_t>(unitCount) * unitSize;  // < 2^64: both are 32-bit
-  if (units > UINT64_MAX - out.dataOffset - page) {
-    return false;
-  }
-  out.fileSize = (out.dataOffset + units + page - 1) / page * page;
-  return true;
-}
 
 struct QuarryWriter::Mapping {
   std::uint32_t id = 0;
@@ -283,7 +263,7 @@ std::uint32_t QuarryWriter::createRegion(std::uint32_t unitSize, std::uint32_t u
     header->generation = 0;
     header->bitmapOffset = RegionHeader::kBitmapOffset;
     header->dataOffset = static_cast<std::uint32_t>(layout.dataOffset);
-    header->createdNs = nowNs();
+    header->createdNs = Beacon::nowNs();
     header->reserved = 0;
     mapping->id = id;
     mapping->header = header;

@@ -12,37 +12,12 @@
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "Quarry/Offset.h"
-#include "Quarry/QuarryReader.h"
 
 namespace Quarry {
 
-namespace Region {
-
-std::uint32_t parseRegionId(Beacon::Platform::DebugHandler& handler, const std::string& fileName) {
-  static constexpr std::size_t kPrefix = 7;  // "region."
-  if (fileName.size() <= kPrefix || fileName.size() > kPrefix + 4 ||
-      fileName.compare(0, kPrefix, kRegionFilePrefix) != 0 || fileName[kPrefix] == '0') {
-    return 0;
-  }
-  std::uint32_t id = 0;
-  for (std::size_t i = kPrefix; i < fileName.size(); ++i) {
-    const char c = fileName[i];
-    if (c < '0' || c > '9') {
-      return 0;
-    }
-    id = id * 10 + static_cast<std::uint32_t>(c - '0');
-  }
-  if (id > QuarryHeader::kMaxRegionId) {
-    return 0;
-  }
-  Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, "Region", "{} is region {}", fileName, id);
-  return id;
-}
-
-}  // namespace Region
-
 RegionReader::~RegionReader() {
   if (base_ != nullptr) {
+    guard_.reset();
     ::munmap(const_cast<unsigned char*>(base_), size_);
   }
 }
@@ -64,7 +39,6 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
     ::close(fd);
     return false;
   }
-  Beacon::Util::tolerateShrinkingMappings();
   void* base = ::mmap(nullptr, static_cast<std::size_t>(fileSize), PROT_READ, MAP_SHARED, fd, 0);
   ::close(fd);
   if (base == MAP_FAILED) {
@@ -73,6 +47,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
   }
   base_ = static_cast<const unsigned char*>(base);
   size_ = static_cast<std::size_t>(fileSize);
+  guard_ = Beacon::MappingGuard::Range(base_, size_);
 
   // The fixed fields never change once the file is in place; they are
   // copied and checked once here, and only the copy is used afterwards, so
@@ -92,6 +67,7 @@ bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std
   } else {
     return true;
   }
+  guard_.reset();
   ::munmap(const_cast<unsigned char*>(base_), size_);
   base_ = nullptr;
   size_ = 0;
@@ -186,7 +162,7 @@ std::uint32_t RegionScanner::numFreePages(const RegionSnapshot& snapshot) const 
 
 std::uint32_t RegionScanner::numFreePages() const {
   RegionSnapshot copy;
-  snapshot(copy, 0, QuarryScannerBase<NoMapScanner>::kCopyAttempts);
+  snapshot(copy, 0, kCopyAttempts);
   return numFreePages(copy);
 }
 

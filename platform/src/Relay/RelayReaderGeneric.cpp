@@ -215,11 +215,11 @@ typename RelayReaderGeneric<Slot>::Header RelayReaderGeneric<Slot>::header(Relay
     return copy;
   }
   checkMapping(id);
-  // Word by word, each one 64-bit load: the paired 32-bit fields at 40 and
-  // 72 come out consistent.
+  // Word by word, each one 64-bit load: the paired 32-bit fields of the
+  // switch and notifications words come out consistent.
   std::uint64_t words[sizeof(Header) / 8];
   for (std::size_t i = 0; i < sizeof(Header) / 8; ++i) {
-    words[i] = Shared::load64(header_[id], 8 * i);
+    words[i] = Shared::load64(header_[id], sizeof(std::uint64_t) * i);
   }
   std::memcpy(static_cast<void*>(&copy), words, sizeof copy);
   return copy;
@@ -241,8 +241,7 @@ bool RelayReaderGeneric<Slot>::collect(RelayTableId id, std::vector<Notification
   const unsigned count = cachedNotifications_[id].value;
   const void* primary = header_[Base::PRIMARY];
   const void* own = header_[id];
-  // Slot i is at notifications + 12 + 12 * i (byte 84 + 12 * i).
-  const char* slots = reinterpret_cast<const char*>(notificationsRef_[id]) + Base::kSlotSize;
+  const char* slots = static_cast<const char*>(this->slots(id));
   const std::uint32_t version = Shared::low(switchSnapshot_);
   const std::uint32_t position = currentPos_[id];
   // Sized to the whole capacity up front and written in place: the same
@@ -361,11 +360,11 @@ void RelayReaderGeneric<Slot>::printQueue(RelayTableId id, std::vector<Notificat
   out << "\tnotifications:" << cachedNotifications_[id] << "\n";
   out << "\tcurrentPos:" << currentPos_[id] << std::endl;
   // Read live at print time.
-  const Tock::Sequence corralStart{Shared::load64(header_[id], 48)};
-  const Tock::Sequence corralEnd{Shared::load64(header_[id], 56)};
+  const Tock::Sequence corralStart{Shared::load64(header_[id], Shared::kCorralStart)};
+  const Tock::Sequence corralEnd{Shared::load64(header_[id], Shared::kCorralEnd)};
   out << "\tcorralStart:" << corralStart << "\n";
   out << "\tcorralEnd:" << corralEnd << std::endl;
-  out << "\tepoch:" << Shared::load64(header_[Base::PRIMARY], 16 + 8 * static_cast<std::size_t>(id)) << "\n\n";
+  out << "\tepoch:" << Shared::load64(header_[Base::PRIMARY], Shared::epochAt(id)) << "\n\n";
 
   const std::vector<Notification>& slots = snapshot[id];
   const std::size_t count = slots.size();

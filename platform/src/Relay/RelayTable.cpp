@@ -13,8 +13,6 @@
 
 namespace Relay {
 
-static_assert(RelayTable<RelaySlot>::kMagic == Beacon::Util::encodeMagic("HRNRELAY"), "relay magic");
-
 namespace {
 
 // Bytes that `capacity` slots need, computed without overflow.
@@ -85,7 +83,7 @@ bool RelayTable<Slot>::Header::validateSize(Beacon::Platform::DebugHandler& hand
     return false;
   }
   // The header is live memory: each word is loaded once.
-  const std::uint64_t magicWord = Shared::load64(this, 0);
+  const std::uint64_t magicWord = Shared::load64(this, Shared::kMagic);
   if (magicWord != kMagic) {
     // The file's bytes only in hexadecimal: they may be anything (a file
     // that a link pointed at, control characters).
@@ -93,7 +91,7 @@ bool RelayTable<Slot>::Header::validateSize(Beacon::Platform::DebugHandler& hand
         fmt::format("bad magic 0x{:x}, expected 0x{:x} (\"{}\")", magicWord, kMagic, Beacon::Util::decodeMagic(kMagic));
     return false;
   }
-  const std::uint32_t versionWord = Shared::load32(this, 8);
+  const std::uint32_t versionWord = Shared::load32(this, Shared::kVersion);
   if (versionWord != kVersion) {
     error = fmt::format("format version {}, expected {} ({} by {})", versionWord, kVersion,
                         versionWord > kVersion ? "newer" : "older",

@@ -17,14 +17,6 @@ namespace Relay {
 namespace {
 
 constexpr const char* kFileNames[2] = {"relay.1", "relay.2"};
-constexpr std::size_t kEpoch = 16;
-constexpr std::size_t kCorralStart = 48;
-constexpr std::size_t kCorralEnd = 56;
-constexpr std::size_t kLatestSequence = 64;
-constexpr std::size_t kConnectedReaders = 32;
-
-std::size_t epochAt(unsigned table) { return kEpoch + 8 * static_cast<std::size_t>(table); }
-
 // Writes the header of a fresh, zero-filled file: everything but the magic
 // first, the magic last, so that a reader that sees the magic sees the rest.
 bool writeHeader(const std::string& path, const RelayWriter::Header& header, std::string& error) {
@@ -35,8 +27,11 @@ bool writeHeader(const std::string& path, const RelayWriter::Header& header, std
   }
   const char* bytes = reinterpret_cast<const char*>(&header);
   // Bytes 84..87 are slot 0's first word: the fresh file's zero stays.
-  const std::size_t body = RelayWriter::Table::kSlotsOffset - 8;
-  bool ok = ::pwrite(fd, bytes + 8, body, 8) == static_cast<ssize_t>(body) && ::pwrite(fd, bytes, 8, 0) == 8;
+  constexpr std::size_t magicSize = sizeof header.magic;
+  static_assert(Shared::kMagic == 0, "the magic opens the file");
+  const std::size_t body = Shared::kSlots - magicSize;
+  bool ok = ::pwrite(fd, bytes + magicSize, body, magicSize) == static_cast<ssize_t>(body) &&
+            ::pwrite(fd, bytes, magicSize, 0) == static_cast<ssize_t>(magicSize);
   if (!ok) {
     error = path + ": " + std::strerror(errno);
   }
@@ -129,7 +124,7 @@ bool RelayWriter::open(std::string& error) {
       Shared::store64(header_[id], Shared::kNotificationsWord, Shared::pair(Shared::low(word) + 1, capacity));
     }
   }
-  nextSequence_ = Shared::load64(header_[0], kLatestSequence) + 1;
+  nextSequence_ = Shared::load64(header_[0], Shared::kLatestSequence) + 1;
   Beacon::fmtrace(debugHandler(), 5, __FILE__, __func__, __LINE__, "RelayWriter",
                   "opened {} with {} notifications, table {}, next sequence {}", root_.path(), capacity, table,
                   nextSequence_);
@@ -167,9 +162,9 @@ void RelayWriter::switchTables() {
   const unsigned other = Shared::high(switchWord) != 0 ? 0U : 1U;
   // Reset the other table first; readers copying it see currentPos move.
   Shared::store32(header_[other], Shared::kCurrentPos, 0);
-  Shared::store64(header_[other], kCorralStart, nextSequence_);
-  Shared::store64(header_[other], kCorralEnd, nextSequence_);
-  Shared::store64(header_[0], epochAt(other), Shared::load64(header_[0], epochAt(other)) + 1);
+  Shared::store64(header_[other], Shared::kCorralStart, nextSequence_);
+  Shared::store64(header_[other], Shared::kCorralEnd, nextSequence_);
+  Shared::store64(header_[0], Shared::epochAt(other), Shared::load64(header_[0], Shared::epochAt(other)) + 1);
   // Then flip the table and bump its version in one store.
   Shared::store64(header_[0], Shared::kSwitchWord, Shared::pair(Shared::low(switchWord) + 1, other));
 }
@@ -188,11 +183,11 @@ std::uint64_t RelayWriter::append(std::uint32_t offset, std::uint32_t size) {
   }
   const std::uint64_t sequence = nextSequence_++;
   void* slot = reinterpret_cast<char*>(header_[table]) + Shared::slotAt(pos);
-  Shared::store32Relaxed(slot, 0, static_cast<std::uint32_t>(sequence));
-  Shared::store32Relaxed(slot, 4, offset);
-  Shared::store32Relaxed(slot, 8, size);
-  Shared::store64(header_[table], kCorralEnd, sequence + 1);
-  Shared::store64(header_[0], kLatestSequence, sequence);
+  Shared::store32Relaxed(slot, Shared::kSlotSequence, static_cast<std::uint32_t>(sequence));
+  Shared::store32Relaxed(slot, Shared::kSlotOffset, offset);
+  Shared::store32Relaxed(slot, Shared::kSlotPayloadSize, size);
+  Shared::store64(header_[table], Shared::kCorralEnd, sequence + 1);
+  Shared::store64(header_[0], Shared::kLatestSequence, sequence);
   // Publishes the slot.
   Shared::store32(header_[table], Shared::kCurrentPos, pos + 1);
   return sequence;
@@ -202,7 +197,8 @@ bool RelayWriter::tombstone(RelayTableId table, unsigned position) {
   if (!isOpen() || table > 1 || position >= capacity()) {
     return false;
   }
-  Shared::store32(reinterpret_cast<char*>(header_[table]) + Shared::slotAt(position), 4, Quarry::Offset::TOMBSTONED);
+  Shared::store32(reinterpret_cast<char*>(header_[table]) + Shared::slotAt(position), Shared::kSlotOffset,
+                  Quarry::Offset::TOMBSTONED);
   return true;
 }
 
@@ -211,8 +207,8 @@ bool RelayWriter::tombstone(std::uint64_t sequence) {
     return false;
   }
   for (unsigned table = 0; table < 2; ++table) {
-    const std::uint64_t start = Shared::load64(header_[table], kCorralStart);
-    const std::uint64_t end = Shared::load64(header_[table], kCorralEnd);
+    const std::uint64_t start = Shared::load64(header_[table], Shared::kCorralStart);
+    const std::uint64_t end = Shared::load64(header_[table], Shared::kCorralEnd);
     if (sequence >= start && sequence < end) {
       return tombstone(static_cast<RelayTableId>(table), static_cast<unsigned>(sequence - start));
     }
@@ -254,7 +250,7 @@ bool RelayWriter::grow(unsigned newCapacity, std::string& error) {
 
 void RelayWriter::setConnectedReaders(std::uint32_t readers) {
   if (isOpen()) {
-    Shared::store32(header_[0], kConnectedReaders, readers);
+    Shared::store32(header_[0], Shared::kConnectedReaders, readers);
   }
 }
 

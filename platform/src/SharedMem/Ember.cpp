@@ -4,25 +4,10 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 
 #include "Beacon/Util.h"
 
 namespace SharedMem {
-
-static_assert(EmberHeader::kMagic == Beacon::Util::encodeMagic("HRNEMBER"), "ember magic");
-
-std::uint64_t nowNs() {
-  struct timespec now {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
-std::uint64_t monoNs() {
-  struct timespec now {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out) {
   std::string path = root.fullPath("ember");

@@ -7,34 +7,11 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Beacon/Clock.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
-#include "SharedMem/Ember.h"
 
 namespace SharedMem {
-
-static_assert(OwnerFile::kMagic == Beacon::Util::encodeMagic("HRNOWNER"), "owner magic");
-
-std::ostream& operator<<(std::ostream& out, SharedMemType type) {
-  switch (type) {
-    case Unknown:
-      return out << "unknown";
-    case Segment:
-      return out << "segment";
-    case Table:
-      return out << "table";
-    case Archive:
-      return out << "archive";
-  }
-  return out << static_cast<std::uint32_t>(type);
-}
-
-std::ostream& operator<<(std::ostream& out, const EmberId& id) {
-  std::ios_base::fmtflags flags = out.flags();
-  out << std::dec << id.pid << '.' << id.instanceId;
-  out.flags(flags);
-  return out;
-}
 
 namespace {
 
@@ -119,7 +96,7 @@ bool OwnerFile::create(const Mem::RootPath& root, SharedMemType type, const std:
   header.sharedMemType = type;
   header.ownerPid = static_cast<std::uint32_t>(::getpid());
   header.ember = ember;
-  header.createdNs = nowNs();
+  header.createdNs = Beacon::nowNs();
   std::strncpy(header.typeName, typeName.c_str(), sizeof header.typeName - 1);
   ::gethostname(header.hostname, sizeof header.hostname - 1);
 

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -175,28 +174,6 @@ TEST_F(OpenRegularFile, DirectoryIsRefused) {
   std::string error;
   EXPECT_EQ(Beacon::Util::openRegularFile(dir.path(), error), -1);
   EXPECT_EQ(error, "not a regular file");
-}
-
-// A file cut short under a read-only mapping reads as zeros past its new end
-// instead of ending the process with SIGBUS.
-TEST(TolerateShrinkingMappings, LoadsPastANewEndReadZeros) {
-  HeronTest::TempDir dir;
-  const std::string path = dir.path() + "/shrinks";
-  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-  { std::ofstream(path, std::ios::binary) << std::string(2 * page, 'x'); }
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  ASSERT_GE(fd, 0);
-  Beacon::Util::tolerateShrinkingMappings();
-  Beacon::Util::tolerateShrinkingMappings();  // a second call changes nothing
-  void* base = ::mmap(nullptr, 2 * page, PROT_READ, MAP_SHARED, fd, 0);
-  ::close(fd);
-  ASSERT_NE(base, MAP_FAILED);
-  const auto* bytes = static_cast<const unsigned char*>(base);
-  EXPECT_EQ(__atomic_load_n(&bytes[page], __ATOMIC_RELAXED), 'x');
-  ASSERT_EQ(::truncate(path.c_str(), 0), 0);
-  EXPECT_EQ(__atomic_load_n(&bytes[0], __ATOMIC_RELAXED), 0);
-  EXPECT_EQ(__atomic_load_n(&bytes[page + 7], __ATOMIC_RELAXED), 0);
-  ::munmap(base, 2 * page);
 }
 
 }  // namespace

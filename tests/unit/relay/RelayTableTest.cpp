@@ -23,6 +23,28 @@ TEST(RelayHeaderLayout, IsEightyEightBytesWithFieldsAtTheirOffsets) {
   EXPECT_EQ(sizeof(Notification), 12U);
 }
 
+// The named words that the reader and the writer share sit where the format
+// puts them.
+TEST(RelayHeaderLayout, SharedWordNamesAreTheFormatsOffsets) {
+  namespace Shared = Relay::Shared;
+  EXPECT_EQ(Shared::kMagic, 0U);
+  EXPECT_EQ(Shared::kVersion, 8U);
+  EXPECT_EQ(Shared::epochAt(0), 16U);
+  EXPECT_EQ(Shared::epochAt(1), 24U);
+  EXPECT_EQ(Shared::kConnectedReaders, 32U);
+  EXPECT_EQ(Shared::kSwitchWord, 40U);
+  EXPECT_EQ(Shared::kCorralStart, 48U);
+  EXPECT_EQ(Shared::kCorralEnd, 56U);
+  EXPECT_EQ(Shared::kLatestSequence, 64U);
+  EXPECT_EQ(Shared::kNotificationsWord, 72U);
+  EXPECT_EQ(Shared::kCurrentPos, 80U);
+  EXPECT_EQ(Shared::slotAt(0), 84U);
+  EXPECT_EQ(Shared::slotAt(3), 84U + 36U);
+  EXPECT_EQ(Shared::kSlotSequence, 0U);
+  EXPECT_EQ(Shared::kSlotOffset, 4U);
+  EXPECT_EQ(Shared::kSlotPayloadSize, 8U);
+}
+
 TEST(RelayHeaderLayout, MagicIsHrnrelayInFileOrder) {
   Header header = validHeader(0);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(&header), 8), "HRNRELAY");
