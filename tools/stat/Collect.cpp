@@ -300,7 +300,6 @@ Sample collect(const CollectOptions& options) {
   const std::uint64_t startMono = SharedMem::monoNs();
   sample.timeSeconds = seconds(SharedMem::nowNs());
   sample.monotonicSeconds = seconds(startMono);
-  Beacon::Util::tolerateShrinkingMappings();
 
   const Mem::OrbRootPath rootPath(handler(), std::string(), false);
   sample.root = rootPath.path();

@@ -47,5 +47,9 @@ std::uint64_t parseTraceMask(std::string_view setting, std::string_view componen
 // The flag is reserved (callers pass false).
 std::shared_ptr<DebugHandler> getDebugHandler(const std::string& name, bool);
 
+// The part of a __FILE__ path after its last '/': trace and assertion texts
+// do not depend on where the checkout lives.
+const char* sourceBaseName(const char* source);
+
 }  // namespace Platform
 }  // namespace Beacon

@@ -24,9 +24,6 @@
 namespace Beacon {
 
 namespace Impl {
-// The part of a __FILE__ path after its last '/'.
-const char* sourceBaseName(const char* source);
-
 // Prints "FATAL <classWord>::<function> (<source>:<line>): <message>" to
 // standard error and aborts.
 [[noreturn]] void vfmassert(const char* source, const char* function, int line, const char* classWord,

@@ -14,6 +14,11 @@
 namespace Beacon {
 namespace Platform {
 
+const char* sourceBaseName(const char* source) {
+  const char* slash = std::strrchr(source, '/');
+  return slash != nullptr ? slash + 1 : source;
+}
+
 DebugHandler::DebugHandler(std::string component, std::uint64_t mask) : component_(std::move(component)), mask_(mask) {}
 
 void DebugHandler::emit(unsigned level, const char* source, const char* function, int line, const char* classWord,
@@ -22,7 +27,7 @@ void DebugHandler::emit(unsigned level, const char* source, const char* function
   clock_gettime(CLOCK_REALTIME, &now);
   std::string text =
       fmt::format("{}.{:06} {} L{} {}::{} ({}:{}) {}\n", static_cast<long long>(now.tv_sec), now.tv_nsec / 1000,
-                  component_, level, classWord, function, Impl::sourceBaseName(source), line, message);
+                  component_, level, classWord, function, sourceBaseName(source), line, message);
   // One write per line so that lines of concurrent processes do not mix.
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
