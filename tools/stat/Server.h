@@ -9,7 +9,12 @@
 // - Any other path: 404, whatever the method.
 // - A request line longer than 8 KiB: 414. A header line longer than 8 KiB,
 //   a malformed request line or a request that stalls past the read
-//   timeout: 400 (cpp-httplib does not tell these apart).
+//   timeout: 400 (cpp-httplib does not tell these apart). cpp-httplib
+//   bounds each header line but not their number: a client that keeps
+//   sending short header lines, each within the read timeout, holds one
+//   worker and the memory of those lines until it stops. Listen on a
+//   loopback or otherwise trusted address (the shipped unit listens on
+//   127.0.0.1).
 // - A bounded pool of worker threads serves the connections, with read and
 //   write timeouts and a bounded keep-alive, so a client that stalls halfway
 //   through a request holds one worker for at most the read timeout and the
