@@ -15,12 +15,10 @@
 // HeronClientScanner links heron::heronrt as well, and then holds a runtime of
 // its own (its own trace handlers) beside the library's.
 //
-// The library's own sources hold these declarations together with the
-// internal ones (src/HeronScanner.h, src/HeronClientScanner.h). The install
-// test compiles a program that names every member declared here, links it
-// against the installed library alone, and checks that the names it takes
-// from the library are exactly the names the library exports, so that the
-// two cannot drift apart unnoticed.
+// The library's own headers (src/HeronScanner.h, src/HeronClientScanner.h)
+// include this one and add the internal declarations. The install test compiles a program that names every member
+// declared here, links it against the installed library alone, and checks that the names it takes from the library are
+// exactly the names the library exports, so that the two cannot drift apart unnoticed.
 #pragma once
 
 #include <ostream>
@@ -64,7 +62,9 @@ class RelayHelperScanner;
 struct MmapInfo;
 
 // Which processes are attached to which tables, read from /proc. One scanner
-// answers one query; it borrows its output stream (which must outlive it).
+// answers one query; it borrows its output stream (which must outlive it)
+// and keeps copies of the root path and table name. All queries are const
+// and re-read /proc from scratch. Single-threaded per scanner.
 // The members that take the library's internal types (MmapInfo, the model,
 // the helper scanners) are for the library's own use.
 class HERON_EXPORT HeronClientScanner : public Beacon::Debuggable {
