@@ -16,9 +16,11 @@
 // its own (its own trace handlers) beside the library's.
 //
 // The library's own headers (src/HeronScanner.h, src/HeronClientScanner.h)
-// include this one and add the internal declarations. The install test compiles a program that names every member
-// declared here, links it against the installed library alone, and checks that the names it takes from the library are
-// exactly the names the library exports, so that the two cannot drift apart unnoticed.
+// include this one and add the internal declarations. The install test
+// compiles a program that names every member declared here, links it
+// against the installed library alone, and checks that the names it takes
+// from the library are exactly the names the library exports, so that the
+// two cannot drift apart unnoticed.
 #pragma once
 
 #include <ostream>
