@@ -11,8 +11,10 @@ class QuarryHelperScanner : public Quarry::QuarryScannerBase<Quarry::NoMapScanne
   using Quarry::QuarryScannerBase<Quarry::NoMapScanner>::QuarryScannerBase;
   ~QuarryHelperScanner() override = default;
 
-  // Attaches every region, fills numRegions, totalSize, pagesFree and
-  // occupancyRate, and releases every region it counted.
+  // Counts every region into numRegions, totalSize, pagesFree and
+  // occupancyRate, attaching each one only while it is counted; holds no
+  // region afterwards. Leaves the figures alone when the table directory
+  // cannot be listed.
   void fillHeader(Model::HeaderInfo& info);
 };
 

@@ -4,7 +4,8 @@
 // Lifecycle: construct -> initialize() (maps `quarry`, watches the table
 // directory) -> attachRegions() (from printStats, scanRegions or a caller)
 // -> regions detached one at a time by notify() on deletion, or all at once
-// by destruction. Single-threaded; notify() is called from
+// by destruction; or visitAndReleaseRegions(), which holds each region only
+// while it is visited (the capacity summary). Single-threaded; notify() is called from
 // WatchDescriptor::poll() on the same thread, which the scanner does before
 // it attaches or reads regions.
 //
@@ -91,6 +92,14 @@ class Reader : public Mem::InotifyMgr::Watcher {
   void attachRegions(const std::unordered_set<unsigned>& regionIds);
   // Delivers pending directory events (deletions detach regions).
   void pollEvents() { watch_.poll(); }
+  // Calls `visit` once for every region and leaves none attached: the
+  // regions attached already, and every other region file present, each
+  // attached just for its visit and released right after it, so that at
+  // most one more mapping is held at a time. Pending directory events are
+  // delivered first; files that cannot be attached are listed in
+  // badRegions(). When the directory cannot be listed (listError()) nothing
+  // is visited and the attached regions stay.
+  void visitAndReleaseRegions(const std::function<void(const RegionScanner&)>& visit);
 
   std::uint32_t notificationsSeen() const { return notificationsSeen_; }
   std::size_t attachedRegions() const { return regions_.size(); }
@@ -111,6 +120,12 @@ class Reader : public Mem::InotifyMgr::Watcher {
 
  protected:
   bool attachRegion(std::uint32_t regionId);
+  // The region attached and counted, or null when it could not be (then
+  // listed in badRegions_ unless its file is gone).
+  std::unique_ptr<RegionScanner> openRegion(std::uint32_t regionId);
+  // Reads the table directory, calling `found` with each region file's id;
+  // false with listError_ set when it cannot be listed.
+  bool listRegionIds(const std::function<void(std::uint32_t)>& found);
 
   std::uint32_t notificationsSeen_ = 0;
   Mem::RootPath root_;

@@ -140,7 +140,7 @@ void Reader<Scanner>::enableRetiredRegions() {
 }
 
 template <typename Scanner>
-bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
+std::unique_ptr<RegionScanner> Reader<Scanner>::openRegion(std::uint32_t regionId) {
   auto region = std::make_unique<RegionScanner>();
   std::string error;
   if (!region->attach(regionRoot_.fullPath(kRegionFilePrefix + std::to_string(regionId)), regionId, error)) {
@@ -150,15 +150,50 @@ bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
       Beacon::fmtrace(debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "region {}: {}", regionId,
                       error);
     }
+    return nullptr;
+  }
+  ++counters_.attached;
+  return region;
+}
+
+template <typename Scanner>
+bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
+  std::unique_ptr<RegionScanner> region = openRegion(regionId);
+  if (!region) {
     return false;
   }
   if (retiredRegions_) {
     retiredRegions_->byId[regionId] = region.get();
   }
   regions_[regionId] = std::move(region);
-  ++counters_.attached;
   return true;
 }
+
+template <typename Scanner>
+bool Reader<Scanner>::listRegionIds(const std::function<void(std::uint32_t)>& found) {
+  DIR* dir = ::opendir(regionRoot_.path().c_str());
+  if (dir == nullptr) {
+    // Not "no regions": the regions could not be seen.
+    listError_ = "cannot list " + Beacon::Util::escapeText(regionRoot_.path()) + ": " + std::strerror(errno);
+    return false;
+  }
+  while (const struct dirent* entry = ::readdir(dir)) {
+    const std::uint32_t id = Region::parseRegionId(debugHandler(), entry->d_name);
+    if (id != 0) {
+      found(id);
+    }
+  }
+  ::closedir(dir);
+  return true;
+}
+
+namespace {
+
+void sortById(std::vector<BadRegion>& bad) {
+  std::sort(bad.begin(), bad.end(), [](const BadRegion& a, const BadRegion& b) { return a.id < b.id; });
+}
+
+}  // namespace
 
 template <typename Scanner>
 void Reader<Scanner>::attachRegions(const std::unordered_set<unsigned>& regionIds) {
@@ -170,7 +205,7 @@ void Reader<Scanner>::attachRegions(const std::unordered_set<unsigned>& regionId
       attachRegion(id);
     }
   }
-  std::sort(badRegions_.begin(), badRegions_.end(), [](const BadRegion& a, const BadRegion& b) { return a.id < b.id; });
+  sortById(badRegions_);
 }
 
 template <typename Scanner>
@@ -178,20 +213,46 @@ void Reader<Scanner>::attachRegions() {
   watch_.poll();
   badRegions_.clear();
   listError_.clear();
-  DIR* dir = ::opendir(regionRoot_.path().c_str());
-  if (dir == nullptr) {
-    // Not "no regions": the regions could not be seen.
-    listError_ = "cannot list " + Beacon::Util::escapeText(regionRoot_.path()) + ": " + std::strerror(errno);
+  if (!listRegionIds([this](std::uint32_t id) {
+        if (regions_.count(id) == 0) {
+          attachRegion(id);
+        }
+      })) {
     return;
   }
-  while (const struct dirent* entry = ::readdir(dir)) {
-    const std::uint32_t id = Region::parseRegionId(debugHandler(), entry->d_name);
-    if (id != 0 && regions_.count(id) == 0) {
-      attachRegion(id);
+  sortById(badRegions_);
+}
+
+template <typename Scanner>
+void Reader<Scanner>::visitAndReleaseRegions(const std::function<void(const RegionScanner&)>& visit) {
+  watch_.poll();
+  badRegions_.clear();
+  listError_.clear();
+  // Holding every mapping at once would make each mmap and munmap dearer
+  // (a larger address space to search and tear down) for no gain: a region
+  // not attached yet is mapped for its visit only.
+  if (!listRegionIds([this, &visit](std::uint32_t id) {
+        if (regions_.count(id) != 0) {
+          return;  // visited below
+        }
+        std::unique_ptr<RegionScanner> region = openRegion(id);
+        if (region) {
+          visit(*region);
+          if (retiredRegions_) {
+            retiredRegions_->byId[id] = nullptr;
+          }
+        }
+      })) {
+    return;
+  }
+  for (auto& entry : regions_) {
+    visit(*entry.second);
+    if (retiredRegions_) {
+      retiredRegions_->byId[entry.first] = nullptr;
     }
   }
-  ::closedir(dir);
-  std::sort(badRegions_.begin(), badRegions_.end(), [](const BadRegion& a, const BadRegion& b) { return a.id < b.id; });
+  regions_.clear();
+  sortById(badRegions_);
 }
 
 // ---------------------------------------------------------- QuarryScannerBase

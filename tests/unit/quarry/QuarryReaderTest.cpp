@@ -1,8 +1,11 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
+#include "Beacon/MappingGuard.h"
 #include "Quarry/QuarryReader.h"
 #include "Quarry/Region.h"
 #include "QuarryFixture.h"
@@ -198,4 +201,50 @@ TEST_F(QuarryReaderTest, DetachTraceNamesTheDestructorAndItsSourceFile) {
   handler_.setMask(0);
   EXPECT_NE(err.find(" QuarryTest L3 QuarryReader::~Reader (QuarryReader.cpp:"), std::string::npos) << err;
   EXPECT_NE(err.find("detach from " + root_.path()), std::string::npos) << err;
+}
+
+TEST_F(QuarryReaderTest, VisitAndReleaseMapsOneRegionAtATime) {
+  std::vector<std::uint32_t> made;
+  for (int i = 0; i < 5; ++i) {
+    made.push_back(region(64, 4));
+  }
+  Scanner scanner(handler_, root_, "");
+  ASSERT_TRUE(scanner.initialize());
+  const std::size_t before = Beacon::MappingGuard::registeredRanges();
+  std::size_t most = 0;
+  std::vector<std::uint32_t> seen;
+  scanner.visitAndReleaseRegions([&](const Quarry::RegionScanner& region) {
+    seen.push_back(region.id());
+    most = std::max(most, Beacon::MappingGuard::registeredRanges());
+  });
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, made);
+  EXPECT_EQ(most, before + 1);
+  EXPECT_EQ(scanner.attachedRegions(), 0U);
+  EXPECT_EQ(Beacon::MappingGuard::registeredRanges(), before);
+}
+
+TEST_F(QuarryReaderTest, VisitAndReleaseVisitsAttachedRegionsOnceAndReleasesThem) {
+  const std::uint32_t first = region(64, 4);
+  const std::uint32_t second = region(128, 4);
+  auto scanner = attached();
+  ASSERT_EQ(scanner->attachedRegions(), 2U);
+  std::vector<std::uint32_t> seen;
+  scanner->visitAndReleaseRegions([&](const Quarry::RegionScanner& region) { seen.push_back(region.id()); });
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<std::uint32_t>{first, second}));
+  EXPECT_EQ(scanner->attachedRegions(), 0U);
+}
+
+TEST_F(QuarryReaderTest, VisitAndReleaseListsAShortRegionFileAsBad) {
+  const std::uint32_t good = region(64, 4);
+  const std::uint32_t cut = region(64, 4);
+  ASSERT_EQ(::truncate(root_.fullPath("region." + std::to_string(cut)).c_str(), 10), 0);
+  Scanner scanner(handler_, root_, "");
+  ASSERT_TRUE(scanner.initialize());
+  std::vector<std::uint32_t> seen;
+  scanner.visitAndReleaseRegions([&](const Quarry::RegionScanner& region) { seen.push_back(region.id()); });
+  EXPECT_EQ(seen, std::vector<std::uint32_t>{good});
+  ASSERT_EQ(scanner.badRegions().size(), 1U);
+  EXPECT_EQ(scanner.badRegions()[0].id, cut);
 }
