@@ -6,6 +6,11 @@ BIN=${HERON_BIN:-build/bin}
 HERON_ROOT=$(mktemp -d /tmp/heron-client-script.XXXXXX)
 export HERON_ROOT
 PIDS=()
+# grep -q that reads its whole input, so that the writer of a pipe never
+# dies of SIGPIPE under pipefail.
+matches() {
+  grep "$@" >/dev/null
+}
 cleanup() {
   if ((${#PIDS[@]})); then kill "${PIDS[@]}" 2>/dev/null || true; fi
   rm -rf "$HERON_ROOT"
@@ -35,8 +40,8 @@ shadow=$(announced_pid "$HERON_ROOT/s.out")
 [[ "$(cat "$HERON_ROOT/s.out")" == "shadow $shadow attached to $ROOT/t" ]] || fail "shadow announcement"
 
 grep -q "$ROOT/t/relay.1$" "/proc/$shadow/maps" || fail "shadow does not map relay.1"
-grep "$ROOT/t/relay.1$" "/proc/$shadow/maps" | grep -q ' r--s ' || fail "shadow mapping is not read-only"
-grep "$ROOT/t/relay.1$" "/proc/$writer/maps" | grep -q ' rw-s ' || fail "--rw mapping is not read-write shared"
+grep "$ROOT/t/relay.1$" "/proc/$shadow/maps" | matches ' r--s ' || fail "shadow mapping is not read-only"
+grep "$ROOT/t/relay.1$" "/proc/$writer/maps" | matches ' rw-s ' || fail "--rw mapping is not read-write shared"
 
 out=$("$BIN/heron" -w t 2>/dev/null)
 grep -qx "Writer: heron-sim-$writer(heron-sim)" <<<"$out" || fail "writer not listed: $out"

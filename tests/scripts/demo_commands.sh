@@ -22,7 +22,7 @@ live() {
   for table in orders md/eu/quotes md/eu/trades md/us/quotes archive/2025; do
     grep -qF "$table" "$WORK/all.txt" || return 1
   done
-  "$HERON" -c "$writer" 2>/dev/null | grep -qF "$T" && "$HERON" -q "$T" 2>/dev/null | grep -q '^pos: '
+  "$HERON" -c "$writer" 2>/dev/null | matches -F "$T" && "$HERON" -q "$T" 2>/dev/null | matches '^pos: '
 }
 wait_until 20 live || fail "the demo's tables never showed live clients and notifications: $(cat "$WORK/all.txt")"
 

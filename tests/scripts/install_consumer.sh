@@ -70,8 +70,8 @@ consumer=$WORK/consumer/build/consumer
 # Linked against the installed shared library, and against nothing else of
 # the project.
 grep -q 'libheronrt' "$WORK/consumer/build/build.ninja" && fail "the consumer links the runtime library"
-readelf -d "$consumer" | grep -q 'NEEDED.*\[libheron\.so\.0\]' || fail "the consumer does not need libheron.so.0"
-ldd "$consumer" | grep -q "libheron\.so\.0 => $PREFIX/lib/libheron\.so\.0" ||
+readelf -d "$consumer" | matches 'NEEDED.*\[libheron\.so\.0\]' || fail "the consumer does not need libheron.so.0"
+ldd "$consumer" | matches "libheron\.so\.0 => $PREFIX/lib/libheron\.so\.0" ||
   fail "the consumer does not load the installed library: $(ldd "$consumer" | grep heron)"
 
 # Heron::main, run in the consumer's process, prints the documented help.

@@ -42,8 +42,8 @@ cross() {
   wait_for_line "$log" "^writer $pid attached" 10 || fail "writer of $name did not attach: $(cat "$log")"
   # Read once the writer has grown the queue and its notifications show.
   grown() {
-    "${rheron[@]}" -s "$name" 2>/dev/null | grep -q 'Notifications: [0-9]* (v[2-9]' &&
-      "${rheron[@]}" -q "$name" 2>/dev/null | grep -q 'seq: [1-9]'
+    "${rheron[@]}" -s "$name" 2>/dev/null | matches 'Notifications: [0-9]* (v[2-9]' &&
+      "${rheron[@]}" -q "$name" 2>/dev/null | matches 'seq: [1-9]'
   }
   wait_until 30 grown || fail "$rbin never saw the queue of $name grow (writer: $wbin)"
   local args

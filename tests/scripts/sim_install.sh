@@ -25,7 +25,7 @@ done
 ls "$PREFIX"/lib/libheron.so* >/dev/null 2>&1 || fail "libheron.so was not installed"
 
 # The installed heron finds its library through its own run path.
-"$PREFIX/bin/heron" -h | grep -q '^   heron \[OPTIONS\] \[EXPR\]$' || fail "installed heron -h"
+"$PREFIX/bin/heron" -h | matches '^   heron \[OPTIONS\] \[EXPR\]$' || fail "installed heron -h"
 
 # A writer project: creates a table's owner file and ember through the
 # installed runtime, then reads them back.

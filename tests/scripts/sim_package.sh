@@ -9,7 +9,7 @@ command -v dpkg-deb >/dev/null || fail "dpkg-deb is not installed"
   fail "cpack failed: $(tail -5 "$WORK/cpack.log")"
 deb=$(ls "$WORK"/pkg/heron_*.deb 2>/dev/null | head -1)
 [[ -n $deb ]] || fail "no .deb was made"
-dpkg-deb -f "$deb" Package | grep -qx heron || fail "package name"
+dpkg-deb -f "$deb" Package | matches -x heron || fail "package name"
 dpkg-deb -c "$deb" >"$WORK/contents.txt"
 expected=(./usr/bin/heron ./usr/bin/heron-sim ./usr/lib/libheronrt.a ./usr/lib/libheron.so
   ./usr/lib/cmake/heron/heronConfig.cmake ./usr/include/heron/SharedMem/OwnerFile.h ./usr/share/man/man1/heron.1

@@ -25,7 +25,7 @@ check -a -e traced
 check -s traced
 # The dump roads must really have read the queue file, or the checks above
 # prove nothing.
-grep -F "$table/relay.1" "$WORK/strace.log" | grep -q 'O_RDONLY' || fail "heron -s did not open relay.1"
+grep -F "$table/relay.1" "$WORK/strace.log" | matches 'O_RDONLY' || fail "heron -s did not open relay.1"
 check -w traced
 check -A
 echo PASS

@@ -45,7 +45,7 @@ wait "$WRITER_PID" || status=$?
 status=0
 timeout 10 "$SIM" write w --flat-out --duration 1 >"$WORK/d.txt" || status=$?
 [[ $status -eq 0 ]] || fail "--duration: status $status"
-head -1 "$WORK/d.txt" | grep -q "^writer [0-9]* attached to $(cd "$HERON_ROOT/w" && pwd -P)$" || fail "attach line: $(head -1 "$WORK/d.txt")"
+head -1 "$WORK/d.txt" | matches "^writer [0-9]* attached to $(cd "$HERON_ROOT/w" && pwd -P)$" || fail "attach line: $(head -1 "$WORK/d.txt")"
 
 # No table: one line, status 1.
 status=0

@@ -59,7 +59,7 @@ state=$(field victim .state -i 1)
 status=0
 "$STAT" --check >"$WORK/check.txt" || status=$?
 [[ $status -eq 2 ]] || fail "--check exited $status after SIGKILL: $(cat "$WORK/check.txt")"
-head -1 "$WORK/check.txt" | grep -q '^HERON CRITICAL - .*dead: victim' || fail "check line: $(head -1 "$WORK/check.txt")"
+head -1 "$WORK/check.txt" | matches '^HERON CRITICAL - .*dead: victim' || fail "check line: $(head -1 "$WORK/check.txt")"
 grep -q "^CRITICAL: victim: writer $VICTIM_PID is not running$" "$WORK/check.txt" ||
   fail "no problem line naming victim: $(cat "$WORK/check.txt")"
 wait "$VICTIM_PID" 2>/dev/null || true
@@ -69,7 +69,7 @@ echo "SIGKILL: dead, --check status 2 naming victim"
 # SIGSTOP: stale once the heartbeat is older than --stale, ok again after SIGCONT.
 kill -STOP "$FAST_PID"
 wait_for fast .state stale 10 --stale 1
-"$STAT" -i 0 --stale 1 fast | grep -q '^warning   fast: heartbeat .* s old (stale after 1 s)$' ||
+"$STAT" -i 0 --stale 1 fast | matches '^warning   fast: heartbeat .* s old (stale after 1 s)$' ||
   fail "no stale problem line: $("$STAT" -i 0 --stale 1 fast)"
 kill -CONT "$FAST_PID"
 wait_for fast .state ok 10 --stale 1
@@ -102,7 +102,7 @@ reason() { jq -r --arg t "$1" '.tables[] | select(.name == $t) | [.state, (.prob
   fail "shortember: $(reason shortember)"
 [[ $(jq -r '.tables[] | select(.name == "fast") | .state' <<<"$json") == ok ]] || fail "fast is not reported ok"
 [[ $(jq -r '.tables | length' <<<"$json") -eq 7 ]] || fail "not every table is reported: $(jq -c '[.tables[].name]' <<<"$json")"
-"$STAT" -i 0 | grep -q "^critical  badquarry: $HERON_ROOT/badquarry/quarry: not a region allocator file$" ||
+"$STAT" -i 0 | matches "^critical  badquarry: $HERON_ROOT/badquarry/quarry: not a region allocator file$" ||
   fail "the text view does not give the reason: $("$STAT" -i 0)"
 echo "damaged tables: broken with their reasons, the others still reported"
 

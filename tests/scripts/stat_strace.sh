@@ -26,8 +26,8 @@ check() {
   [[ -z $bad ]] || fail "$* mapped a table file other than read-only and shared: $bad"
   bad=$(grep -F "$root" "$log" | grep -E '^[0-9]+ +(creat|mkdir|mkdirat|rename|renameat2?|unlink|unlinkat|link|linkat|truncate|ftruncate|symlink|symlinkat)\(' || true)
   [[ -z $bad ]] || fail "$* changed the root: $bad"
-  grep -F "$root/traced/relay.1" "$log" | grep -q 'O_RDONLY' || fail "$* did not read relay.1: $(head -3 "$WORK/out.txt")"
-  grep -F "$root/traced/quarry" "$log" | grep -E '^[0-9]+ +mmap\(' | grep -q 'PROT_READ' || fail "$* did not map quarry"
+  grep -F "$root/traced/relay.1" "$log" | matches 'O_RDONLY' || fail "$* did not read relay.1: $(head -3 "$WORK/out.txt")"
+  grep -F "$root/traced/quarry" "$log" | grep -E '^[0-9]+ +mmap\(' | matches 'PROT_READ' || fail "$* did not map quarry"
   [[ $(listing) == "$before" ]] || fail "$* left files under the root: $(diff <(echo "$before") <(listing))"
   echo "$*: $(grep -cF "$root/" "$log") calls on table files, none writable"
 }

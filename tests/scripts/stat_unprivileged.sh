@@ -29,7 +29,7 @@ json=$(as_nobody --json -i 0) || fail "heron-stat as nobody failed"
 [[ $(jq -r '.tables[0].state' <<<"$json") == ok ]] || fail "state as nobody: $(jq -r '.tables[0].state' <<<"$json")"
 line=$(as_nobody -i 0 | sed -n 2p)
 [[ $(awk '{print $6}' <<<"$line") == '?' ]] || fail "the text view does not show unknown shadows: $line"
-if as_nobody --prometheus | grep -q '^heron_table_shadows{'; then
+if as_nobody --prometheus | matches '^heron_table_shadows{'; then
   fail "a shadow count was exported as nobody"
 fi
 echo "as nobody: $line"

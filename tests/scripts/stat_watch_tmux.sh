@@ -33,7 +33,7 @@ done
 ((seen[0] < seen[1] && seen[1] < seen[2])) || fail "sequences do not grow: ${seen[*]}"
 headers=$(screen | grep -c '^TABLE ')
 [[ $headers -eq 1 ]] || fail "the view was appended, not repainted ($headers headers): $(screen)"
-screen | grep -q '^heron-stat  ' || fail "no title line: $(screen)"
+screen | matches '^heron-stat  ' || fail "no title line: $(screen)"
 echo "repainted in place with sequences ${seen[*]}"
 
 tmux -L "$SOCKET" send-keys -t watch C-c

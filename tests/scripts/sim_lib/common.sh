@@ -15,6 +15,13 @@ fail() {
   exit 1
 }
 
+# matches [GREP OPTIONS] PATTERN: grep -q that reads its whole input. Under
+# pipefail, `cmd | grep -q` fails at random: grep leaves at the first match
+# and cmd, still writing, dies of SIGPIPE.
+matches() {
+  grep "$@" >/dev/null
+}
+
 cleanup() {
   local pid
   for pid in "${STARTED[@]:-}"; do

@@ -23,7 +23,7 @@ demo_child_pids() {
 
 # True while a pid still runs heron-sim (not merely reused).
 is_sim() {
-  [[ -r /proc/$1/cmdline ]] && tr '\0' ' ' <"/proc/$1/cmdline" 2>/dev/null | grep -q 'heron-sim'
+  [[ -r /proc/$1/cmdline ]] && tr '\0' ' ' <"/proc/$1/cmdline" 2>/dev/null | matches 'heron-sim'
 }
 
 # assert_all_gone PIDS...: within 3 s none of them runs any more.
