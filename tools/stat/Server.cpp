@@ -50,13 +50,17 @@ const char* const kTextType = "text/plain; charset=utf-8";
 const char* const kAllowed = "GET, HEAD";
 
 // The worker pool handed to httplib: a fixed number of threads and a bounded
-// queue. httplib's own pool queues without limit.
+// queue. httplib's own pool queues without limit. A connection goes to the
+// worker that went idle last, so that scrapes one after another reuse one
+// worker and its stack pages, and the others only touch memory when clients
+// really overlap.
 class BoundedPool : public httplib::TaskQueue {
  public:
-  BoundedPool(std::size_t workers, std::size_t capacity) : capacity_(capacity) {
+  BoundedPool(std::size_t workers, std::size_t capacity) : capacity_(capacity), idlers_(workers) {
+    idle_.reserve(workers);
     threads_.reserve(workers);
     for (std::size_t i = 0; i < workers; ++i) {
-      threads_.emplace_back([this] { work(); });
+      threads_.emplace_back([this, i] { work(i); });
     }
   }
   ~BoundedPool() override { BoundedPool::shutdown(); }
@@ -67,8 +71,12 @@ class BoundedPool : public httplib::TaskQueue {
     std::unique_lock<std::mutex> lock(mutex_);
     roomy_.wait(lock, [this] { return jobs_.size() < capacity_; });
     jobs_.push_back(std::move(fn));
-    lock.unlock();
-    ready_.notify_one();
+    if (!idle_.empty()) {
+      Idler& idler = idlers_[idle_.back()];
+      idle_.pop_back();
+      idler.called = true;
+      idler.wake.notify_one();
+    }
   }
 
   // Runs what is queued, then joins the workers. Idempotent.
@@ -76,8 +84,10 @@ class BoundedPool : public httplib::TaskQueue {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       stopping_ = true;
+      for (auto& idler : idlers_) {
+        idler.wake.notify_one();
+      }
     }
-    ready_.notify_all();
     for (auto& thread : threads_) {
       if (thread.joinable()) {
         thread.join();
@@ -86,30 +96,115 @@ class BoundedPool : public httplib::TaskQueue {
   }
 
  private:
-  void work() {
+  struct Idler {
+    std::condition_variable wake;
+    bool called = false;
+  };
+
+  void work(std::size_t self) {
+    Idler& idler = idlers_[self];
+    std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-      std::function<void()> job;
-      {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ready_.wait(lock, [this] { return !jobs_.empty() || stopping_; });
-        if (jobs_.empty()) {
-          return;
-        }
-        job = std::move(jobs_.front());
-        jobs_.pop_front();
+      if (jobs_.empty() && !stopping_) {
+        // enqueue() takes the worker off the idle stack when it calls it.
+        idle_.push_back(self);
+        idler.wake.wait(lock, [this, &idler] { return idler.called || stopping_; });
+        idler.called = false;
+        continue;
       }
+      if (jobs_.empty()) {
+        return;
+      }
+      std::function<void()> job = std::move(jobs_.front());
+      jobs_.pop_front();
+      lock.unlock();
       roomy_.notify_one();
       job();
+      job = nullptr;
+      lock.lock();
     }
   }
 
   const std::size_t capacity_;
   std::mutex mutex_;
-  std::condition_variable ready_;
   std::condition_variable roomy_;
   std::deque<std::function<void()>> jobs_;
+  std::vector<Idler> idlers_;
+  std::vector<std::size_t> idle_;  // idle workers, the one that went idle last at the back
   std::vector<std::thread> threads_;
   bool stopping_ = false;
+};
+
+// Takes every sample on one thread of its own; a worker hands it the request
+// and waits for the text. What a sample touches (stack pages, the malloc
+// arena its allocations come from) then belongs to the same thread every
+// time and settles after the first scrapes, instead of growing each time a
+// worker takes its first sample. Requests wait their turn, so metrics() runs
+// one at a time.
+class Sampler {
+ public:
+  explicit Sampler(const std::function<std::string()>& metrics) : metrics_(metrics), thread_([this] { work(); }) {}
+  ~Sampler() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+  }
+  Sampler(const Sampler&) = delete;
+  Sampler& operator=(const Sampler&) = delete;
+
+  // One fresh sample in `body`; false when metrics() failed.
+  bool take(std::string& body) {
+    const std::lock_guard<std::mutex> turn(turn_);
+    std::unique_lock<std::mutex> lock(mutex_);
+    wanted_ = true;
+    wake_.notify_all();
+    wake_.wait(lock, [this] { return !wanted_; });
+    body = std::move(body_);
+    body_.clear();
+    return sampled_;
+  }
+
+ private:
+  void work() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [this] { return wanted_ || stopping_; });
+      if (!wanted_) {
+        return;
+      }
+      lock.unlock();
+      std::string body;
+      bool sampled = false;
+      try {
+        body = metrics_();
+        sampled = true;
+      } catch (const std::exception&) {
+        sampled = false;
+      }
+      // A sample allocates and frees a lot (every process's maps file);
+      // handing the freed pages back keeps the resident size from creeping
+      // up with the fragments left over from scrape to scrape.
+      ::malloc_trim(0);
+      lock.lock();
+      body_ = std::move(body);
+      sampled_ = sampled;
+      wanted_ = false;
+      wake_.notify_all();
+    }
+  }
+
+  const std::function<std::string()>& metrics_;
+  std::mutex turn_;  // held by the one request being sampled
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool wanted_ = false;
+  bool stopping_ = false;
+  bool sampled_ = false;
+  std::string body_;
+  std::thread thread_;  // last: starts once the members above exist
 };
 
 // A file descriptor closed on scope exit.
@@ -192,8 +287,7 @@ void answerText(httplib::Response& res, int status, const char* body) {
 
 // Every request goes through here before httplib's own routing, so that the
 // answer depends on the path first and the method second.
-httplib::Server::HandlerResponse route(const httplib::Request& req, httplib::Response& res,
-                                       const std::function<std::string()>& metrics, std::mutex& sampling) {
+httplib::Server::HandlerResponse route(const httplib::Request& req, httplib::Response& res, Sampler& sampler) {
   const bool isMetrics = req.path == "/metrics";
   const bool isHealth = req.path == "/healthz";
   if (!isMetrics && !isHealth) {
@@ -212,20 +306,7 @@ httplib::Server::HandlerResponse route(const httplib::Request& req, httplib::Res
     return httplib::Server::HandlerResponse::Handled;
   }
   std::string body;
-  bool sampled = false;
-  {
-    std::lock_guard<std::mutex> lock(sampling);
-    try {
-      body = metrics();
-      sampled = true;
-    } catch (const std::exception&) {
-      sampled = false;
-    }
-    // A sample allocates and frees a lot (every process's maps file);
-    // handing the freed pages back keeps the resident size from creeping up
-    // with the fragments left over from scrape to scrape.
-    ::malloc_trim(0);
-  }
+  const bool sampled = sampler.take(body);
   if (!sampled) {
     answerText(res, 500, "sample failed\n");
     return httplib::Server::HandlerResponse::Handled;
@@ -380,6 +461,8 @@ int serve(const ListenAddress& where, const std::function<std::string()>& metric
   ::mallopt(M_ARENA_MAX, 2);
   ::mallopt(M_MMAP_THRESHOLD, kMmapThreshold);
 
+  // Outlives the server, whose workers wait on it.
+  Sampler sampler(metrics);
   httplib::Server server;
   server.new_task_queue = [] { return new BoundedPool(kWorkers, kQueuedConnections); };
   server.set_read_timeout(kReadTimeoutSeconds, 0);
@@ -387,10 +470,8 @@ int serve(const ListenAddress& where, const std::function<std::string()>& metric
   server.set_keep_alive_timeout(kKeepAliveSeconds);
   server.set_keep_alive_max_count(kKeepAliveRequests);
   server.set_payload_max_length(kMaxPayload);
-  std::mutex sampling;
-  server.set_pre_routing_handler([&metrics, &sampling](const httplib::Request& req, httplib::Response& res) {
-    return route(req, res, metrics, sampling);
-  });
+  server.set_pre_routing_handler(
+      [&sampler](const httplib::Request& req, httplib::Response& res) { return route(req, res, sampler); });
   server.set_error_handler(httplib::Server::HandlerWithResponse(answerUnknownMethod));
   // The listening socket is only seen here; httplib listens with a short
   // backlog, which is raised once bound.

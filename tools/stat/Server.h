@@ -19,7 +19,9 @@
 //   write timeouts and a bounded keep-alive, so a client that stalls halfway
 //   through a request holds one worker for at most the read timeout and the
 //   others keep being answered.
-// - metrics() is never called by two workers at once.
+// - metrics() runs on one thread of the server's own, one call at a time,
+//   whichever worker serves the scrape: the memory a sample needs is
+//   touched once and then reused, and the resident size stays flat.
 // - SIGTERM and SIGINT stop the server cleanly: the listening socket is
 //   closed, requests in progress finish, serve() returns 0. serve() blocks
 //   both signals (and SIGPIPE, so a client that hangs up mid-answer costs an

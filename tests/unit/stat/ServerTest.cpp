@@ -9,12 +9,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,9 +29,19 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
 
-// The fake sample: a counter of samples taken and of samples that found
-// another one in progress.
+// The fake sample: a counter of samples taken, of samples that found
+// another one in progress, and of the threads that took them.
 std::string fakeSample() {
+  static std::mutex threadsMutex;
+  static std::vector<std::thread::id> threads;
+  std::size_t threadCount = 0;
+  {
+    const std::lock_guard<std::mutex> lock(threadsMutex);
+    if (std::find(threads.begin(), threads.end(), std::this_thread::get_id()) == threads.end()) {
+      threads.push_back(std::this_thread::get_id());
+    }
+    threadCount = threads.size();
+  }
   static std::atomic<int> inside{0};
   static std::atomic<int> overlaps{0};
   static std::atomic<int> taken{0};
@@ -40,7 +52,8 @@ std::string fakeSample() {
   const int number = taken.fetch_add(1) + 1;
   inside.fetch_sub(1);
   return "# TYPE fake_samples_total counter\nfake_samples_total " + std::to_string(number) +
-         "\n# TYPE fake_overlaps gauge\nfake_overlaps " + std::to_string(overlaps.load()) + "\n";
+         "\n# TYPE fake_overlaps gauge\nfake_overlaps " + std::to_string(overlaps.load()) +
+         "\n# TYPE fake_sampling_threads gauge\nfake_sampling_threads " + std::to_string(threadCount) + "\n";
 }
 
 // Reads what is available on `fd` into `into` until `done` says so, EOF, or
@@ -443,6 +456,25 @@ TEST(StatServerTest, SamplesAreTakenOneAtATime) {
   const Response last = request(port, "GET", "/metrics");
   EXPECT_NE(last.body.find("\nfake_samples_total 41\n"), std::string::npos) << last.body;
   EXPECT_NE(last.body.find("\nfake_overlaps 0\n"), std::string::npos) << last.body;
+}
+
+// Whichever worker serves a scrape, the sample is taken on one thread, so
+// the memory a sample touches settles after the first scrapes.
+TEST(StatServerTest, SamplesAreTakenOnOneThread) {
+  ServerChild server("127.0.0.1:0");
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  std::vector<std::thread> clients;
+  clients.reserve(16);
+  for (int i = 0; i < 16; ++i) {
+    clients.emplace_back([port] { request(port, "GET", "/metrics"); });
+  }
+  for (auto& client : clients) {
+    client.join();
+  }
+  const Response last = request(port, "GET", "/metrics");
+  EXPECT_NE(last.body.find("\nfake_samples_total 17\n"), std::string::npos) << last.body;
+  EXPECT_NE(last.body.find("\nfake_sampling_threads 1\n"), std::string::npos) << last.body;
 }
 
 TEST(StatServerTest, SigtermStopsCleanly) {
