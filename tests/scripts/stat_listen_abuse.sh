@@ -113,7 +113,13 @@ for ((i = 0; i < 5; i++)); do
 done
 last=$(rss_kb)
 echo "VmRSS after round 1: $first kB, after round 3 and 100 more scrapes: $last kB"
-((last <= first + 1536)) || fail "memory grew from $first kB to $last kB"
+if sanitized_build; then
+  # ASan keeps freed blocks in its quarantine: RSS grows whatever the program
+  # does. The flat-memory check runs in the ordinary build.
+  echo "memory check not applied to the sanitizer build"
+else
+  ((last <= first + 1536)) || fail "memory grew from $first kB to $last kB"
+fi
 for fd in "${STALLED[@]}"; do
   exec {fd}>&-
 done

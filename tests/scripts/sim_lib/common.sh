@@ -51,12 +51,19 @@ wait_for_line() {
   wait_until "$3" grep -q -- "$2" "$1" 2>/dev/null
 }
 
+# sanitized_build [BUILD]: true when BUILD (default: the build of $BIN) is the
+# AddressSanitizer build, whose memory figures say nothing about the program's
+# own (freed blocks wait in ASan's quarantine).
+sanitized_build() {
+  grep -q '^HERON_SANITIZE:BOOL=ON' "${1:-$BIN/..}/CMakeCache.txt" 2>/dev/null
+}
+
 # build_consumer DIR BUILD PREFIX: configures and builds the CMake project in
 # DIR (into DIR/build) against the install in PREFIX, with the sanitizer
 # flags of the build BUILD that was installed.
 build_consumer() {
   local dir=$1 build=$2 prefix=$3 flags=""
-  if grep -q '^HERON_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then
+  if sanitized_build "$build"; then
     flags="-fsanitize=address,undefined"
   fi
   cmake -S "$dir" -B "$dir/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
