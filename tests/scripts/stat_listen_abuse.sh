@@ -13,13 +13,7 @@ STAT=$BIN/heron-stat
 command -v curl >/dev/null || fail "curl is missing: install it with scripts/install-deps.sh"
 
 start_demo
-"$STAT" --listen 127.0.0.1:0 >"$WORK/stat.out" 2>"$WORK/stat.err" &
-STAT_PID=$!
-STARTED+=("$STAT_PID")
-wait_for_line "$WORK/stat.out" '^listening on 127\.0\.0\.1:[0-9]*$' 10 ||
-  fail "heron-stat did not listen: $(cat "$WORK/stat.out" "$WORK/stat.err")"
-PORT=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/stat.out")
-URL=http://127.0.0.1:$PORT
+start_stat_listen
 
 rss_kb() { awk '/^VmRSS:/ {print $2}' "/proc/$STAT_PID/status"; }
 

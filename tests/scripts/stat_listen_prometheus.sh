@@ -17,13 +17,7 @@ RATE=40
 start_demo --rate "$RATE"
 WRITER_TABLES=(orders md/eu/quotes md/eu/trades md/us/quotes)
 
-"$STAT" --listen 127.0.0.1:0 >"$WORK/stat.out" 2>"$WORK/stat.err" &
-STAT_PID=$!
-STARTED+=("$STAT_PID")
-wait_for_line "$WORK/stat.out" '^listening on 127\.0\.0\.1:[0-9]*$' 10 ||
-  fail "heron-stat did not listen: $(cat "$WORK/stat.out" "$WORK/stat.err")"
-PORT=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/stat.out")
-[[ $PORT -gt 0 ]] || fail "no port in: $(cat "$WORK/stat.out")"
+start_stat_listen
 
 # The exposition as a scraper sees it.
 curl -fsS -D "$WORK/headers" -o "$WORK/metrics" "http://127.0.0.1:$PORT/metrics" || fail "GET /metrics failed"

@@ -72,6 +72,19 @@ build_consumer() {
   cmake --build "$dir/build" >"$WORK/build.log" 2>&1 || fail "consumer build failed: $(tail -20 "$WORK/build.log")"
 }
 
+# start_stat_listen: starts `heron-stat --listen 127.0.0.1:0` and sets
+# STAT_PID, PORT and URL once it has said where it listens.
+start_stat_listen() {
+  "$BIN/heron-stat" --listen 127.0.0.1:0 >"$WORK/stat.out" 2>"$WORK/stat.err" &
+  STAT_PID=$!
+  STARTED+=("$STAT_PID")
+  wait_for_line "$WORK/stat.out" '^listening on 127\.0\.0\.1:[0-9]*$' 10 ||
+    fail "heron-stat did not listen: $(cat "$WORK/stat.out" "$WORK/stat.err")"
+  PORT=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/stat.out")
+  [[ $PORT -gt 0 ]] || fail "no port in: $(cat "$WORK/stat.out")"
+  URL=http://127.0.0.1:$PORT
+}
+
 # start_writer NAME [write options]: sets WRITER_PID once it has attached.
 start_writer() {
   local name=$1
