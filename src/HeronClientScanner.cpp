@@ -601,6 +601,9 @@ namespace {
 // The header of the table whose directory `tableRoot` names.
 void headerInfoAt(const HeronClientScanner& scanner, const Mem::RootPath& tableRoot, Model::HeronTable& table) {
   QuarryHelperScanner quarry(scanner.debugHandler(), tableRoot, std::string());
+  // The capacity summary lists the directory and holds no region after it:
+  // no deletion can concern it, so no watch is added for it.
+  quarry.watchDeletions(false);
   RelayHelperScanner relay(scanner.debugHandler(), tableRoot, false);
   scanner.populateHeronTableHeaderInfo(quarry, relay, table);
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # heron -a -e, -s, -w and -A under strace against a live table: no table file
-# is opened for writing, and no table file is mapped writable and shared.
+# is opened for writing, and no table file is mapped writable and shared;
+# the one-shot capacity summaries add no directory watch.
 source "$(dirname "$0")/sim_lib/common.sh"
 command -v strace >/dev/null || fail "strace is not installed (scripts/install-deps.sh installs it)"
 
@@ -28,4 +29,15 @@ check -s traced
 grep -F "$table/relay.1" "$WORK/strace.log" | matches 'O_RDONLY' || fail "heron -s did not open relay.1"
 check -w traced
 check -A
+
+# The capacity summaries of -A and -w read each table once and hold no
+# region afterwards: they add no directory watch. A region dump keeps its
+# watch, which tells it of a region deleted while it prints.
+watches() {
+  strace -f -e trace=inotify_add_watch -o "$WORK/watch.log" "$HERON" "$@" >/dev/null 2>&1 || fail "heron $* failed"
+  grep -c '^[0-9]* *inotify_add_watch(' "$WORK/watch.log" || true
+}
+[[ $(watches -A) == 0 ]] || fail "heron -A added a directory watch: $(cat "$WORK/watch.log")"
+[[ $(watches -w traced) == 0 ]] || fail "heron -w added a directory watch: $(cat "$WORK/watch.log")"
+[[ $(watches -a traced) -ge 1 ]] || fail "heron -a added no directory watch: $(cat "$WORK/watch.log")"
 echo PASS

@@ -96,7 +96,10 @@ class CaptureErrors {
 // The region reader, asked for figures instead of a printed report.
 class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
  public:
-  AllocatorReader(const Mem::RootPath& root) : QuarryScannerBase(handler(), root, std::string()) {}
+  // Used for one sample and destroyed: it keeps no watch on the directory.
+  explicit AllocatorReader(const Mem::RootPath& root) : QuarryScannerBase(handler(), root, std::string()) {
+    watchDeletions(false);
+  }
 
   // Fills `out` from the allocator file and every region; each file that
   // cannot be used adds a line to `errors`. False when the allocator file

@@ -30,10 +30,16 @@ class SharedMemWrapper : public Beacon::Debuggable {
   virtual const std::string& name() const { return path_; }
   // Real size of the file now; 0 when it is absent or unreadable.
   std::size_t memSize() const;
+  // The size the last look at the file found (its open or the last
+  // memSize()), without asking again; 0 before the file is open.
+  std::size_t knownSize() const { return knownSize_; }
   // Maps the file again at `size` bytes; the new base, or nullptr (with
   // lastError set) when the file is shorter or the call fails. The old
   // mapping stays valid on failure; one of that size already is the answer.
   virtual const void* remap(std::size_t size);
+  // The same for a file the caller knows to be `real` bytes long (from
+  // memSize() or knownSize()), so that the file is not asked again.
+  const void* remap(std::size_t size, std::size_t real);
   const std::string& lastError() const { return lastError_; }
 
   const void* base() const { return base_; }
@@ -61,6 +67,7 @@ class SharedMemWrapper : public Beacon::Debuggable {
   int fd_ = -1;
   void* base_ = nullptr;
   std::size_t size_ = 0;
+  mutable std::size_t knownSize_ = 0;
   Mode mode_ = Mode::ReadOnly;
   Beacon::MappingGuard::Range guard_;
   std::string lastError_;

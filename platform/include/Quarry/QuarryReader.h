@@ -111,6 +111,13 @@ class Reader : public Mem::InotifyMgr::Watcher {
   const std::string& listError() const { return listError_; }
   const ReaderCounters& counters() const { return counters_; }
   bool watching() const { return watch_.enabled(); }
+  // Whether initialize() watches the table directory (yes unless told
+  // otherwise before it). A reader used once and then destroyed does not
+  // need the watch: its only poll comes before its first attach, when the
+  // directory listing already tells every deletion. Adding and removing a
+  // watch costs two system calls and kernel work per table, which a report
+  // over thousands of tables pays for nothing.
+  void watchDeletions(bool enabled) { watchDeletions_ = enabled; }
 
   void setOnRegionDetached(std::function<void(std::uint32_t)> callback) { onRegionDetached_ = std::move(callback); }
   // From now on regions detached by notify() are parked, not destroyed, and
@@ -139,6 +146,7 @@ class Reader : public Mem::InotifyMgr::Watcher {
   std::function<void(std::uint32_t)> onRegionDetached_;
   std::vector<BadRegion> badRegions_;
   std::string listError_;
+  bool watchDeletions_ = true;
 };
 
 template <typename Scanner>

@@ -31,6 +31,9 @@ std::size_t SharedMemWrapper::memSize() const {
   if (rc != 0 || !S_ISREG(st.st_mode)) {
     return 0;
   }
+  if (fd_ >= 0) {
+    knownSize_ = static_cast<std::size_t>(st.st_size);
+  }
   return static_cast<std::size_t>(st.st_size);
 }
 
@@ -47,10 +50,13 @@ bool SharedMemWrapper::open(Mode mode, std::size_t* size) {
     }
     return false;
   }
-  if (size != nullptr && mode == Mode::ReadOnly) {
+  if (mode == Mode::ReadOnly) {
     // The size of the fstat that checked the file type: asking again at
     // once would tell nothing new.
-    *size = static_cast<std::size_t>(st.st_size);
+    knownSize_ = static_cast<std::size_t>(st.st_size);
+    if (size != nullptr) {
+      *size = knownSize_;
+    }
   }
   mode_ = mode;
   return true;
@@ -80,6 +86,14 @@ const void* SharedMemWrapper::remap(std::size_t size) {
     return nullptr;
   }
   return mapAt(size, memSize());
+}
+
+const void* SharedMemWrapper::remap(std::size_t size, std::size_t real) {
+  if (fd_ < 0) {
+    lastError_ = "not open";
+    return nullptr;
+  }
+  return mapAt(size, real);
 }
 
 const void* SharedMemWrapper::mapAt(std::size_t size, std::size_t real) {

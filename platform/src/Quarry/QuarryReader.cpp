@@ -368,7 +368,7 @@ bool QuarryScannerBase<Scanner>::initialize() {
     Beacon::fmtrace(this->debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "{}", error);
     return false;
   }
-  if (!this->watch_.enabled() && !this->watch_.enable(this->root_.path(), *this)) {
+  if (this->watchDeletions_ && !this->watch_.enabled() && !this->watch_.enable(this->root_.path(), *this)) {
     // Without a watch deletions are only seen by the next directory read.
     Beacon::fmtrace(this->debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "cannot watch {}: {}",
                     this->root_.path(), std::strerror(errno));

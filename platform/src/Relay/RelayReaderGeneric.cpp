@@ -150,10 +150,21 @@ bool RelayReaderGeneric<Slot>::initialize() {
     cachedNotifications_[id] = Mem::VersionedRef<unsigned>{0xFFFFFFFFU, 0};
   }
 
+  // Validated against the sizes the opens saw; only when that fails are
+  // the files asked again (a writer may have grown one since).
   std::string error;
-  bool valid =
-      header_[Base::PRIMARY]->validateSize(this->debugHandler(), clampSize(this->files_[0].memSize()), 0, error) &&
-      header_[Base::SECONDARY]->validateSize(this->debugHandler(), clampSize(this->files_[1].memSize()), 0, error);
+  auto validate = [this, &error](bool fresh) {
+    for (unsigned id = 0; id < 2; ++id) {
+      const Mem::Tracked<Mem::SharedMemWrapper>& file = this->files_[id];
+      const std::size_t size = fresh ? file.memSize() : file.knownSize();
+      error.clear();
+      if (!header_[id]->validateSize(this->debugHandler(), clampSize(size), 0, error)) {
+        return false;
+      }
+    }
+    return true;
+  };
+  const bool valid = validate(false) || validate(true);
   if (!valid) {
     std::cerr << "Relay " << this->name_ << " validation failed: " << error << std::endl;
     return false;
@@ -180,12 +191,15 @@ void RelayReaderGeneric<Slot>::resizeRelay(RelayTableId id) {
   cachedNotifications_[id] = live;
   Mem::Tracked<Mem::SharedMemWrapper>& file = this->files_[id];
   const std::size_t need = Header::fileSize(live.value);
-  const std::size_t real = file.memSize();
+  // Table files never shrink: a size seen before that holds the mapping
+  // still does (a file cut against the rule is caught by checkMapping). The
+  // file is asked again only when the announcement outgrew that size.
+  const std::size_t real = need <= file.knownSize() ? file.knownSize() : file.memSize();
   // Never map past the end of the file: touching such a page faults.
   Beacon::fmassert(need <= real, __FILE__, __func__, __LINE__, kClass,
                    "requesting to map {} {} relay notifications. Requested file resize to {} but real file size is {}",
                    file.name(), live.value, need, real);
-  const void* base = file.remap(need);
+  const void* base = file.remap(need, real);
   if (base != nullptr) {
     header_[id] = static_cast<const Header*>(base);
     notificationsRef_[id] = reinterpret_cast<const Mem::VersionedRef<unsigned>*>(static_cast<const char*>(base) +

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -71,6 +72,31 @@ TEST_F(SharedMemWrapperTest, RemapPastTheEndFailsAndKeepsTheOldMapping) {
   EXPECT_EQ(file.base(), base);
   EXPECT_EQ(file.mappedSize(), 88U);
   EXPECT_EQ(at(base, 50), 50U);
+}
+
+TEST_F(SharedMemWrapperTest, KnownSizeIsWhatTheOpenSawUntilAskedAgain) {
+  const std::string path = makeFile(4096);
+  File file(handler(), path);
+  EXPECT_EQ(file.knownSize(), 0U);
+  ASSERT_NE(file.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
+  EXPECT_EQ(file.knownSize(), 4096U);
+  ASSERT_EQ(::truncate(path.c_str(), 8192), 0);
+  EXPECT_EQ(file.knownSize(), 4096U);
+  EXPECT_EQ(file.memSize(), 8192U);
+  EXPECT_EQ(file.knownSize(), 8192U);
+}
+
+TEST_F(SharedMemWrapperTest, RemapWithAGivenSizeMapsWithinItOnly) {
+  File file(handler(), makeFile(4096));
+  const void* base = file.attach(88, Mem::Mode::ReadOnly, nullptr);
+  ASSERT_NE(base, nullptr);
+  EXPECT_EQ(file.remap(2048, 1024), nullptr);
+  EXPECT_EQ(file.lastError(), "file holds 1024 bytes, 2048 requested");
+  EXPECT_EQ(file.mappedSize(), 88U);
+  const void* grown = file.remap(4096, file.knownSize());
+  ASSERT_NE(grown, nullptr) << file.lastError();
+  EXPECT_EQ(file.mappedSize(), 4096U);
+  EXPECT_EQ(at(grown, 4095), 4095U % 251);
 }
 
 TEST_F(SharedMemWrapperTest, AttachFailsOnAMissingOrShortFile) {

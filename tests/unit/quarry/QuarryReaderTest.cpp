@@ -49,6 +49,19 @@ TEST_F(QuarryReaderTest, InitializeWatchesTheTableDirectory) {
   EXPECT_TRUE(scanner.watching());
 }
 
+TEST_F(QuarryReaderTest, AReaderToldNotToWatchAddsNoWatchAndStillSeesEveryRegion) {
+  region(64, 4);
+  region(128, 4);
+  Scanner scanner(handler_, root_, "");
+  scanner.watchDeletions(false);
+  ASSERT_TRUE(scanner.initialize());
+  EXPECT_FALSE(scanner.watching());
+  unsigned visited = 0;
+  scanner.visitAndReleaseRegions([&visited](const Quarry::RegionScanner&) { ++visited; });
+  EXPECT_EQ(visited, 2U);
+  EXPECT_EQ(scanner.attachedRegions(), 0U);
+}
+
 TEST_F(QuarryReaderTest, AttachRegionsAttachesEveryRegionFile) {
   region(64, 4);
   region(128, 4);
