@@ -598,12 +598,16 @@ void HeronClientScanner::doPopulateCommandNames(Model::HeronClientList& clients,
 
 namespace {
 
-// The header of the table whose directory `tableRoot` names.
-void headerInfoAt(const HeronClientScanner& scanner, const Mem::RootPath& tableRoot, Model::HeronTable& table) {
+// The header of the table whose directory `tableRoot` names; its region
+// files are taken from `listing` when the caller has just read the
+// directory.
+void headerInfoAt(const HeronClientScanner& scanner, const Mem::RootPath& tableRoot, Model::HeronTable& table,
+                  const Mem::TableFinder::Listing* listing = nullptr) {
   QuarryHelperScanner quarry(scanner.debugHandler(), tableRoot, std::string());
   // The capacity summary lists the directory and holds no region after it:
   // no deletion can concern it, so no watch is added for it.
   quarry.watchDeletions(false);
+  quarry.useListing(listing);
   RelayHelperScanner relay(scanner.debugHandler(), tableRoot, false);
   scanner.populateHeronTableHeaderInfo(quarry, relay, table);
 }
@@ -722,31 +726,34 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
 int HeronClientScanner::addClientlessHerons(std::set<Model::HeronTable>& tables) const {
   const Beacon::Platform::DebugHandler& handler = debugHandler();
   Mem::TableFinder finder(debugHandler(), rootPath);
-  finder.find("", SharedMem::Table);
   Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Determining clientless herons");
   // The finder lists directories under the root that are not symlinks. When
   // the root is the collection root (canonical), a name resolved under it is
   // the root's path and the name as they stand, so the path need not be
-  // walked again for every table.
+  // walked again for every table, and the directory the finder has just
+  // read is the table's: its region files are taken from that listing.
   const bool rootIsCollection = rootPath.path() == Mem::OrbRootPath::collectionRoot();
-  for (const std::string& name : finder.matches()) {
-    Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "Looking for {} in tables", name);
+  // Each table is read as the walk meets it, so that the listing is fresh;
+  // the set orders them.
+  const char* const function = __func__;
+  finder.visit("", SharedMem::Table, [&](const std::string& name, const Mem::TableFinder::Listing* entries) {
+    Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "Looking for {} in tables", name);
     Model::HeronTable table(name);
     if (tables.count(table) != 0) {
-      continue;
+      return;
     }
     if (rootIsCollection) {
-      headerInfoAt(*this, Mem::RootPath(rootPath.fullPath(name)), table);
+      headerInfoAt(*this, Mem::RootPath(rootPath.fullPath(name)), table, entries);
     } else {
       getHeaderInfo(name, table);
     }
     if (!headerComplete(table.headerInfo)) {
-      Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass,
+      Beacon::fmtrace(handler, 5, __FILE__, function, __LINE__, kClass,
                       "Suppressing clientless heron {} with missing header info", name);
-      continue;
+      return;
     }
     tables.insert(std::move(table));
-  }
+  });
   return 0;
 }
 

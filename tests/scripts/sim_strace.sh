@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # heron -a -e, -s, -w and -A under strace against a live table: no table file
 # is opened for writing, and no table file is mapped writable and shared;
-# the one-shot capacity summaries add no directory watch.
+# the one-shot capacity summaries add no directory watch, and -A reads the
+# directory of a table without clients once.
 source "$(dirname "$0")/sim_lib/common.sh"
 command -v strace >/dev/null || fail "strace is not installed (scripts/install-deps.sh installs it)"
 
@@ -40,4 +41,13 @@ watches() {
 [[ $(watches -A) == 0 ]] || fail "heron -A added a directory watch: $(cat "$WORK/watch.log")"
 [[ $(watches -w traced) == 0 ]] || fail "heron -w added a directory watch: $(cat "$WORK/watch.log")"
 [[ $(watches -a traced) -ge 1 ]] || fail "heron -a added no directory watch: $(cat "$WORK/watch.log")"
+
+# heron -A reads the directory of a table without clients once: the walk
+# that finds the table hands its listing to the capacity summary.
+"$SIM" create quiet >/dev/null
+quiet=$(cd "$HERON_ROOT/quiet" && pwd -P)
+strace -f -e trace=openat -o "$WORK/dirs.log" "$HERON" -A >"$WORK/out.txt" 2>&1 || fail "heron -A failed"
+matches -Fx 'Heron table "quiet"' "$WORK/out.txt" || fail "heron -A did not list quiet: $(cat "$WORK/out.txt")"
+opens=$(grep -cF "\"$quiet\", O_RDONLY|O_NONBLOCK|O_CLOEXEC|O_DIRECTORY" "$WORK/dirs.log" || true)
+[[ $opens == 1 ]] || fail "heron -A opened the table directory $opens times: $(grep -F "$quiet" "$WORK/dirs.log")"
 echo PASS

@@ -12,6 +12,7 @@
 // followed; there is no depth limit short of the system's path length.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,11 +34,29 @@ class TableFinder {
   void findOwned(const char* expr);
   const std::vector<std::string>& matches() const { return matches_; }
 
+  // The names in a table directory as the walk read them ("." and ".."
+  // left out), or null when it could not list the directory (or did not:
+  // a table named by an absolute path outside the root).
+  using Listing = std::vector<std::string>;
+  // Called for each match, with its listing.
+  using Visitor = std::function<void(const std::string& name, const Listing* entries)>;
+  // Calls `visit` for every table of `kind` that matches `expr`, in the
+  // order the walk meets them (not sorted), each right after its directory
+  // was read, so that a reader can take the table's files from that
+  // listing instead of reading the directory a second time. The match list
+  // is left as it was.
+  void visit(const char* expr, SharedMem::SharedMemType kind, const Visitor& visit);
+
  private:
+  // The pattern a name is matched against; false when `expr` is an absolute
+  // path outside the root, which names `outside` or nothing.
+  bool pattern(const char* expr, std::string& pattern, std::string& outside) const;
   void search(const char* expr, SharedMem::SharedMemType kind);
   bool accepts(const std::string& dir, SharedMem::SharedMemType kind) const;
+  // Calls `found` for every table of `kind` under `dir`; `relative` is the
+  // name of `dir` ("" for the root, which is never a table).
   void walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
-            std::vector<std::string>& names) const;
+            const Visitor& found) const;
 
   Beacon::Platform::DebugHandler& handler_;
   RootPath root_;

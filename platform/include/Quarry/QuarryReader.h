@@ -118,6 +118,11 @@ class Reader : public Mem::InotifyMgr::Watcher {
   // watch costs two system calls and kernel work per table, which a report
   // over thousands of tables pays for nothing.
   void watchDeletions(bool enabled) { watchDeletions_ = enabled; }
+  // The next attachRegions() or visitAndReleaseRegions() takes the region
+  // files from `entries`, the table directory as the caller has just read
+  // it, instead of reading the directory again; once only. The caller keeps
+  // `entries` alive until then. Null goes back to reading the directory.
+  void useListing(const std::vector<std::string>* entries) { listing_ = entries; }
 
   void setOnRegionDetached(std::function<void(std::uint32_t)> callback) { onRegionDetached_ = std::move(callback); }
   // From now on regions detached by notify() are parked, not destroyed, and
@@ -147,6 +152,7 @@ class Reader : public Mem::InotifyMgr::Watcher {
   std::vector<BadRegion> badRegions_;
   std::string listError_;
   bool watchDeletions_ = true;
+  const std::vector<std::string>* listing_ = nullptr;
 };
 
 template <typename Scanner>

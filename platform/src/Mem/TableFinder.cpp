@@ -25,43 +25,47 @@ TableFinder::TableFinder(Beacon::Platform::DebugHandler& handler, const RootPath
     : handler_(handler), root_(root) {}
 
 void TableFinder::walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
-                       std::vector<std::string>& names) const {
+                       const Visitor& found) const {
   // No depth limit: symlinked directories are not followed, so the walk
   // cannot cycle, and a path past the system's limit fails to open, which
   // ends that branch. The directory is closed before the walk goes down, so
   // deep trees do not hold one descriptor per level.
+  Listing entries;
   std::vector<std::string> children;
+  bool listed = false;
   {
     Beacon::DirNode node(handler_, dir);
-    if (!node.isOpen()) {
-      return;
-    }
-    while (const struct dirent* entry = node.readEntry()) {
-      if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
-        continue;
-      }
-      // The entry's own type where the file system gives it (a symlink is
-      // DT_LNK, so a symlinked directory is not followed); lstat otherwise.
-      if (entry->d_type != DT_DIR) {
-        if (entry->d_type != DT_UNKNOWN) {
+    if (node.isOpen()) {
+      listed = true;
+      while (const struct dirent* entry = node.readEntry()) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
           continue;
         }
-        const std::string child = dir + "/" + entry->d_name;
-        struct stat st {};
-        if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-          continue;
+        entries.emplace_back(entry->d_name);
+        // The entry's own type where the file system gives it (a symlink
+        // is DT_LNK, so a symlinked directory is not followed); lstat
+        // otherwise.
+        if (entry->d_type != DT_DIR) {
+          if (entry->d_type != DT_UNKNOWN) {
+            continue;
+          }
+          const std::string child = dir + "/" + entry->d_name;
+          struct stat st {};
+          if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            continue;
+          }
         }
+        children.emplace_back(entry->d_name);
       }
-      children.emplace_back(entry->d_name);
     }
   }
+  // A table whose directory cannot be listed (searchable, not readable) is
+  // still a table: its readers say why they cannot list it.
+  if (!relative.empty() && accepts(dir, kind)) {
+    found(relative, listed ? &entries : nullptr);
+  }
   for (const std::string& name : children) {
-    std::string childDir = dir + "/" + name;
-    std::string childName = relative.empty() ? name : relative + "/" + name;
-    if (accepts(childDir, kind)) {
-      names.push_back(childName);
-    }
-    walk(childDir, childName, kind, names);
+    walk(dir + "/" + name, relative.empty() ? name : relative + "/" + name, kind, found);
   }
 }
 
@@ -83,42 +87,85 @@ void TableFinder::findOwned(const char* expr) {
   search(expr, SharedMem::Unknown);
 }
 
+bool TableFinder::pattern(const char* expr, std::string& pattern, std::string& outside) const {
+  pattern = expr != nullptr ? expr : "";
+  const std::string& root = root_.path();
+  if (pattern.empty() || pattern.front() != '/') {
+    return true;
+  }
+  std::string absolute = canonical(pattern);
+  if (absolute == root) {
+    // The root itself: every table in it.
+    pattern.clear();
+    return true;
+  }
+  if (absolute.size() > root.size() && absolute.compare(0, root.size(), root) == 0 && absolute[root.size()] == '/') {
+    pattern = absolute.substr(root.size() + 1);
+    return true;
+  }
+  // Outside the root: the path names a table by itself, or nothing.
+  outside = std::move(absolute);
+  return false;
+}
+
+namespace {
+
+// Whether a table's name matches: a glob when the pattern has a glob
+// character, a prefix otherwise.
+class NameMatcher {
+ public:
+  explicit NameMatcher(const std::string& pattern)
+      : pattern_(pattern), glob_(pattern.find_first_of("*?[") != std::string::npos) {}
+  bool operator()(const std::string& name) const {
+    return glob_ ? ::fnmatch(pattern_.c_str(), name.c_str(), 0) == 0 : name.compare(0, pattern_.size(), pattern_) == 0;
+  }
+
+ private:
+  const std::string& pattern_;
+  const bool glob_;
+};
+
+}  // namespace
+
 void TableFinder::search(const char* expr, SharedMem::SharedMemType kind) {
   matches_.clear();
-  std::string pattern = expr != nullptr ? expr : "";
-  const std::string& root = root_.path();
-
-  if (!pattern.empty() && pattern.front() == '/') {
-    std::string absolute = canonical(pattern);
-    if (absolute == root) {
-      // The root itself: every table in it.
-      pattern.clear();
-    } else if (absolute.size() > root.size() && absolute.compare(0, root.size(), root) == 0 &&
-               absolute[root.size()] == '/') {
-      pattern = absolute.substr(root.size() + 1);
-    } else {
-      // Outside the root: the path names a table by itself, or nothing.
-      if (accepts(absolute, kind)) {
-        matches_.push_back(pattern);
-      }
-      return;
+  std::string text;
+  std::string outside;
+  if (!pattern(expr, text, outside)) {
+    if (accepts(outside, kind)) {
+      matches_.push_back(text);
     }
+    return;
   }
-
-  std::vector<std::string> names;
-  walk(root, "", kind, names);
-  std::sort(names.begin(), names.end());
-
-  bool glob = pattern.find_first_of("*?[") != std::string::npos;
-  for (const std::string& name : names) {
-    bool match =
-        glob ? ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0 : name.compare(0, pattern.size(), pattern) == 0;
-    if (match) {
+  const NameMatcher matches(text);
+  std::size_t tables = 0;
+  walk(root_.path(), "", kind, [this, &matches, &tables](const std::string& name, const Listing*) {
+    ++tables;
+    if (matches(name)) {
       matches_.push_back(name);
     }
-  }
+  });
+  std::sort(matches_.begin(), matches_.end());
   Beacon::fmtrace(handler_, 5, __FILE__, __func__, __LINE__, "TableFinder", "{} of {} tables match '{}'",
-                  matches_.size(), names.size(), pattern);
+                  matches_.size(), tables, text);
+}
+
+void TableFinder::visit(const char* expr, SharedMem::SharedMemType kind, const Visitor& visit) {
+  anyOwner_ = false;
+  std::string text;
+  std::string outside;
+  if (!pattern(expr, text, outside)) {
+    if (accepts(outside, kind)) {
+      visit(text, nullptr);
+    }
+    return;
+  }
+  const NameMatcher matches(text);
+  walk(root_.path(), "", kind, [&matches, &visit](const std::string& name, const Listing* entries) {
+    if (matches(name)) {
+      visit(name, entries);
+    }
+  });
 }
 
 }  // namespace Mem

@@ -171,6 +171,17 @@ bool Reader<Scanner>::attachRegion(std::uint32_t regionId) {
 
 template <typename Scanner>
 bool Reader<Scanner>::listRegionIds(const std::function<void(std::uint32_t)>& found) {
+  if (listing_ != nullptr) {
+    const std::vector<std::string>* entries = listing_;
+    listing_ = nullptr;
+    for (const std::string& name : *entries) {
+      const std::uint32_t id = Region::parseRegionId(debugHandler(), name);
+      if (id != 0) {
+        found(id);
+      }
+    }
+    return true;
+  }
   DIR* dir = ::opendir(regionRoot_.path().c_str());
   if (dir == nullptr) {
     // Not "no regions": the regions could not be seen.

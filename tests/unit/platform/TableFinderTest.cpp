@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -187,3 +188,83 @@ TEST_F(TableFinderTest, FindOwnedIgnoresAnOwnerThatIsNotARegularFile) {
   finder.findOwned("fi");
   EXPECT_EQ(finder.matches(), Names{});
 }
+
+namespace {
+
+// visit() as a list: each name with its listing, sorted by name.
+struct Visited {
+  std::string name;
+  bool listed;
+  Names entries;  // sorted
+};
+
+std::vector<Visited> visit(const HeronTest::TempRoot& root, const char* expr,
+                           SharedMem::SharedMemType kind = SharedMem::Table) {
+  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  std::vector<Visited> seen;
+  finder.visit(expr, kind, [&seen](const std::string& name, const Mem::TableFinder::Listing* entries) {
+    Visited one{name, entries != nullptr, entries != nullptr ? *entries : Names{}};
+    std::sort(one.entries.begin(), one.entries.end());
+    seen.push_back(one);
+  });
+  std::sort(seen.begin(), seen.end(), [](const Visited& a, const Visited& b) { return a.name < b.name; });
+  return seen;
+}
+
+Names namesOf(const std::vector<Visited>& seen) {
+  Names names;
+  for (const Visited& one : seen) {
+    names.push_back(one.name);
+  }
+  return names;
+}
+
+TEST_F(TableFinderTest, VisitMeetsTheTablesThatFindLists) {
+  for (const char* expr : {"", "tab", "md*quotes", "[ab]", "nope"}) {
+    EXPECT_EQ(namesOf(visit(root, expr)), find(root, expr)) << expr;
+  }
+  const std::string inside = root.file("tab");
+  EXPECT_EQ(namesOf(visit(root, inside.c_str())), find(root, inside.c_str()));
+  makeTable(root, "seg", SharedMem::Segment);
+  EXPECT_EQ(namesOf(visit(root, "", SharedMem::Segment)), (Names{"seg"}));
+}
+
+TEST_F(TableFinderTest, VisitHandsEachTableTheEntriesOfItsDirectory) {
+  ASSERT_TRUE(HeronTest::writeFile(root.file("md/eu/quotes/region.7"), "x"));
+  ASSERT_EQ(::symlink("/etc/passwd", root.file("md/eu/quotes/relay.1").c_str()), 0);
+  std::vector<Visited> seen = visit(root, "md");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_TRUE(seen[0].listed);
+  EXPECT_EQ(seen[0].entries, (Names{"owner", "region.7", "relay.1"}));
+  // A table holding a table lists its subdirectory as well.
+  makeTable(root, "tab/inner");
+  seen = visit(root, "tab/");
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].entries, (Names{"owner"}));
+  seen = visit(root, "tab");
+  ASSERT_EQ(namesOf(seen), (Names{"tab", "tab/inner", "tab2", "table/x"}));
+  EXPECT_EQ(seen[0].entries, (Names{"inner", "owner"}));
+}
+
+TEST_F(TableFinderTest, VisitOfATableOutsideTheRootHasNoListing) {
+  HeronTest::TempRoot other;
+  makeTable(other, "elsewhere");
+  const std::string path = other.file("elsewhere");
+  std::vector<Visited> seen = visit(root, path.c_str());
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].name, path);
+  EXPECT_FALSE(seen[0].listed);
+}
+
+TEST_F(TableFinderTest, VisitOfATableWhoseDirectoryCannotBeListedHasNoListing) {
+  if (::geteuid() == 0) {
+    GTEST_SKIP() << "root lists any directory";
+  }
+  ASSERT_EQ(::chmod(root.file("xtab").c_str(), 0311), 0);
+  std::vector<Visited> seen = visit(root, "xtab");
+  ::chmod(root.file("xtab").c_str(), 0755);
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_FALSE(seen[0].listed);
+}
+
+}  // namespace

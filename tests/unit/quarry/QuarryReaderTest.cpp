@@ -62,6 +62,25 @@ TEST_F(QuarryReaderTest, AReaderToldNotToWatchAddsNoWatchAndStillSeesEveryRegion
   EXPECT_EQ(scanner.attachedRegions(), 0U);
 }
 
+TEST_F(QuarryReaderTest, AListingGivenIsUsedOnceInsteadOfTheDirectory) {
+  const std::uint32_t first = region(64, 4);
+  const std::uint32_t second = region(128, 4);
+  Scanner scanner(handler_, root_, "");
+  ASSERT_TRUE(scanner.initialize());
+  // The caller's listing names one of the two regions and files that are
+  // not regions.
+  const std::vector<std::string> listing{"owner", "quarry", "region." + std::to_string(second), "relay.1"};
+  scanner.useListing(&listing);
+  std::vector<std::uint32_t> visited;
+  auto record = [&visited](const Quarry::RegionScanner& region) { visited.push_back(region.id()); };
+  scanner.visitAndReleaseRegions(record);
+  EXPECT_EQ(visited, (std::vector<std::uint32_t>{second}));
+  visited.clear();
+  scanner.visitAndReleaseRegions(record);
+  std::sort(visited.begin(), visited.end());
+  EXPECT_EQ(visited, (std::vector<std::uint32_t>{first, second}));
+}
+
 TEST_F(QuarryReaderTest, AttachRegionsAttachesEveryRegionFile) {
   region(64, 4);
   region(128, 4);
