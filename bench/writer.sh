@@ -31,6 +31,14 @@ if command -v taskset >/dev/null && [[ $(nproc) -ge 2 ]]; then
   PIN_REPORTS=(taskset -c 0)
 fi
 
+# Every arm starts on a new table: a writer slows down as its table fills,
+# so runs on one table grown by all the runs before them would favour
+# whichever arm comes first in a pair.
+fresh_table() {
+  "$BIN/heron-sim" remove bench >/dev/null
+  "$BIN/heron-sim" create bench >/dev/null
+}
+
 # One timed writer run; prints "wall-rate cpu-rate" (notifications a second
 # of elapsed time and of the writer's own CPU time).
 writer_rate() {
@@ -62,15 +70,18 @@ paced=()
 watched=()
 total_reports=0
 for ((i = 1; i <= PAIRS; i++)); do
+  fresh_table
   alone+=("$(writer_rate)")
   # heron started as often but reading nothing (--help): what starting and
   # ending processes on the other CPU costs the writer by itself, apart from
   # anything heron reads.
+  fresh_table
   "${PIN_REPORTS[@]}" bash -c "while :; do '$BIN/heron' --help >/dev/null; done" &
   LOOP_PID=$!
   busy+=("$(writer_rate)")
   kill "$LOOP_PID" 2>/dev/null || true
   wait "$LOOP_PID" 2>/dev/null || true
+  fresh_table
   "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
   LOOP_PID=$!
   loaded+=("$(writer_rate)")
@@ -78,6 +89,7 @@ for ((i = 1; i <= PAIRS; i++)); do
   wait "$LOOP_PID" 2>/dev/null || true
   LOOP_PID=""
   total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
+  fresh_table
   "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports '$PACE'" &
   LOOP_PID=$!
   paced+=("$(writer_rate)")
@@ -87,6 +99,7 @@ for ((i = 1; i <= PAIRS; i++)); do
   # heron-stat --watch -i 1, as an operator's terminal or a textfile
   # exporter would run it.
   if [[ -x $BIN/heron-stat ]]; then
+    fresh_table
     "${PIN_REPORTS[@]}" "$BIN/heron-stat" --watch -i 1 >/dev/null &
     LOOP_PID=$!
     watched+=("$(writer_rate)")
