@@ -15,89 +15,128 @@ Json optional(const std::optional<double>& value) { return value ? Json(*value) 
 
 Json seen(Seen value) { return value == Seen::Unknown ? Json(nullptr) : Json(value == Seen::Yes); }
 
+// Objects are filled key by key: a brace list would first build every
+// key-value pair as an array of two and copy each value, which made most of
+// the time of a large sample's document.
 Json problems(const std::vector<Problem>& list) {
   Json out = Json::array();
   for (const Problem& problem : list) {
-    out.push_back(Json{{"severity", severityName(problem.severity)}, {"text", problem.text}});
+    Json& entry = out.emplace_back(Json::object());
+    entry["severity"] = severityName(problem.severity);
+    entry["text"] = problem.text;
   }
   return out;
 }
 
 Json region(const Region& row) {
-  return Json{{"id", row.id},
-              {"entry_size", row.entrySize},
-              {"units", row.units},
-              {"used", row.used},
-              {"free_pages", row.freePages},
-              {"occupancy_ratio", row.occupancyRatio()},
-              {"consistent", row.consistent}};
+  Json out = Json::object();
+  out["id"] = row.id;
+  out["entry_size"] = row.entrySize;
+  out["units"] = row.units;
+  out["used"] = row.used;
+  out["free_pages"] = row.freePages;
+  out["occupancy_ratio"] = row.occupancyRatio();
+  out["consistent"] = row.consistent;
+  return out;
+}
+
+Json owner(const Identity& id) {
+  if (!id.ownerKnown) {
+    return nullptr;
+  }
+  Json out = Json::object();
+  out["type"] = id.type;
+  out["type_name"] = id.typeName;
+  out["creator_pid"] = id.creatorPid;
+  out["created"] = id.createdSeconds;
+  out["host"] = id.host;
+  return out;
+}
+
+Json writer(const Writer& writer) {
+  if (!writer.known) {
+    return nullptr;
+  }
+  Json out = Json::object();
+  out["pid"] = writer.pid;
+  Json& ember = out["ember"] = Json::object();
+  ember["pid"] = writer.emberPid;
+  ember["instance"] = writer.instance;
+  out["restarts"] = writer.restarts;
+  out["started"] = writer.startedSeconds;
+  out["heartbeat_age_seconds"] = optional(writer.heartbeatAgeSeconds);
+  out["heartbeat_clock"] = writer.monotonicHeartbeat ? "monotonic" : "wall";
+  out["alive"] = seen(writer.alive);
+  out["maps_table"] = seen(writer.mapsTable);
+  return out;
+}
+
+Json clients(const Clients& clients) {
+  Json out = Json::object();
+  out["known"] = clients.known;
+  out["writers"] = clients.known ? Json(clients.writers) : Json(nullptr);
+  out["shadows"] = clients.known ? Json(clients.shadows) : Json(nullptr);
+  return out;
+}
+
+Json queues(const Queues& queues) {
+  if (!queues.known) {
+    return nullptr;
+  }
+  Json sides = Json::array();
+  for (unsigned i = 0; i < 2; ++i) {
+    Json& side = sides.emplace_back(Json::object());
+    side["queue"] = i + 1;
+    side["capacity"] = queues.tables[i].capacity;
+    side["position"] = queues.tables[i].position;
+    side["epoch"] = queues.tables[i].epoch;
+  }
+  Json out = Json::object();
+  out["active"] = queues.active;
+  out["sequence"] = queues.sequence;
+  out["table_version"] = queues.tableVersion;
+  out["tables"] = std::move(sides);
+  out["fill_ratio"] = queues.fillRatio;
+  out["rate_per_second"] = optional(queues.ratePerSecond);
+  out["seconds_to_switch"] = optional(queues.secondsToSwitch);
+  return out;
+}
+
+Json allocator(const Allocator& allocator) {
+  if (!allocator.known) {
+    return nullptr;
+  }
+  Json regions = Json::array();
+  for (const Region& row : allocator.regions) {
+    regions.push_back(region(row));
+  }
+  Json out = Json::object();
+  out["regions"] = allocator.regions.size();
+  out["bytes"] = allocator.bytes;
+  out["used_bytes"] = allocator.usedBytes;
+  out["free_bytes"] = allocator.freeBytes();
+  out["free_pages"] = allocator.freePages;
+  out["occupancy_ratio"] = allocator.occupancyRatio();
+  out["allocations"] = allocator.allocations;
+  out["releases"] = allocator.releases;
+  out["allocations_per_second"] = optional(allocator.allocationsPerSecond);
+  out["releases_per_second"] = optional(allocator.releasesPerSecond);
+  out["fullest_region"] = allocator.fullest ? region(*allocator.fullest) : Json(nullptr);
+  out["region_list"] = std::move(regions);
+  return out;
 }
 
 Json table(const Table& table) {
   const Identity& id = table.identity;
-  Json out;
+  Json out = Json::object();
   out["name"] = id.name;
   out["path"] = id.path;
   out["state"] = stateName(table.state);
-  out["owner"] = id.ownerKnown ? Json{{"type", id.type},
-                                      {"type_name", id.typeName},
-                                      {"creator_pid", id.creatorPid},
-                                      {"created", id.createdSeconds},
-                                      {"host", id.host}}
-                               : Json(nullptr);
-  const Writer& writer = table.writer;
-  out["writer"] = writer.known ? Json{{"pid", writer.pid},
-                                      {"ember", {{"pid", writer.emberPid}, {"instance", writer.instance}}},
-                                      {"restarts", writer.restarts},
-                                      {"started", writer.startedSeconds},
-                                      {"heartbeat_age_seconds", optional(writer.heartbeatAgeSeconds)},
-                                      {"heartbeat_clock", writer.monotonicHeartbeat ? "monotonic" : "wall"},
-                                      {"alive", seen(writer.alive)},
-                                      {"maps_table", seen(writer.mapsTable)}}
-                               : Json(nullptr);
-  const Clients& clients = table.clients;
-  out["clients"] = clients.known ? Json{{"known", true}, {"writers", clients.writers}, {"shadows", clients.shadows}}
-                                 : Json{{"known", false}, {"writers", nullptr}, {"shadows", nullptr}};
-  const Queues& queues = table.queues;
-  if (queues.known) {
-    Json sides = Json::array();
-    for (unsigned i = 0; i < 2; ++i) {
-      sides.push_back(Json{{"queue", i + 1},
-                           {"capacity", queues.tables[i].capacity},
-                           {"position", queues.tables[i].position},
-                           {"epoch", queues.tables[i].epoch}});
-    }
-    out["queues"] = Json{{"active", queues.active},
-                         {"sequence", queues.sequence},
-                         {"table_version", queues.tableVersion},
-                         {"tables", sides},
-                         {"fill_ratio", queues.fillRatio},
-                         {"rate_per_second", optional(queues.ratePerSecond)},
-                         {"seconds_to_switch", optional(queues.secondsToSwitch)}};
-  } else {
-    out["queues"] = nullptr;
-  }
-  const Allocator& allocator = table.allocator;
-  if (allocator.known) {
-    Json regions = Json::array();
-    for (const Region& row : allocator.regions) {
-      regions.push_back(region(row));
-    }
-    out["allocator"] = Json{{"regions", allocator.regions.size()},
-                            {"bytes", allocator.bytes},
-                            {"used_bytes", allocator.usedBytes},
-                            {"free_bytes", allocator.freeBytes()},
-                            {"free_pages", allocator.freePages},
-                            {"occupancy_ratio", allocator.occupancyRatio()},
-                            {"allocations", allocator.allocations},
-                            {"releases", allocator.releases},
-                            {"allocations_per_second", optional(allocator.allocationsPerSecond)},
-                            {"releases_per_second", optional(allocator.releasesPerSecond)},
-                            {"fullest_region", allocator.fullest ? region(*allocator.fullest) : Json(nullptr)},
-                            {"region_list", regions}};
-  } else {
-    out["allocator"] = nullptr;
-  }
+  out["owner"] = owner(id);
+  out["writer"] = writer(table.writer);
+  out["clients"] = clients(table.clients);
+  out["queues"] = queues(table.queues);
+  out["allocator"] = allocator(table.allocator);
   out["problems"] = problems(table.problems);
   return out;
 }
@@ -112,6 +151,7 @@ std::string renderJson(const Sample& sample) {
   out["sample_duration_seconds"] = sample.durationSeconds;
   out["clients_walked"] = sample.clientsWalked;
   Json tables = Json::array();
+  tables.get_ref<Json::array_t&>().reserve(sample.tables.size());
   for (const Table& entry : sample.tables) {
     tables.push_back(table(entry));
   }
