@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # heron-stat under strace in every mode against a live table: table files
 # are opened read-only and mapped read-only, and nothing is created, renamed
-# or removed under the root.
+# or removed under the root, and each table directory is read once.
 source "$(dirname "$0")/sim_lib/common.sh"
 STAT=$BIN/heron-stat
 command -v strace >/dev/null || fail "strace is not installed (scripts/install-deps.sh installs it)"
@@ -44,4 +44,10 @@ check "$STAT" --no-clients -i 0
 check "$STAT" --all-roots -i 0
 check timeout --preserve-status -s INT 2 "$STAT" --watch -i 0.5
 check timeout --preserve-status -s INT 2 "$STAT" --watch --json -i 0.5
+
+# One sample reads each table directory once: the walk that finds a table
+# hands its listing to the region reader.
+strace -f -e trace=openat -o "$WORK/dirs.log" "$STAT" --no-clients -i 0 >/dev/null 2>&1 || fail "heron-stat failed"
+opens=$(grep -cF "\"$root/traced\", O_RDONLY|O_NONBLOCK|O_CLOEXEC|O_DIRECTORY" "$WORK/dirs.log" || true)
+[[ $opens == 1 ]] || fail "heron-stat opened the table directory $opens times: $(grep -F "$root/traced\"" "$WORK/dirs.log")"
 echo PASS

@@ -245,8 +245,10 @@ void readQueues(Table& table) {
       active.capacity == 0 ? 0.0 : static_cast<double>(std::min(active.position, active.capacity)) / active.capacity;
 }
 
-void readAllocator(Table& table) {
+// `listing`: the table directory as the caller has just read it, or null.
+void readAllocator(Table& table, const Mem::TableFinder::Listing* listing) {
   AllocatorReader reader{Mem::RootPath(table.identity.path)};
+  reader.useListing(listing);
   reader.read(table.allocator, table.fileErrors);
 }
 
@@ -311,11 +313,12 @@ Sample collect(const CollectOptions& options) {
     sample.problems.push_back({Severity::Warning, "collection root " + sample.root + " does not exist"});
   }
 
-  Mem::TableFinder finder(handler(), rootPath);
-  finder.findOwned(options.expr.c_str());
+  // Each table's files are read as the walk meets it, the regions from the
+  // listing the walk has just made: one read of each table directory.
+  // Tables are sorted by name at the end.
   std::vector<Table> tables;
   std::unordered_set<std::string> paths;
-  auto addTable = [&](const std::string& name, const std::string& path) {
+  auto addTable = [&](const std::string& name, const std::string& path, const Mem::TableFinder::Listing* listing) {
     if (!paths.insert(path).second) {
       return;
     }
@@ -327,11 +330,15 @@ Sample collect(const CollectOptions& options) {
       return;  // a plain segment or another kind of directory: not a table
     }
     readEmber(table);
+    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
+    readQueues(table);
+    readAllocator(table, listing);
     tables.push_back(std::move(table));
   };
-  for (const std::string& name : finder.matches()) {
-    addTable(name, name.front() == '/' ? name : rootPath.fullPath(name));
-  }
+  Mem::TableFinder finder(handler(), rootPath);
+  finder.visitOwned(options.expr.c_str(), [&](const std::string& name, const Mem::TableFinder::Listing* listing) {
+    addTable(name, name.front() == '/' ? name : rootPath.fullPath(name), listing);
+  });
 
   // The walk comes after the embers were read: a writer named there that
   // started before the walk is seen mapping its table.
@@ -351,7 +358,7 @@ Sample collect(const CollectOptions& options) {
       }
       std::sort(outside.begin(), outside.end());
       for (const std::string& path : outside) {
-        addTable(path, path);
+        addTable(path, path, nullptr);
       }
     }
     const bool complete = seesEveryProcess();
@@ -399,9 +406,6 @@ Sample collect(const CollectOptions& options) {
         }
       }
     }
-    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
-    readQueues(table);
-    readAllocator(table);
   }
   std::sort(tables.begin(), tables.end(),
             [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });

@@ -46,12 +46,15 @@ class TableFinder {
   // listing instead of reading the directory a second time. The match list
   // is left as it was.
   void visit(const char* expr, SharedMem::SharedMemType kind, const Visitor& visit);
+  // The same over the tables findOwned() lists.
+  void visitOwned(const char* expr, const Visitor& visit);
 
  private:
   // The pattern a name is matched against; false when `expr` is an absolute
   // path outside the root, which names `outside` or nothing.
   bool pattern(const char* expr, std::string& pattern, std::string& outside) const;
   void search(const char* expr, SharedMem::SharedMemType kind);
+  void visitMatches(const char* expr, SharedMem::SharedMemType kind, const Visitor& visit) const;
   bool accepts(const std::string& dir, SharedMem::SharedMemType kind) const;
   // Calls `found` for every table of `kind` under `dir`; `relative` is the
   // name of `dir` ("" for the root, which is never a table).

@@ -152,6 +152,15 @@ void TableFinder::search(const char* expr, SharedMem::SharedMemType kind) {
 
 void TableFinder::visit(const char* expr, SharedMem::SharedMemType kind, const Visitor& visit) {
   anyOwner_ = false;
+  visitMatches(expr, kind, visit);
+}
+
+void TableFinder::visitOwned(const char* expr, const Visitor& visit) {
+  anyOwner_ = true;
+  visitMatches(expr, SharedMem::Unknown, visit);
+}
+
+void TableFinder::visitMatches(const char* expr, SharedMem::SharedMemType kind, const Visitor& visit) const {
   std::string text;
   std::string outside;
   if (!pattern(expr, text, outside)) {

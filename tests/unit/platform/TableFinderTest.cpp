@@ -229,6 +229,24 @@ TEST_F(TableFinderTest, VisitMeetsTheTablesThatFindLists) {
   EXPECT_EQ(namesOf(visit(root, "", SharedMem::Segment)), (Names{"seg"}));
 }
 
+TEST_F(TableFinderTest, VisitOwnedMeetsTheDirectoriesThatFindOwnedLists) {
+  makeDirs(root.file("garbage"));
+  ASSERT_TRUE(HeronTest::writeFile(root.file("garbage/owner"), "not an owner file"));
+  makeTable(root, "seg", SharedMem::Segment);
+  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  for (const char* expr : {"", "g*", "s", "md"}) {
+    finder.findOwned(expr);
+    const Names listed = finder.matches();
+    Names seen;
+    finder.visitOwned(expr, [&seen](const std::string& name, const Mem::TableFinder::Listing* entries) {
+      EXPECT_NE(entries, nullptr) << name;
+      seen.push_back(name);
+    });
+    std::sort(seen.begin(), seen.end());
+    EXPECT_EQ(seen, listed) << expr;
+  }
+}
+
 TEST_F(TableFinderTest, VisitHandsEachTableTheEntriesOfItsDirectory) {
   ASSERT_TRUE(HeronTest::writeFile(root.file("md/eu/quotes/region.7"), "x"));
   ASSERT_EQ(::symlink("/etc/passwd", root.file("md/eu/quotes/relay.1").c_str()), 0);
