@@ -8,6 +8,8 @@
 # the medians, in one run.
 #
 #   bash bench/writer.sh [BUILD_DIR]        PAIRS=3 SECONDS_EACH=5 by default
+#   ONLY_STAT=1: the writer alone, under heron-stat --watch, and alone again
+#   (the control) only
 set -euo pipefail
 BUILD=${1:-build}
 BIN=$(cd "$BUILD/bin" && pwd)
@@ -60,6 +62,12 @@ reports() {
   done
 }
 
+# last ARRAY: its last element, or "none".
+last() {
+  local -n array=$1
+  if ((${#array[@]})); then echo "${array[-1]}"; else echo none; fi
+}
+
 median() { sort -n | awk '{a[NR] = $1} END {print (NR % 2) ? a[(NR + 1) / 2] : int((a[NR / 2] + a[NR / 2 + 1]) / 2)}'; }
 
 PACE=${PACE:-1}
@@ -68,34 +76,37 @@ loaded=()
 busy=()
 paced=()
 watched=()
+again=()
 total_reports=0
 for ((i = 1; i <= PAIRS; i++)); do
   fresh_table
   alone+=("$(writer_rate)")
-  # heron started as often but reading nothing (--help): what starting and
-  # ending processes on the other CPU costs the writer by itself, apart from
-  # anything heron reads.
-  fresh_table
-  "${PIN_REPORTS[@]}" bash -c "while :; do '$BIN/heron' --help >/dev/null; done" &
-  LOOP_PID=$!
-  busy+=("$(writer_rate)")
-  kill "$LOOP_PID" 2>/dev/null || true
-  wait "$LOOP_PID" 2>/dev/null || true
-  fresh_table
-  "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
-  LOOP_PID=$!
-  loaded+=("$(writer_rate)")
-  kill "$LOOP_PID" 2>/dev/null || true
-  wait "$LOOP_PID" 2>/dev/null || true
-  LOOP_PID=""
-  total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
-  fresh_table
-  "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports '$PACE'" &
-  LOOP_PID=$!
-  paced+=("$(writer_rate)")
-  kill "$LOOP_PID" 2>/dev/null || true
-  wait "$LOOP_PID" 2>/dev/null || true
-  LOOP_PID=""
+  if [[ -z ${ONLY_STAT:-} ]]; then
+    # heron started as often but reading nothing (--help): what starting and
+    # ending processes on the other CPU costs the writer by itself, apart from
+    # anything heron reads.
+    fresh_table
+    "${PIN_REPORTS[@]}" bash -c "while :; do '$BIN/heron' --help >/dev/null; done" &
+    LOOP_PID=$!
+    busy+=("$(writer_rate)")
+    kill "$LOOP_PID" 2>/dev/null || true
+    wait "$LOOP_PID" 2>/dev/null || true
+    fresh_table
+    "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
+    LOOP_PID=$!
+    loaded+=("$(writer_rate)")
+    kill "$LOOP_PID" 2>/dev/null || true
+    wait "$LOOP_PID" 2>/dev/null || true
+    LOOP_PID=""
+    total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
+    fresh_table
+    "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports '$PACE'" &
+    LOOP_PID=$!
+    paced+=("$(writer_rate)")
+    kill "$LOOP_PID" 2>/dev/null || true
+    wait "$LOOP_PID" 2>/dev/null || true
+    LOOP_PID=""
+  fi
   # heron-stat --watch -i 1, as an operator's terminal or a textfile
   # exporter would run it.
   if [[ -x $BIN/heron-stat ]]; then
@@ -107,8 +118,14 @@ for ((i = 1; i <= PAIRS; i++)); do
     wait "$LOOP_PID" 2>/dev/null || true
     LOOP_PID=""
   fi
-  echo "pair $i: alone ${alone[-1]}, heron --help loop ${busy[-1]}, with reports ${loaded[-1]}," \
-    "reports every ${PACE}s ${paced[-1]}, heron-stat --watch -i 1 ${watched[-1]:-none} (wall/s cpu/s)"
+  if [[ -n ${ONLY_STAT:-} ]]; then
+    # The control: the writer alone once more. Its distance from the first
+    # run is the noise any other ratio here must be read against.
+    fresh_table
+    again+=("$(writer_rate)")
+  fi
+  echo "pair $i: alone $(last alone), alone again $(last again), heron --help loop $(last busy), with reports $(last loaded)," \
+    "reports every ${PACE}s $(last paced), heron-stat --watch -i 1 $(last watched) (wall/s cpu/s)"
 done
 echo "heron reports run while loaded: $total_reports ($((total_reports / (PAIRS * EACH)))/s)"
 echo "cpus: $(nproc), load average: $(cut -d' ' -f1-3 /proc/loadavg), pinned: ${PIN_WRITER[*]:-no}"
@@ -118,9 +135,23 @@ for col in 1 2; do
   b=$(printf '%s\n' "${busy[@]}" | cut -d' ' -f$col | median)
   p=$(printf '%s\n' "${paced[@]}" | cut -d' ' -f$col | median)
   what=$([[ $col -eq 1 ]] && echo "per second" || echo "per cpu-second of the writer")
-  awk -v a="$a" -v l="$l" -v b="$b" -v p="$p" -v w="$what" -v pace="$PACE" 'BEGIN {printf "appends %s: alone %d, heron --help loop %d (%.1f %%), with heron -q/-s/-A in a loop %d, ratio %.1f %%, a round every %ss %d, ratio %.1f %%\n", w, a, b, 100 * b / a, l, 100 * l / a, pace, p, 100 * p / a}'
+  if [[ -z ${ONLY_STAT:-} ]]; then
+    awk -v a="$a" -v l="$l" -v b="$b" -v p="$p" -v w="$what" -v pace="$PACE" 'BEGIN {printf "appends %s: alone %d, heron --help loop %d (%.1f %%), with heron -q/-s/-A in a loop %d, ratio %.1f %%, a round every %ss %d, ratio %.1f %%\n", w, a, b, 100 * b / a, l, 100 * l / a, pace, p, 100 * p / a}'
+  fi
   if [[ ${#watched[@]} -gt 0 ]]; then
     s=$(printf '%s\n' "${watched[@]}" | cut -d' ' -f$col | median)
     awk -v a="$a" -v s="$s" -v w="$what" 'BEGIN {printf "appends %s: with heron-stat --watch -i 1 %d, ratio %.1f %%\n", w, s, 100 * s / a}'
+    # The ratio within each pair, then their median: a drift of the host
+    # over the run cancels out of each pair.
+    r=$(for ((k = 0; k < ${#alone[@]}; k++)); do
+      awk -v a="$(cut -d' ' -f$col <<<"${alone[k]}")" -v s="$(cut -d' ' -f$col <<<"${watched[k]}")" 'BEGIN {printf "%d\n", 100000 * s / a}'
+    done | median)
+    awk -v r="$r" -v w="$what" 'BEGIN {printf "appends %s: heron-stat --watch -i 1 / alone, median of the pairs %.1f %%\n", w, r / 1000}'
+  fi
+  if [[ ${#again[@]} -gt 0 ]]; then
+    r=$(for ((k = 0; k < ${#alone[@]}; k++)); do
+      awk -v a="$(cut -d' ' -f$col <<<"${alone[k]}")" -v s="$(cut -d' ' -f$col <<<"${again[k]}")" 'BEGIN {printf "%d\n", 100000 * s / a}'
+    done | median)
+    awk -v r="$r" -v w="$what" 'BEGIN {printf "appends %s: control, alone again / alone, median of the pairs %.1f %%\n", w, r / 1000}'
   fi
 done
