@@ -8,8 +8,8 @@
 #    heron-stat reads (bench/stat_floor.c). Wall and CPU time of the process,
 #    and heron-stat's own sample_duration_seconds; a third arm runs
 #    heron-stat with inotify_init1 failing (bench/stat_noinotify.c, an
-#    LD_PRELOAD shim) to show the cost apart from the region reader's
-#    per-table inotify instance; then, once, where the
+#    LD_PRELOAD shim), which shows whether any inotify cost is left (the
+#    readers of a sample add no directory watch); then, once, where the
 #    system time of one sample goes (strace -c).
 # (A writer's append rate while `heron-stat --watch -i 1` runs is one arm of
 # bench/writer.sh.)
