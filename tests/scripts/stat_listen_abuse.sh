@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # heron-stat --listen under abuse, over a live demo collection: clients that
-# send half a request and stall, 100 scrapes at once, a 1 MB request line,
-# unknown paths and methods. It keeps answering the others, answers each
-# abuse with the status HTTP gives it, drops the stalled clients after its
-# read timeout, its memory stays flat from one round to the next, and
-# SIGTERM still stops it with status 0.
+# send half a request and stall, 100 scrapes at once, a 1 MB request line, a
+# 1 MB header line, unknown paths and methods. It keeps answering the others,
+# answers each abuse with the status HTTP gives it (414, 431, 404, 405),
+# drops the stalled clients after its read timeout, its memory stays flat
+# from one round to the next, and SIGTERM still stops it with status 0.
 source "$(dirname "$0")/sim_lib/common.sh"
 source "$(dirname "$0")/sim_lib/demo.sh"
 
@@ -42,14 +42,19 @@ stall() {
 
 # The status line answered to a request line of 1 MiB.
 BIG=$(head -c 1048576 /dev/zero | tr '\0' a)
-huge_request_line() {
+# raw_status FORMAT ARG: sends printf FORMAT ARG as a request on a new
+# connection and prints the status line of the answer.
+raw_status() {
   local fd line=""
   exec {fd}<>"/dev/tcp/127.0.0.1/$PORT"
-  printf 'GET /metrics?%s HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' "$BIG" 1>&"$fd" 2>/dev/null || true
+  # shellcheck disable=SC2059
+  printf "$1" "$2" 1>&"$fd" 2>/dev/null || true
   IFS= read -r -t 20 line <&"$fd" || true
   exec {fd}>&-
   printf '%s' "${line%$'\r'}"
 }
+huge_request_line() { raw_status 'GET /metrics?%s HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n' "$BIG"; }
+huge_header() { raw_status 'GET /metrics HTTP/1.1\r\nHost: 127.0.0.1\r\nX-Big: %s\r\nConnection: close\r\n\r\n' "$BIG"; }
 
 # 100 scrapes at once; each must be a full exposition.
 parallel_scrapes() {
@@ -75,6 +80,8 @@ abuse_round() {
   status=$(huge_request_line)
   [[ $status == "HTTP/1.1 414 URI Too Long" || $status == "HTTP/1.1 431 Request Header Fields Too Large" ]] ||
     fail "a 1 MiB request line got '$status'"
+  status=$(huge_header)
+  [[ $status == "HTTP/1.1 431 Request Header Fields Too Large" ]] || fail "a 1 MiB header line got '$status'"
   expect_code 404 /
   expect_code 404 /metricsx
   expect_code 404 -X POST /nowhere

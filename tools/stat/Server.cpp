@@ -316,14 +316,29 @@ httplib::Server::HandlerResponse route(const httplib::Request& req, httplib::Res
   return httplib::Server::HandlerResponse::Handled;
 }
 
-// httplib refuses a request line whose method it does not know with a bare
-// 400, before any routing. Such a request is answered like any other method
-// the path does not allow: 405 on /metrics and /healthz, 404 elsewhere. Every
-// other error response passes unchanged.
-httplib::Server::HandlerResponse answerUnknownMethod(const httplib::Request& req, httplib::Response& res) {
-  const bool refusedLine = res.status == 400 && req.path.empty() && !req.method.empty() && !req.target.empty();
-  if (!refusedLine || req.version.compare(0, 7, "HTTP/1.") != 0) {
+// httplib answers two kinds of request it could not read with a bare 400,
+// before any routing:
+// - a request line whose method it does not know: answered like any other
+//   method the path does not allow, 405 on /metrics and /healthz, 404
+//   elsewhere;
+// - a request line it parsed, then a header section it could not read whole:
+//   a header line over its 8 KiB limit, HTTP's 431. (A client that stops
+//   halfway through its headers until the read timeout ends the same way; it
+//   is not reading the answer. A request with a body is left alone: its 400
+//   may come from the body.)
+// Every other error response passes unchanged.
+httplib::Server::HandlerResponse answerRefusedRequest(const httplib::Request& req, httplib::Response& res) {
+  if (res.status != 400 || req.method.empty() || req.target.empty() || req.version.compare(0, 7, "HTTP/1.") != 0) {
     return httplib::Server::HandlerResponse::Unhandled;
+  }
+  if (!req.path.empty()) {
+    if (req.has_header("Content-Length") || req.has_header("Transfer-Encoding")) {
+      return httplib::Server::HandlerResponse::Unhandled;
+    }
+    // The rest of the request was never read.
+    res.set_header("Connection", "close");
+    answerText(res, 431, "request header fields too large\n");
+    return httplib::Server::HandlerResponse::Handled;
   }
   for (const char c : req.method) {
     const auto byte = static_cast<unsigned char>(c);
@@ -472,7 +487,7 @@ int serve(const ListenAddress& where, const std::function<std::string()>& metric
   server.set_payload_max_length(kMaxPayload);
   server.set_pre_routing_handler(
       [&sampler](const httplib::Request& req, httplib::Response& res) { return route(req, res, sampler); });
-  server.set_error_handler(httplib::Server::HandlerWithResponse(answerUnknownMethod));
+  server.set_error_handler(httplib::Server::HandlerWithResponse(answerRefusedRequest));
   // The listening socket is only seen here; httplib listens with a short
   // backlog, which is raised once bound.
   int listening = -1;

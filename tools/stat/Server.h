@@ -7,9 +7,11 @@
 // - Any other method on those two paths, known to HTTP or not: 405 with
 //   "Allow: GET, HEAD".
 // - Any other path: 404, whatever the method.
-// - A request line longer than 8 KiB: 414. A header line longer than 8 KiB,
-//   a malformed request line or a request that stalls past the read
-//   timeout: 400 (cpp-httplib does not tell these apart). cpp-httplib
+// - A request line longer than 8 KiB: 414. A header line longer than 8 KiB:
+//   431 (and so is a request that stalls halfway through its headers past
+//   the read timeout: cpp-httplib does not tell the two apart). A malformed
+//   request line, or a request line that stalls past the read timeout: 400.
+//   cpp-httplib
 //   bounds each header line but not their number: a client that keeps
 //   sending short header lines, each within the read timeout, holds one
 //   worker and the memory of those lines until it stops. Listen on a
