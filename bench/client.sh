@@ -16,23 +16,8 @@ set -euo pipefail
 
 BUILD=${1:-build}
 RUNS=${2:-7}
-HERE=$(cd "$(dirname "$0")" && pwd)
-BIN=$(cd "$BUILD/bin" && pwd)
-WORK=$(mktemp -d /tmp/heron-client-bench.XXXXXX)
-PIDS=()
-
-cleanup() {
-  if ((${#PIDS[@]})); then
-    kill "${PIDS[@]}" 2>/dev/null || true
-    wait 2>/dev/null || true
-  fi
-  rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-cc -O2 -o "$WORK/client_floor" "$HERE/client_floor.c"
-cc -O2 -o "$WORK/client_mapper" "$HERE/client_mapper.c"
-cc -O2 -o "$WORK/client_time" "$HERE/client_time.c"
+source "$(dirname "$0")/lib.sh"
+bench_init "$BUILD" /tmp heron-client-bench client_floor.c client_mapper.c client_time.c
 
 export HERON_ROOT="$WORK/root"
 mkdir -p "$HERON_ROOT" "$WORK/scratch"

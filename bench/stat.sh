@@ -16,18 +16,11 @@
 #
 #   bash bench/stat.sh [BUILD_DIR] [ROUNDS]       TABLES=1000
 set -euo pipefail
-HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=${1:-build}
 ROUNDS=${2:-9}
 TABLES=${TABLES:-1000}
-BIN=$(cd "$BUILD/bin" && pwd)
-SHM=/dev/shm
-[[ -d $SHM && -w $SHM ]] || SHM=${TMPDIR:-/tmp}
-WORK=$(mktemp -d "$SHM/heron-stat-bench.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
-
-cc -O2 -o "$WORK/floor" "$HERE/stat_floor.c"
-cc -O2 -o "$WORK/time" "$HERE/client_time.c"
+source "$(dirname "$0")/lib.sh"
+bench_init "$BUILD" "$(bench_shm)" heron-stat-bench stat_floor.c client_time.c
 cc -O2 -shared -fPIC -o "$WORK/noinotify.so" "$HERE/stat_noinotify.c"
 median() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 
@@ -46,17 +39,17 @@ for ((i = 1; i < TABLES; i++)); do
 done
 count=$("$BIN/heron-stat" --no-clients -i 0 --json | jq '.tables | length')
 [[ $count -eq $TABLES ]] || { echo "heron-stat saw $count tables, not $TABLES" >&2; exit 1; }
-echo "collection: $TABLES tables, $("$WORK/floor" "$HERON_ROOT")"
+echo "collection: $TABLES tables, $("$WORK/stat_floor" "$HERON_ROOT")"
 
 floor_wall=() floor_cpu=() stat_wall=() stat_cpu=() stat_sample=() bare_wall=() bare_cpu=() bare_sample=()
 for ((r = 0; r < ROUNDS; r++)); do
-  read -r wall cpu < <("$WORK/time" "$WORK/floor" "$HERON_ROOT")
+  read -r wall cpu < <("$WORK/client_time" "$WORK/stat_floor" "$HERON_ROOT")
   floor_wall+=("$wall") floor_cpu+=("$cpu")
-  read -r wall cpu < <("$WORK/time" "$BIN/heron-stat" --no-clients -i 0 --json)
+  read -r wall cpu < <("$WORK/client_time" "$BIN/heron-stat" --no-clients -i 0 --json)
   stat_wall+=("$wall") stat_cpu+=("$cpu")
   stat_sample+=("$("$BIN/heron-stat" --no-clients -i 0 --json | jq '.sample_duration_seconds * 1000')")
   # The same without the region reader's per-table inotify instance.
-  read -r wall cpu < <(LD_PRELOAD=$WORK/noinotify.so "$WORK/time" "$BIN/heron-stat" --no-clients -i 0 --json)
+  read -r wall cpu < <(LD_PRELOAD=$WORK/noinotify.so "$WORK/client_time" "$BIN/heron-stat" --no-clients -i 0 --json)
   bare_wall+=("$wall") bare_cpu+=("$cpu")
   bare_sample+=("$(LD_PRELOAD=$WORK/noinotify.so "$BIN/heron-stat" --no-clients -i 0 --json | jq '.sample_duration_seconds * 1000')")
 done

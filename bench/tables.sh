@@ -20,15 +20,8 @@ SIZES=("$@")
 if ((${#SIZES[@]} == 0)); then
   SIZES=(1000 10000)
 fi
-HERE=$(cd "$(dirname "$0")" && pwd)
-BIN=$(cd "$BUILD/bin" && pwd)
-BASE=/dev/shm
-[[ -d $BASE && -w $BASE ]] || BASE=${TMPDIR:-/tmp}
-WORK=$(mktemp -d "$BASE/heron-tables-bench.XXXXXX")
-trap 'rm -rf "$WORK"' EXIT
-
-cc -O2 -o "$WORK/tables_floor" "$HERE/tables_floor.c"
-cc -O2 -o "$WORK/client_time" "$HERE/client_time.c"
+source "$(dirname "$0")/lib.sh"
+bench_init "$BUILD" "$(bench_shm)" heron-tables-bench tables_floor.c client_time.c
 mkdir -p "$WORK/empty"
 
 median() { printf '%s\n' "$@" | sort -g | awk '{a[NR]=$1} END {printf "%.1f", a[int((NR+1)/2)]}'; }
