@@ -62,6 +62,21 @@ reports() {
   done
 }
 
+# arm ARRAY SIGNAL COMMAND...: appends to ARRAY the writer's rate on a new
+# table while COMMAND runs on the other CPU, then stops COMMAND with SIGNAL.
+arm() {
+  local -n into=$1
+  local signal=$2
+  shift 2
+  fresh_table
+  "${PIN_REPORTS[@]}" "$@" >/dev/null &
+  LOOP_PID=$!
+  into+=("$(writer_rate)")
+  kill -"$signal" "$LOOP_PID" 2>/dev/null || true
+  wait "$LOOP_PID" 2>/dev/null || true
+  LOOP_PID=""
+}
+
 # last ARRAY: its last element, or "none".
 last() {
   local -n array=$1
@@ -85,38 +100,15 @@ for ((i = 1; i <= PAIRS; i++)); do
     # heron started as often but reading nothing (--help): what starting and
     # ending processes on the other CPU costs the writer by itself, apart from
     # anything heron reads.
-    fresh_table
-    "${PIN_REPORTS[@]}" bash -c "while :; do '$BIN/heron' --help >/dev/null; done" &
-    LOOP_PID=$!
-    busy+=("$(writer_rate)")
-    kill "$LOOP_PID" 2>/dev/null || true
-    wait "$LOOP_PID" 2>/dev/null || true
-    fresh_table
-    "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports" &
-    LOOP_PID=$!
-    loaded+=("$(writer_rate)")
-    kill "$LOOP_PID" 2>/dev/null || true
-    wait "$LOOP_PID" 2>/dev/null || true
-    LOOP_PID=""
+    arm busy TERM bash -c "while :; do '$BIN/heron' --help >/dev/null; done"
+    arm loaded TERM bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports"
     total_reports=$((total_reports + $(cat "$WORK/reports" 2>/dev/null || echo 0)))
-    fresh_table
-    "${PIN_REPORTS[@]}" bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports '$PACE'" &
-    LOOP_PID=$!
-    paced+=("$(writer_rate)")
-    kill "$LOOP_PID" 2>/dev/null || true
-    wait "$LOOP_PID" 2>/dev/null || true
-    LOOP_PID=""
+    arm paced TERM bash -c "$(declare -f reports); BIN='$BIN' WORK='$WORK' reports '$PACE'"
   fi
   # heron-stat --watch -i 1, as an operator's terminal or a textfile
   # exporter would run it.
   if [[ -x $BIN/heron-stat ]]; then
-    fresh_table
-    "${PIN_REPORTS[@]}" "$BIN/heron-stat" --watch -i 1 >/dev/null &
-    LOOP_PID=$!
-    watched+=("$(writer_rate)")
-    kill -INT "$LOOP_PID" 2>/dev/null || true
-    wait "$LOOP_PID" 2>/dev/null || true
-    LOOP_PID=""
+    arm watched INT "$BIN/heron-stat" --watch -i 1
   fi
   if [[ -n ${ONLY_STAT:-} ]]; then
     # The control: the writer alone once more. Its distance from the first
