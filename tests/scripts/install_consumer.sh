@@ -14,15 +14,7 @@ cmake --install "$BUILD" --prefix "$PREFIX" >"$WORK/install.log" 2>&1 ||
   fail "cmake --install failed: $(tail -5 "$WORK/install.log")"
 [[ -f $PREFIX/include/heron/Heron/Heron.h ]] || fail "Heron/Heron.h was not installed"
 
-mkdir -p "$WORK/consumer"
-cat >"$WORK/consumer/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
-project(consumer CXX)
-set(CMAKE_CXX_STANDARD 17)
-find_package(heron 0.1 REQUIRED)
-add_executable(consumer main.cpp)
-target_link_libraries(consumer PRIVATE heron::heron)
-CMAKE
+consumer_project "$WORK/consumer" heron::heron
 cat >"$WORK/consumer/main.cpp" <<'CPP'
 #include <cstring>
 #include <iostream>

@@ -29,15 +29,7 @@ ls "$PREFIX"/lib/libheron.so* >/dev/null 2>&1 || fail "libheron.so was not insta
 
 # A writer project: creates a table's owner file and ember through the
 # installed runtime, then reads them back.
-mkdir -p "$WORK/consumer"
-cat >"$WORK/consumer/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.25)
-project(consumer CXX)
-set(CMAKE_CXX_STANDARD 17)
-find_package(heron 0.1 REQUIRED)
-add_executable(consumer main.cpp)
-target_link_libraries(consumer PRIVATE heron::heronrt)
-CMAKE
+consumer_project "$WORK/consumer" heron::heronrt
 cat >"$WORK/consumer/main.cpp" <<'CPP'
 #include <sys/stat.h>
 

@@ -58,6 +58,21 @@ sanitized_build() {
   grep -q '^HERON_SANITIZE:BOOL=ON' "${1:-$BIN/..}/CMakeCache.txt" 2>/dev/null
 }
 
+# consumer_project DIR TARGET: a CMake project in DIR whose executable
+# `consumer` (from DIR/main.cpp, which the caller writes) links the installed
+# target TARGET found with find_package(heron).
+consumer_project() {
+  mkdir -p "$1"
+  cat >"$1/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.25)
+project(consumer CXX)
+set(CMAKE_CXX_STANDARD 17)
+find_package(heron 0.1 REQUIRED)
+add_executable(consumer main.cpp)
+target_link_libraries(consumer PRIVATE $2)
+CMAKE
+}
+
 # build_consumer DIR BUILD PREFIX: configures and builds the CMake project in
 # DIR (into DIR/build) against the install in PREFIX, with the sanitizer
 # flags of the build BUILD that was installed.
