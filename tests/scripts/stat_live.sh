@@ -75,6 +75,14 @@ kill -CONT "$FAST_PID"
 wait_for fast .state ok 10 --stale 1
 echo "SIGSTOP: stale after --stale 1, ok again after SIGCONT"
 
+# --watch --prometheus on a pipe: one exposition per sample and nothing
+# between them (no title line), so that each one parses.
+timeout --preserve-status -s INT 2 "$STAT" --watch --prometheus -i 0.5 >"$WORK/watch.prom" ||
+  fail "--watch --prometheus did not end with status 0"
+[[ $(grep -c '^# TYPE heron_table_state gauge$' "$WORK/watch.prom") -ge 2 ]] || fail "--watch --prometheus: fewer than two samples"
+stray=$(grep -v '^# \(HELP\|TYPE\) heron_\|^heron_' "$WORK/watch.prom" || true)
+[[ -z $stray ]] || fail "--watch --prometheus wrote lines that are not metrics: $(head -3 <<<"$stray")"
+
 # Restart: restarts one up, a new instance.
 before=$(field slow .writer.restarts -i 0)
 stop_pid "$SLOW_PID" || true

@@ -6,7 +6,6 @@
 #include "Collect.h"
 
 #include <fmt/format.h>
-#include <fnmatch.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +17,7 @@
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "Beacon/Platform.h"
@@ -286,16 +286,6 @@ bool seesEveryProcess() {
   return false;
 }
 
-bool matches(const std::string& expr, const std::string& name) {
-  if (expr.empty()) {
-    return true;
-  }
-  if (expr.find_first_of("*?[") != std::string::npos) {
-    return ::fnmatch(expr.c_str(), name.c_str(), 0) == 0;
-  }
-  return name.compare(0, expr.size(), expr) == 0;
-}
-
 bool listedType(std::uint32_t type) { return type == SharedMem::Table || type == SharedMem::Archive; }
 
 }  // namespace
@@ -352,7 +342,8 @@ Sample collect(const CollectOptions& options) {
       std::vector<std::string> outside;
       const std::string prefix = sample.root + "/";
       for (const auto& group : mapped) {
-        if (group.first.compare(0, prefix.size(), prefix) != 0 && matches(options.expr, group.first)) {
+        if (group.first.compare(0, prefix.size(), prefix) != 0 &&
+            Mem::TableFinder::nameMatches(options.expr, group.first)) {
           outside.push_back(group.first);
         }
       }
@@ -419,10 +410,21 @@ Sample collect(const CollectOptions& options) {
 
 void deriveRates(const Sample& before, Sample& after) {
   after.intervalSeconds = after.monotonicSeconds - before.monotonicSeconds;
+  std::unordered_map<std::string, const Table*> byPath;
+  byPath.reserve(before.tables.size());
+  for (const Table& table : before.tables) {
+    byPath.emplace(table.identity.path, &table);
+  }
   for (Table& table : after.tables) {
-    auto earlier = std::find_if(before.tables.begin(), before.tables.end(),
-                                [&](const Table& candidate) { return candidate.identity.path == table.identity.path; });
-    if (earlier == before.tables.end()) {
+    auto found = byPath.find(table.identity.path);
+    if (found == byPath.end()) {
+      continue;
+    }
+    const Table* earlier = found->second;
+    // A rate over a writer's restart would mix two writers' counters.
+    const Writer& was = earlier->writer;
+    const Writer& is = table.writer;
+    if (was.known != is.known || was.emberPid != is.emberPid || was.instance != is.instance) {
       continue;
     }
     const double elapsed = table.readMonotonicSeconds - earlier->readMonotonicSeconds;
@@ -438,11 +440,11 @@ void deriveRates(const Sample& before, Sample& after) {
         queues.secondsToSwitch = left / *queues.ratePerSecond;
       }
     }
-    const Allocator& was = earlier->allocator;
+    const Allocator& then = earlier->allocator;
     Allocator& now = table.allocator;
-    if (now.known && was.known && now.allocations >= was.allocations && now.releases >= was.releases) {
-      now.allocationsPerSecond = static_cast<double>(now.allocations - was.allocations) / elapsed;
-      now.releasesPerSecond = static_cast<double>(now.releases - was.releases) / elapsed;
+    if (now.known && then.known && now.allocations >= then.allocations && now.releases >= then.releases) {
+      now.allocationsPerSecond = static_cast<double>(now.allocations - then.allocations) / elapsed;
+      now.releasesPerSecond = static_cast<double>(now.releases - then.releases) / elapsed;
     }
   }
 }
@@ -457,9 +459,7 @@ void assess(Sample& sample, const Thresholds& thresholds) {
       raise(State::Broken);
     }
     const Writer& writer = table.writer;
-    const bool archive = table.identity.ownerKnown && table.identity.type == 3;
-    const bool writerGone = !writer.known || writer.alive == Seen::No;
-    if (archive && writerGone) {
+    if (table.keptWithoutWriter()) {
       // Kept without a writer by design.
     } else if (!writer.known) {
       if (table.identity.ownerKnown) {

@@ -30,7 +30,7 @@ struct Thresholds {
 // assess(). File errors become Table::problems via assess as well.
 Sample collect(const CollectOptions& options);
 
-// Rates and time to switch of `after` from `before` (same table names, same
+// Rates and time to switch of `after` from `before` (same table paths, same
 // writer identity, counters not going back).
 void deriveRates(const Sample& before, Sample& after);
 

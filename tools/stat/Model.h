@@ -121,6 +121,13 @@ struct Table {
   // CLOCK_MONOTONIC when the counters were read: rates divide by the time
   // between two such reads of the same table.
   double readMonotonicSeconds = 0;
+
+  // An archive (owner type 3) kept without a writer: it has none, or the one
+  // it had is gone. Such a table is ok, and has no writer to be up or down.
+  bool keptWithoutWriter() const {
+    constexpr std::uint32_t kArchive = 3;
+    return identity.ownerKnown && identity.type == kArchive && (!writer.known || writer.alive == Seen::No);
+  }
 };
 
 struct Sample {

@@ -78,7 +78,7 @@ std::string renderPrometheus(const Sample& sample) {
   };
   // A table that is meant to have a writer: every one but an archive kept
   // without one.
-  auto hasWriter = [](const Table& table) { return table.writer.known || table.identity.type != 3; };
+  auto hasWriter = [](const Table& table) { return !table.keptWithoutWriter(); };
 
   out.family("heron_table_state", "gauge", "1 for the state the table is in (broken, dead, stale, ok), else 0.");
   each([&out](const Table& table, const Labels& labels) {

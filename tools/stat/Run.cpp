@@ -9,24 +9,18 @@
 #include <ctime>
 #include <iostream>
 
+#include "Beacon/Clock.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
 #include "Render.h"
-#include "Stat.h"
-#if __has_include("Server.h")
 #include "Server.h"
-#define HERON_STAT_SERVER 1
-#endif
+#include "Stat.h"
 
 namespace Stat {
 
 namespace {
 
-double monotonicNow() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
+double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
 
 // Ctrl-C, SIGTERM and SIGHUP are blocked and waited for, so that a
 // signal ends a wait cleanly between two samples instead of cutting a
@@ -110,7 +104,8 @@ class Emitter {
 
 int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
   const bool repaint = options.output.empty() && !options.json && !options.prometheus && ::isatty(STDOUT_FILENO) == 1;
-  const bool blocks = options.output.empty() && !options.json;
+  // Machine formats stream one document per sample, with nothing between.
+  const bool blocks = options.output.empty() && !options.json && !options.prometheus;
   Sample previous;
   bool first = true;
   double next = monotonicNow();
@@ -162,7 +157,6 @@ int run(const Options& options) {
     return 2;
   }
   if (!options.listen.empty()) {
-#ifdef HERON_STAT_SERVER
     ListenAddress where;
     std::string error;
     if (!parseListenAddress(options.listen, where, error)) {
@@ -177,10 +171,6 @@ int run(const Options& options) {
           return renderPrometheus(sample);
         },
         std::cout, std::cerr);
-#else
-    std::cerr << "heron-stat: --listen is not available in this build" << std::endl;
-    return 1;
-#endif
   }
   StopSignals signals;
   Emitter emitter(options);

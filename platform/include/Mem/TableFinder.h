@@ -49,6 +49,10 @@ class TableFinder {
   // The same over the tables findOwned() lists.
   void visitOwned(const char* expr, const Visitor& visit);
 
+  // Whether a name matches a relative pattern as above: a glob when it has
+  // a glob character, else a prefix ("" matches every name).
+  static bool nameMatches(const std::string& pattern, const std::string& name);
+
  private:
   // The pattern a name is matched against; false when `expr` is an absolute
   // path outside the root, which names `outside` or nothing.

@@ -127,6 +127,10 @@ class NameMatcher {
 
 }  // namespace
 
+bool TableFinder::nameMatches(const std::string& pattern, const std::string& name) {
+  return NameMatcher(pattern)(name);
+}
+
 void TableFinder::search(const char* expr, SharedMem::SharedMemType kind) {
   matches_.clear();
   std::string text;

@@ -219,6 +219,14 @@ Names namesOf(const std::vector<Visited>& seen) {
   return names;
 }
 
+TEST(TableFinder, NameMatchesAsFindDoes) {
+  EXPECT_TRUE(Mem::TableFinder::nameMatches("", "any/name"));
+  EXPECT_TRUE(Mem::TableFinder::nameMatches("tab", "table/x"));
+  EXPECT_FALSE(Mem::TableFinder::nameMatches("tab", "xtab"));
+  EXPECT_TRUE(Mem::TableFinder::nameMatches("md*quotes", "md/eu/quotes"));
+  EXPECT_FALSE(Mem::TableFinder::nameMatches("tab?", "tab"));
+}
+
 TEST_F(TableFinderTest, VisitMeetsTheTablesThatFindLists) {
   for (const char* expr : {"", "tab", "md*quotes", "[ab]", "nope"}) {
     EXPECT_EQ(namesOf(visit(root, expr)), find(root, expr)) << expr;

@@ -142,6 +142,23 @@ TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
   EXPECT_FALSE(second.tables[1].queues.ratePerSecond);
 }
 
+TEST(StatRates, NoRateAcrossAWriterRestart) {
+  Stat::Table before = healthyTable("t");
+  before.readMonotonicSeconds = 100;
+  before.queues.ratePerSecond.reset();
+  before.allocator.allocationsPerSecond.reset();
+  Stat::Table after = before;
+  after.readMonotonicSeconds = 101;
+  after.queues.sequence = before.queues.sequence + 500;
+  after.allocator.allocations = before.allocator.allocations + 5;
+  after.writer.instance = before.writer.instance + 1;
+  Stat::Sample first = StatTest::sampleOf({before});
+  Stat::Sample second = StatTest::sampleOf({after});
+  Stat::deriveRates(first, second);
+  EXPECT_FALSE(second.tables[0].queues.ratePerSecond);
+  EXPECT_FALSE(second.tables[0].allocator.allocationsPerSecond);
+}
+
 TEST(StatRates, ZeroRateHasNoTimeToSwitch) {
   Stat::Table before = healthyTable("t");
   before.readMonotonicSeconds = 100;

@@ -84,6 +84,14 @@ TEST(StatRenderPrometheus, AnArchiveWithoutWriterHasNoWriterMetrics) {
   EXPECT_TRUE(has(text, "heron_table_state{table=\"old\",state=\"ok\"} 1"));
 }
 
+TEST(StatRenderPrometheus, AnArchiveWhoseOldWriterIsGoneHasNoWriterMetrics) {
+  Stat::Table table = StatTest::healthyTable("old");
+  table.identity.type = 3;
+  table.writer.alive = Stat::Seen::No;
+  const std::string text = exposition(StatTest::sampleOf({table}));
+  EXPECT_EQ(text.find("heron_writer_up{"), std::string::npos) << text;
+}
+
 TEST(StatRenderPrometheus, LabelValuesAreEscaped) {
   const std::string text =
       exposition(StatTest::sampleOf({StatTest::healthyTable("a\"b\\c\nd\x1b"
