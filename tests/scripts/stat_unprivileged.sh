@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # heron-stat run as an unprivileged user (setpriv) cannot read other users'
 # memory maps: the clients of a table with a writer and a shadow show as
-# unknown, never as none, and the writer is still judged alive by its pid.
+# unknown, never as none, and the writer is still judged alive by its pid;
+# a table directory it cannot list is broken, not empty.
 source "$(dirname "$0")/sim_lib/common.sh"
 [[ $(id -u) -eq 0 ]] || { echo "SKIP: needs root to switch to an unprivileged user"; exit 0; }
 command -v setpriv >/dev/null || fail "setpriv is not installed (util-linux)"
@@ -33,4 +34,15 @@ if as_nobody --prometheus | matches '^heron_table_shadows{'; then
   fail "a shadow count was exported as nobody"
 fi
 echo "as nobody: $line"
+
+# A table directory the user may enter but not list: its regions cannot be
+# seen, so the table is broken with that reason, not an empty allocator.
+"$SIM" create closed >/dev/null
+chmod -R a+rX "$HERON_ROOT/closed"
+chmod 711 "$HERON_ROOT/closed"
+json=$(as_nobody --json -i 0 closed) || true
+[[ $(jq -r '.tables[0].state' <<<"$json") == broken ]] || fail "an unlistable table as nobody: $json"
+jq -r '.tables[0].problems[].text' <<<"$json" | matches "cannot list .*closed: Permission denied" ||
+  fail "an unlistable table does not say why: $json"
+[[ $(jq -r '.tables[0].allocator' <<<"$json") == null ]] || fail "an unlistable table has allocator figures: $json"
 echo PASS

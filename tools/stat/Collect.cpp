@@ -101,28 +101,24 @@ class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
     watchDeletions(false);
   }
 
-  // Fills `out` from the allocator file and every region; each file that
-  // cannot be used adds a line to `errors`. False when the allocator file
-  // itself is unusable.
+  // Fills `out` from the allocator file and every region, each region
+  // mapped only while it is read; each file that cannot be used adds a line
+  // to `errors`. False when the allocator file itself is unusable or the
+  // table directory cannot be listed (the figures are unknown, not zero).
   bool read(Allocator& out, std::vector<std::string>& errors) {
     std::string error;
     if (!noMapReader_.open(root_.fullPath(Quarry::kQuarryFileName), error)) {
       errors.push_back(error);
       return false;
     }
-    if (!initialize()) {
-      errors.push_back(root_.fullPath(Quarry::kQuarryFileName) + ": cannot be used");
-      return false;
-    }
-    attachRegions();
+    // The allocator file is open, so this only sets up the reader.
+    static_cast<void>(initialize());
     Quarry::RegionSnapshot copy;
-    out.regions.reserve(regions_.size());
-    for (const auto& entry : regions_) {
-      const Quarry::RegionScanner& region = *entry.second;
+    visitAndReleaseRegions([&out, &copy](const Quarry::RegionScanner& region) {
       region.snapshot(copy, 0, kCopyAttempts);
       const Quarry::RegionHeader& header = region.header();
       Region row;
-      row.id = entry.first;
+      row.id = region.id();
       row.entrySize = header.unitSize;
       row.units = header.unitCount;
       row.used = std::min(copy.usedUnits, header.unitCount);
@@ -132,6 +128,10 @@ class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
       out.usedBytes += static_cast<std::uint64_t>(row.used) * row.entrySize;
       out.freePages += row.freePages;
       out.regions.push_back(row);
+    });
+    if (!listError().empty()) {
+      errors.push_back(listError());
+      return false;
     }
     std::sort(out.regions.begin(), out.regions.end(), [](const Region& a, const Region& b) { return a.id < b.id; });
     for (const Region& row : out.regions) {
@@ -141,7 +141,7 @@ class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
         out.fullest = row;
       }
     }
-    for (const Quarry::BadRegion& bad : badRegions_) {
+    for (const Quarry::BadRegion& bad : badRegions()) {
       errors.push_back(root_.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
     }
     Quarry::QuarryHeader counters{};
