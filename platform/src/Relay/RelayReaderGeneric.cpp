@@ -20,10 +20,6 @@ namespace {
 
 constexpr const char* kClass = "RelayReaderGeneric";
 
-// The real file size, widened: a queue may need more than 4 GiB - 1 bytes,
-// and a 64-bit reader maps it whole.
-std::uint64_t clampSize(std::size_t size) { return static_cast<std::uint64_t>(size); }
-
 // Lines are formatted into this buffer and handed to the report in chunks.
 template <typename Notification>
 class LineBuffer {
@@ -158,7 +154,7 @@ bool RelayReaderGeneric<Slot>::initialize() {
       const Mem::Tracked<Mem::SharedMemWrapper>& file = this->files_[id];
       const std::size_t size = fresh ? file.memSize() : file.knownSize();
       error.clear();
-      if (!header_[id]->validateSize(this->debugHandler(), clampSize(size), 0, error)) {
+      if (!header_[id]->validateSize(this->debugHandler(), size, 0, error)) {
         return false;
       }
     }

@@ -98,10 +98,9 @@ bool RelayWriter::open(std::string& error) {
   unsigned capacity = 0;
   for (unsigned id = 0; id < 2; ++id) {
     std::string why;
-    if (!header_[id]->validate(
-            debugHandler(),
-            static_cast<unsigned>(std::min<std::size_t>(files_[id].memSize(), std::numeric_limits<unsigned>::max())), 0,
-            why)) {
+    // The whole size (a queue may need more than 4 GiB - 1 bytes), as the
+    // open that mapped the header saw it.
+    if (!header_[id]->validateSize(debugHandler(), files_[id].knownSize(), 0, why)) {
       error = files_[id].name() + ": " + why;
       header_[0] = header_[1] = nullptr;
       return false;

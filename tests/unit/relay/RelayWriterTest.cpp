@@ -90,6 +90,26 @@ TEST_F(RelayWriterTest, CreateFilesRefusesExistingQueue) {
   EXPECT_NE(error.find("relay.1"), std::string::npos) << error;
 }
 
+// The writer reopens a queue that needs more than 4 GiB - 1 bytes, as the
+// reader reads it. The files are sparse: only their headers take memory.
+TEST_F(RelayWriterTest, OpenAcceptsAQueueLargerThanFourGibibytes) {
+  if (sizeof(std::size_t) < 8) {
+    GTEST_SKIP() << "a 32-bit writer cannot map a queue of more than 4 GiB";
+  }
+  const unsigned capacity = 400000000U;  // 88 + 12 * capacity = 4800000088 bytes
+  const std::uint64_t size = 88 + 12 * static_cast<std::uint64_t>(capacity);
+  const std::vector<char> header = RelayTest::fileBytes(RelayTest::validHeader(capacity), {}, 88);
+  ASSERT_TRUE(RelayTest::writeQueue(dir, header, header));
+  if (::truncate(primary.c_str(), static_cast<off_t>(size)) != 0 ||
+      ::truncate(secondary.c_str(), static_cast<off_t>(size)) != 0) {
+    GTEST_SKIP() << "no room for a sparse file of " << size << " bytes here";
+  }
+  RelayWriter writer(RelayTest::handler(), root);
+  std::string error;
+  EXPECT_TRUE(writer.open(error)) << error;
+  EXPECT_EQ(writer.capacity(), capacity);
+}
+
 TEST_F(RelayWriterTest, CreateOpensTheWriter) {
   RelayWriter writer(RelayTest::handler(), root);
   std::string error;
