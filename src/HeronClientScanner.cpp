@@ -196,14 +196,15 @@ const struct dirent* nextMapsCandidate(Beacon::DirNode& directory, std::string& 
 // The walk's step: like readNextMmap, the next entry that has a maps file,
 // but tested by opening it, so that the file is looked up once. A maps file
 // that exists but cannot be opened (another user's process) is returned
-// with fd -1, as the existence test would pass it. `pidText` gets the
-// entry's name: the pid token of mapsPath.
-bool openNextMaps(Beacon::DirNode& directory, std::string& mapsPath, std::string& pidText, int& fd) {
+// with fd -1, as the existence test would pass it, but only when `traced`:
+// untraced, such a process yields nothing, and the test is not made.
+// `pidText` gets the entry's name: the pid token of mapsPath.
+bool openNextMaps(Beacon::DirNode& directory, std::string& mapsPath, std::string& pidText, int& fd, bool traced) {
   while (const struct dirent* entry = nextMapsCandidate(directory, mapsPath)) {
     fd = ::open(mapsPath.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
       struct stat64 status;
-      if (errno == ENOENT || errno == ENOTDIR || ::stat64(mapsPath.c_str(), &status) != 0) {
+      if (!traced || errno == ENOENT || errno == ENOTDIR || ::stat64(mapsPath.c_str(), &status) != 0) {
         continue;
       }
     }
@@ -479,7 +480,11 @@ void walkProcesses(const HeronClientScanner& scanner, const std::string& procRoo
   std::string mapsPath;
   std::string pidText;
   int fd = -1;
-  while (openNextMaps(directory, mapsPath, pidText, fd)) {
+  // The same test as extractProcess makes: only a traced walk says anything
+  // of a maps file it cannot open.
+  const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
+  const bool traced = handler.enabled(5) || handler.enabled(9);
+  while (openNextMaps(directory, mapsPath, pidText, fd, traced)) {
     extractProcess(scanner, reader, form, pidText, MapsSource{mapsPath, true, fd});
   }
 }
