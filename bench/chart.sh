@@ -12,7 +12,7 @@ if [[ ${1:-} == --run ]]; then
   RUNS=${3:-5}
   PNG=${4:-$HERE/clients.png}
   DATA=$(mktemp "${TMPDIR:-/tmp}/heron-chart.XXXXXX")
-  trap 'rm -f "$DATA"' EXIT
+  DATA_TMP=$DATA  # removed with the table below, by the one EXIT trap
   SIZES=${SIZES:-100 1000 10000} DATA=$DATA bash "$HERE/client.sh" "$BUILD" "$RUNS"
 else
   DATA=${1:?usage: chart.sh DATA [PNG] | chart.sh --run [BUILD_DIR] [RUNS] [PNG]}

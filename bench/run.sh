@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Everything in bench/, one after the other, with short settings: the three
 # Google Benchmark programs, then the end-to-end scripts (client discovery,
-# the queue dump, the writer's rate under reports, many tables) and the
-# client chart. The figures in bench/README.md come from longer runs of the
+# the queue dump, the writer's rate under reports, many tables, heron-stat's
+# sample and its /metrics server) and the client chart. The figures in bench/README.md come from longer runs of the
 # same programs (the commands are given there).
 #
 #   bash bench/run.sh [BUILD_DIR]
@@ -31,3 +31,7 @@ section writer.sh
 PAIRS=1 SECONDS_EACH=2 bash "$HERE/writer.sh" "$BUILD"
 section tables.sh
 bash "$HERE/tables.sh" "$BUILD" 3 100 1000
+section stat.sh
+TABLES=100 bash "$HERE/stat.sh" "$BUILD" 3
+section stat_listen.sh
+bash "$HERE/stat_listen.sh" "$BUILD" 3 200
