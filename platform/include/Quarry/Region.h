@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Beacon/MappingGuard.h"
+#include "Beacon/SharedWord.h"
 #include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
@@ -30,7 +31,7 @@ class RegionReader {
   // read outside it; its used count and generation are those of that moment.
   const RegionHeader& header() const { return header_; }
   // The writer's current used count, one relaxed load from the mapping.
-  std::uint32_t usedUnits() const { return __atomic_load_n(&live().usedUnits, __ATOMIC_RELAXED); }
+  std::uint32_t usedUnits() const { return Beacon::Shared::load32Relaxed(&live(), offsetof(RegionHeader, usedUnits)); }
   std::size_t mappedSize() const { return size_; }
 
  protected:

@@ -10,10 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 
+#include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "Quarry/Offset.h"
@@ -63,11 +65,11 @@ bool NoMapReader::open(const std::string& path, std::string& error) {
 
 bool NoMapReader::copy(QuarryHeader& out) const {
   for (unsigned attempt = 0; attempt < QuarryScannerBase<NoMapScanner>::kCopyAttempts; ++attempt) {
-    const std::uint64_t before = __atomic_load_n(&header_->generation, __ATOMIC_ACQUIRE);
+    const std::uint64_t before = Beacon::Shared::load64(header_, offsetof(QuarryHeader, generation));
     if ((before & 1U) == 0) {
       std::memcpy(&out, header_, sizeof out);
       __atomic_thread_fence(__ATOMIC_ACQUIRE);
-      if (__atomic_load_n(&header_->generation, __ATOMIC_RELAXED) == before) {
+      if (Beacon::Shared::load64Relaxed(header_, offsetof(QuarryHeader, generation)) == before) {
         return true;
       }
     }

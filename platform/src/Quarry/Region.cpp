@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
+#include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "Quarry/Offset.h"
@@ -88,14 +90,14 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
   out.bitmap.resize(bitmapBytes);
   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
     out.attempts = attempt + 1;
-    const std::uint64_t before = __atomic_load_n(&shared.generation, __ATOMIC_ACQUIRE);
+    const std::uint64_t before = Beacon::Shared::load64(&shared, offsetof(RegionHeader, generation));
     const bool last = attempt + 1 == attempts;
     if ((before & 1U) != 0 && !last) {
       ::sched_yield();
       continue;
     }
     out.generation = before;
-    out.usedUnits = __atomic_load_n(&shared.usedUnits, __ATOMIC_RELAXED);
+    out.usedUnits = Beacon::Shared::load32Relaxed(&shared, offsetof(RegionHeader, usedUnits));
     std::memcpy(out.bitmap.data(), base_ + h.bitmapOffset, bitmapBytes);
     out.used.clear();
     out.previews.clear();
@@ -125,7 +127,7 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
       }
     }
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
-    const std::uint64_t after = __atomic_load_n(&shared.generation, __ATOMIC_RELAXED);
+    const std::uint64_t after = Beacon::Shared::load64Relaxed(&shared, offsetof(RegionHeader, generation));
     if (after == before && (before & 1U) == 0) {
       out.consistent = true;
       return;

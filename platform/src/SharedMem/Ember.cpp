@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstring>
 
+#include "Beacon/SharedWord.h"
 #include "Beacon/Util.h"
 
 namespace SharedMem {
@@ -64,7 +66,7 @@ bool EmberWriter::open(std::string& error) {
   header_->heartbeatNs = header_->startedNs;
   header_->heartbeatMonoNs = monoNs();
   // The magic last: a reader that sees it sees the rest.
-  __atomic_store_n(&header_->magic, EmberHeader::kMagic, __ATOMIC_RELEASE);
+  Beacon::Shared::store64(header_, offsetof(EmberHeader, magic), EmberHeader::kMagic);
   return true;
 }
 
@@ -74,8 +76,8 @@ void EmberWriter::heartbeat() {
   if (header_ != nullptr) {
     // Monotonic first: a reader that sees the new wall beat also sees the
     // monotonic one it was taken with (or a newer one).
-    __atomic_store_n(&header_->heartbeatMonoNs, monoNs(), __ATOMIC_RELEASE);
-    __atomic_store_n(&header_->heartbeatNs, nowNs(), __ATOMIC_RELEASE);
+    Beacon::Shared::store64(header_, offsetof(EmberHeader, heartbeatMonoNs), monoNs());
+    Beacon::Shared::store64(header_, offsetof(EmberHeader, heartbeatNs), nowNs());
   }
 }
 
