@@ -93,15 +93,19 @@ after=$(field slow .writer.restarts -i 0)
 echo "restart: restarts $before -> $after"
 
 # Damaged tables: each broken with its reader's reason; the others still shown.
-for t in norelay badquarry badowner shortember; do "$SIM" create "$t" >/dev/null; done
+for t in norelay badrelay badquarry badowner shortember; do "$SIM" create "$t" >/dev/null; done
 rm "$HERON_ROOT/norelay/relay.2"
 head -c 64 /dev/urandom >"$HERON_ROOT/badquarry/quarry"
 printf 'garbage' >"$HERON_ROOT/badowner/owner"
 printf 'short' >"$HERON_ROOT/shortember/ember"
-json=$("$STAT" --json -i 0)
+printf 'HRNXXXXX' | dd of="$HERON_ROOT/badrelay/relay.2" conv=notrunc status=none
+json=$("$STAT" --json -i 0 2>"$WORK/stat.err")
+[[ ! -s $WORK/stat.err ]] || fail "a sample with damaged tables wrote to standard error: $(cat "$WORK/stat.err")"
 reason() { jq -r --arg t "$1" '.tables[] | select(.name == $t) | [.state, (.problems[] | .text)] | join(" | ")' <<<"$json"; }
 [[ $(reason norelay) == "broken | $HERON_ROOT/norelay/relay.2: No such file or directory"* ]] ||
   fail "norelay: $(reason norelay)"
+[[ $(reason badrelay) == "broken | Relay $HERON_ROOT/badrelay validation failed: bad magic 0x"* ]] ||
+  fail "badrelay: $(reason badrelay)"
 [[ $(reason badquarry) == "broken | $HERON_ROOT/badquarry/quarry: not a region allocator file"* ]] ||
   fail "badquarry: $(reason badquarry)"
 [[ $(reason badowner) == "broken | $HERON_ROOT/badowner/owner: 7 bytes, shorter than its 128-byte header"* ]] ||
@@ -109,7 +113,7 @@ reason() { jq -r --arg t "$1" '.tables[] | select(.name == $t) | [.state, (.prob
 [[ $(reason shortember) == "broken | $HERON_ROOT/shortember/ember: 5 bytes, shorter than its 64-byte header"* ]] ||
   fail "shortember: $(reason shortember)"
 [[ $(jq -r '.tables[] | select(.name == "fast") | .state' <<<"$json") == ok ]] || fail "fast is not reported ok"
-[[ $(jq -r '.tables | length' <<<"$json") -eq 7 ]] || fail "not every table is reported: $(jq -c '[.tables[].name]' <<<"$json")"
+[[ $(jq -r '.tables | length' <<<"$json") -eq 8 ]] || fail "not every table is reported: $(jq -c '[.tables[].name]' <<<"$json")"
 "$STAT" -i 0 | matches "^critical  badquarry: $HERON_ROOT/badquarry/quarry: not a region allocator file$" ||
   fail "the text view does not give the reason: $("$STAT" -i 0)"
 echo "damaged tables: broken with their reasons, the others still reported"

@@ -16,7 +16,6 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <sstream>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -73,25 +72,6 @@ std::string loadTrouble(SharedMem::LoadStatus status, const std::string& path, s
       return fileTrouble(path, headerSize);
   }
 }
-
-// Lets a reader's own complaint on standard error become the table's
-// reason instead of reaching the terminal.
-class CaptureErrors {
- public:
-  CaptureErrors() : saved_(std::cerr.rdbuf(text_.rdbuf())) {}
-  ~CaptureErrors() { std::cerr.rdbuf(saved_); }
-  CaptureErrors(const CaptureErrors&) = delete;
-  CaptureErrors& operator=(const CaptureErrors&) = delete;
-  // The first line said, without its line end.
-  std::string firstLine() const {
-    std::string all = text_.str();
-    return all.substr(0, all.find('\n'));
-  }
-
- private:
-  std::ostringstream text_;
-  std::streambuf* saved_;
-};
 
 // The region reader, asked for figures instead of a printed report.
 class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
@@ -204,12 +184,14 @@ void readEmber(Table& table) {
 void readQueues(Table& table) {
   const Mem::RootPath root(table.identity.path);
   Heron::RelayHelperScanner relay(handler(), root, false);
+  // The reader's complaint becomes the table's reason instead of reaching
+  // the terminal.
+  relay.reportErrorsTo(nullptr);
   bool ready = false;
   std::string said;
   try {
-    CaptureErrors capture;
     ready = relay.initialize();
-    said = capture.firstLine();
+    said = relay.lastError();
   } catch (const std::exception& error) {
     said = error.what();
   }

@@ -8,8 +8,10 @@
 #pragma once
 
 #include <cstdint>
+#include <iostream>
 #include <ostream>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include "Relay/RelayTable.h"
@@ -28,6 +30,13 @@ class RelayReaderGeneric : public RelayTable<Slot> {
   ~RelayReaderGeneric() override = default;
 
   bool initialize();
+  // Why the last initialize() refused the files when it said so ("Relay
+  // <name> validation failed: <reason>"), or "".
+  const std::string& lastError() const { return lastError_; }
+  // Where initialize() says why it refuses the files: standard error by
+  // default; null keeps the text in lastError() only (a caller that reports
+  // it in its own words, from any thread).
+  void reportErrorsTo(std::ostream* out) { errors_ = out; }
   void resizeRelay(RelayTableId id);
   // A copy of table id's header, taken with single loads of its words.
   Header header(RelayTableId id) const;
@@ -65,6 +74,8 @@ class RelayReaderGeneric : public RelayTable<Slot> {
   const Mem::VersionedRef<unsigned>* notificationsRef_[2] = {nullptr, nullptr};
   std::uint32_t currentPos_[2] = {0, 0};
   Mem::VersionedRef<unsigned> cachedNotifications_[2] = {{0xFFFFFFFFU, 0}, {0xFFFFFFFFU, 0}};
+  std::string lastError_;
+  std::ostream* errors_ = &std::cerr;
 };
 
 }  // namespace Relay

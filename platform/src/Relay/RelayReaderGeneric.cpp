@@ -162,7 +162,10 @@ bool RelayReaderGeneric<Slot>::initialize() {
   };
   const bool valid = validate(false) || validate(true);
   if (!valid) {
-    std::cerr << "Relay " << this->name_ << " validation failed: " << error << std::endl;
+    lastError_ = "Relay " + this->name_ + " validation failed: " + error;
+    if (errors_ != nullptr) {
+      *errors_ << lastError_ << std::endl;
+    }
     return false;
   }
 

@@ -155,6 +155,27 @@ TEST_P(RelayReaderBrokenQueueTest, InitializeFails) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), GetParam().expectedMessage(dir));
 }
 
+// The same refusal kept by the reader for its caller: nothing on standard
+// error, the message (without its line end) in lastError().
+TEST_P(RelayReaderBrokenQueueTest, InitializeToldToKeepItsErrorsSaysNothing) {
+  {
+    std::string error;
+    Relay::RelayWriter writer(RelayTest::handler(), root);
+    ASSERT_TRUE(writer.create(2, SharedMem::EmberId{4711, 2}, error)) << error;
+  }
+  ASSERT_TRUE(GetParam().apply(dir));
+  Reader reader(RelayTest::handler(), root, false);
+  reader.reportErrorsTo(nullptr);
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(reader.initialize());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  std::string expected = GetParam().expectedMessage(dir);
+  if (!expected.empty()) {
+    expected.pop_back();
+  }
+  EXPECT_EQ(reader.lastError(), expected);
+}
+
 INSTANTIATE_TEST_SUITE_P(RelayBrokenQueues, RelayReaderBrokenQueueTest, testing::ValuesIn(RelayTest::kBrokenQueues),
                          RelayTest::BrokenQueueName());
 
