@@ -137,18 +137,21 @@ TEST_F(RelayReaderTest, InitializeSucceedsOnValidFiles) {
 // documented message or without a word.
 class RelayReaderBrokenQueueTest : public testing::TestWithParam<RelayTest::BrokenQueue> {
  protected:
+  // A queue of capacity 2, then the parameter's damage.
+  void SetUp() override {
+    std::string error;
+    {
+      Relay::RelayWriter writer(RelayTest::handler(), root);
+      ASSERT_TRUE(writer.create(2, SharedMem::EmberId{4711, 2}, error)) << error;
+    }
+    ASSERT_TRUE(GetParam().apply(dir));
+  }
   RelayTest::TempDir temp;
   std::string dir = temp.table("t");
   Mem::RootPath root{dir};
 };
 
 TEST_P(RelayReaderBrokenQueueTest, InitializeFails) {
-  {
-    std::string error;
-    Relay::RelayWriter writer(RelayTest::handler(), root);
-    ASSERT_TRUE(writer.create(2, SharedMem::EmberId{4711, 2}, error)) << error;
-  }
-  ASSERT_TRUE(GetParam().apply(dir));
   Reader reader(RelayTest::handler(), root, false);
   testing::internal::CaptureStderr();
   EXPECT_FALSE(reader.initialize());
@@ -158,12 +161,6 @@ TEST_P(RelayReaderBrokenQueueTest, InitializeFails) {
 // The same refusal kept by the reader for its caller: nothing on standard
 // error, the message (without its line end) in lastError().
 TEST_P(RelayReaderBrokenQueueTest, InitializeToldToKeepItsErrorsSaysNothing) {
-  {
-    std::string error;
-    Relay::RelayWriter writer(RelayTest::handler(), root);
-    ASSERT_TRUE(writer.create(2, SharedMem::EmberId{4711, 2}, error)) << error;
-  }
-  ASSERT_TRUE(GetParam().apply(dir));
   Reader reader(RelayTest::handler(), root, false);
   reader.reportErrorsTo(nullptr);
   testing::internal::CaptureStderr();
