@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/Util.h"
 #include "Sim.h"
 
 namespace Sim {
@@ -41,16 +42,27 @@ class Mapping {
   }
 
   bool map(const std::string& path, bool readWrite, std::string& error) {
-    int fd = ::open(path.c_str(), (readWrite ? O_RDWR : O_RDONLY) | O_NOFOLLOW);
-    if (fd < 0) {
-      error = path + ": " + std::strerror(errno);
-      return false;
-    }
+    // Read-only as every reader opens a table file (a link or a FIFO in its
+    // place is refused, never followed or waited on); --rw is a test hook.
     struct stat status {};
-    if (::fstat(fd, &status) != 0) {
-      error = path + ": " + std::strerror(errno);
-      ::close(fd);
-      return false;
+    int fd = -1;
+    if (readWrite) {
+      fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+      if (fd >= 0 && ::fstat(fd, &status) != 0) {
+        ::close(fd);
+        fd = -1;
+      }
+      if (fd < 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+      }
+    } else {
+      std::string why;
+      fd = Beacon::Util::openRegularFile(path, why, &status);
+      if (fd < 0) {
+        error = path + ": " + why;
+        return false;
+      }
     }
     // An empty file still gets a one-page mapping (never touched), so that
     // the process shows up in its maps file.
