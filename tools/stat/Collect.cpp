@@ -487,6 +487,8 @@ const char* stateName(State state) {
   return "broken";
 }
 
+const char* livenessName(Liveness liveness) { return liveness == Liveness::Heartbeat ? "heartbeat" : "process"; }
+
 const char* severityName(Severity severity) { return severity == Severity::Critical ? "critical" : "warning"; }
 
 }  // namespace Stat

@@ -31,6 +31,13 @@ struct Problem {
 // Yes, no, or could not tell (no rights to look).
 enum class Seen { Unknown, Yes, No };
 
+// What a writer's liveness was judged from: its process, found in the PID
+// namespace the ember names, or its heartbeat alone, where that namespace
+// cannot be seen from here (heron-stat runs in another container).
+enum class Liveness { Process, Heartbeat };
+// "process", "heartbeat".
+const char* livenessName(Liveness liveness);
+
 struct Identity {
   std::string name;  // relative to the root; the full path for tables outside it
   std::string path;
@@ -53,6 +60,10 @@ struct Writer {
   bool monotonicHeartbeat = false;  // age from the monotonic beat, not the wall clock
   Seen alive = Seen::Unknown;
   Seen mapsTable = Seen::Unknown;  // the pid maps the table read-write
+  // The ember's pids are the writer's own, in its PID namespace.
+  std::uint64_t pidNamespace = 0;  // from the ember; 0 from a writer that predates it
+  std::uint32_t hostPid = 0;       // the writer's process as seen from here; 0 when not found
+  Liveness liveness = Liveness::Process;
 };
 
 struct Clients {
@@ -137,6 +148,11 @@ struct Sample {
   double durationSeconds = 0;     // time the sample took
   double intervalSeconds = 0;     // between the samples the rates come from; 0: no rates
   bool clientsWalked = false;     // the /proc walk ran
+  bool clientsKnown = false;      // ... and every process's maps could be read
+  // The root exists, is a directory and could be listed; rootError says why
+  // not. A wrong root is never "no tables, all fine".
+  bool rootOk = true;
+  std::string rootError;
   std::vector<Table> tables;      // in name order
   std::vector<Problem> problems;  // about the collection, not one table
 };
