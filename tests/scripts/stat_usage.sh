@@ -62,6 +62,7 @@ check_usage_error --warn-alloc 0x10 --check
 check_usage_error --check --crit-alloc 80
 check_usage_error --check --warn-alloc 95 --crit-alloc 90.5
 check_usage_error --check --timeout 0
+check_usage_error --check -o "$HERON_ROOT/verdict.txt"
 # Decimal thresholds are read as written.
 "$STAT" --check --warn-alloc 12.5 --crit-alloc 12.5 >"$WORK/out" || true
 matches 'alloc_max=[0-9]*%;12.5;12.5;0;100 ' "$WORK/out" || fail "decimal thresholds: $(cat "$WORK/out")"

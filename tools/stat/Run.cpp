@@ -177,8 +177,14 @@ int check(const Options& options, Emitter& emitter) {
 int run(const Options& options) {
   ::signal(SIGPIPE, SIG_IGN);
   if (!options.output.empty() && insideRoot(options.output, Mem::OrbRootPath::collectionRoot())) {
-    std::cerr << "heron-stat: refusing to write " << printable(options.output)
-              << " inside the collection root (see heron-stat --help)" << std::endl;
+    const std::string refusal =
+        "refusing to write " + printable(options.output) + " inside the collection root (see heron-stat --help)";
+    // A usage error, which a monitoring host reads as UNKNOWN.
+    if (options.check) {
+      std::cout << "HERON UNKNOWN - usage error: " << refusal << std::endl;
+      return 3;
+    }
+    std::cerr << "heron-stat: " << refusal << std::endl;
     return 2;
   }
   if (!options.listen.empty()) {
