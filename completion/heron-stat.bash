@@ -30,12 +30,18 @@ _heron_stat() {
       COMPREPLY=($(compgen -f -- "$cur"))
       return
       ;;
-    -i|--interval|--stale)
+    -i|--interval|--stale|--timeout)
       COMPREPLY=($(compgen -W "0 0.5 1 2 5 10" -- "$cur"))
       return
       ;;
     --warn-alloc|--crit-alloc)
       COMPREPLY=($(compgen -W "80 90 95" -- "$cur"))
+      return
+      ;;
+    --exclude)
+      if _heron_stat_load_tables; then
+        COMPREPLY=($(compgen -W "$(_heron_tables)" -- "$cur"))
+      fi
       return
       ;;
     --listen)
@@ -44,8 +50,8 @@ _heron_stat() {
       ;;
   esac
   if [[ $cur == -* ]]; then
-    COMPREPLY=($(compgen -W "--all-roots --no-clients -i --interval -w --watch --json --prometheus -o --output
-      --listen --check --stale --warn-alloc --crit-alloc --version -h --help" -- "$cur"))
+    COMPREPLY=($(compgen -W "--all-roots --no-clients --exclude -i --interval --watch --json --prometheus -o
+      --output --listen --check --timeout --stale --warn-alloc --crit-alloc --version -h --help" -- "$cur"))
     return
   fi
   if _heron_stat_load_tables; then

@@ -19,7 +19,7 @@ T=md/eu/quotes
 live() {
   "$HERON" -A >"$WORK/all.txt" 2>/dev/null || return 1
   local table
-  for table in orders md/eu/quotes md/eu/trades md/us/quotes archive/2025; do
+  for table in orders md/eu/quotes md/eu/trades md/us/quotes; do
     grep -qF "$table" "$WORK/all.txt" || return 1
   done
   "$HERON" -c "$writer" 2>/dev/null | matches -F "$T" && "$HERON" -q "$T" 2>/dev/null | matches '^pos: '
@@ -34,11 +34,26 @@ for args in "${commands[@]}"; do
   [[ $status -eq 0 ]] || fail "heron $args exited with $status: $(head -3 "$WORK/err.txt")"
   [[ -s $WORK/out.txt ]] || fail "heron $args printed nothing"
 done
-# The reports see the live collection.
+# The reports see the live collection; heron lists tables of type 2 only,
+# so neither the segment nor the archive (type 3).
 "$HERON" -A >"$WORK/all.txt"
-for table in orders md/eu/quotes md/eu/trades md/us/quotes archive/2025; do
+for table in orders md/eu/quotes md/eu/trades md/us/quotes; do
   grep -qF "$table" "$WORK/all.txt" || fail "heron -A does not show $table"
 done
+for table in cache/segment archive/2025; do
+  if grep -qF "$table" "$WORK/all.txt"; then
+    fail "heron -A shows $table"
+  fi
+done
+[[ $(od -An -tu4 -j12 -N4 "$HERON_ROOT/archive/2025/owner" | tr -d ' ') == 3 ]] ||
+  fail "archive/2025 is not of type 3 (archive)"
+# A fresh demo is healthy: its archive needs no writer.
+if [[ -x $BIN/heron-stat ]]; then
+  status=0
+  "$BIN/heron-stat" --check >"$WORK/check.txt" || status=$?
+  [[ $status -eq 0 ]] || fail "heron-stat --check on the demo exited $status: $(cat "$WORK/check.txt")"
+  matches '^HERON OK - 5 tables ok | ' "$WORK/check.txt" || fail "heron-stat --check: $(cat "$WORK/check.txt")"
+fi
 "$HERON" -c "$writer" >"$WORK/what.txt"
 grep -qF "$T" "$WORK/what.txt" || fail "heron -c $writer does not show $T"
 

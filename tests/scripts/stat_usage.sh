@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # heron-stat's command line: usage errors are one line on standard error and
-# status 2; --help and --version; -o writes atomically and never inside the
+# status 2 (with --check, one UNKNOWN line on standard output and status 3); --help and --version; -o writes atomically and never inside the
 # root; a report that cannot be written is one line and status 1.
 source "$(dirname "$0")/sim_lib/common.sh"
 STAT=$BIN/heron-stat
@@ -25,8 +25,15 @@ usage_error --stale
 usage_error --warn-alloc 150
 usage_error --crit-alloc x
 usage_error --json --prometheus
-usage_error --check --json
-usage_error --check --watch
+usage_error --listen ''
+usage_error -o '' --prometheus
+usage_error -w
+usage_error --warn-alloc 0x10
+usage_error --crit-alloc 1e2
+usage_error -i +1
+usage_error --stale inf
+usage_error --timeout 5
+usage_error --exclude
 usage_error --watch -i 0
 usage_error --listen
 usage_error --listen nonsense
@@ -37,9 +44,32 @@ mkdir -p "$HERON_ROOT/sub"
 usage_error --prometheus -o "$HERON_ROOT/sub/x.prom"
 [[ ! -e $HERON_ROOT/metrics.prom && -z $(ls -A "$HERON_ROOT/sub") ]] || fail "a file was written inside the root"
 
+# With --check a monitoring host reads standard output: a usage error is one
+# UNKNOWN line there and status 3.
+check_usage_error() {
+  local status=0
+  "$STAT" "$@" >"$WORK/out" 2>"$WORK/err" || status=$?
+  [[ $status -eq 3 ]] || fail "heron-stat $* exited $status, not 3: $(cat "$WORK/out" "$WORK/err")"
+  [[ ! -s $WORK/err ]] || fail "heron-stat $* wrote to standard error: $(cat "$WORK/err")"
+  [[ $(wc -l <"$WORK/out") -eq 1 ]] || fail "heron-stat $* said $(wc -l <"$WORK/out") lines: $(cat "$WORK/out")"
+  grep -q '^HERON UNKNOWN - usage error: ' "$WORK/out" || fail "heron-stat $*: $(cat "$WORK/out")"
+  echo "heron-stat $*: $(cat "$WORK/out")"
+}
+check_usage_error --check --json
+check_usage_error --watch --check
+check_usage_error --check --bogus
+check_usage_error --warn-alloc 0x10 --check
+check_usage_error --check --crit-alloc 80
+check_usage_error --check --warn-alloc 95 --crit-alloc 90.5
+check_usage_error --check --timeout 0
+check_usage_error --check -o "$HERON_ROOT/verdict.txt"
+# Decimal thresholds are read as written.
+"$STAT" --check --warn-alloc 12.5 --crit-alloc 12.5 >"$WORK/out" || true
+matches 'alloc_max=[0-9]*%;12.5;12.5;0;100 ' "$WORK/out" || fail "decimal thresholds: $(cat "$WORK/out")"
+
 "$STAT" --help >"$WORK/help" || fail "--help failed"
 for word in EXPR --all-roots --interval --watch --json --prometheus --output --listen --check --stale --warn-alloc \
-  --crit-alloc --no-clients --version Examples; do
+  --crit-alloc --no-clients --exclude --timeout --version Examples; do
   grep -q -- "$word" "$WORK/help" || fail "--help does not mention $word"
 done
 [[ $("$STAT" --version) =~ ^heron-stat\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || fail "--version: $("$STAT" --version)"

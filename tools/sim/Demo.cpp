@@ -49,7 +49,7 @@ constexpr DemoTable kTables[] = {
     {"md/eu/trades", SharedMem::Table, "HeronTable", true, 1},
     {"md/us/quotes", SharedMem::Table, "HeronTable", true, 1},
     {"cache/segment", SharedMem::Segment, "SharedSegment", true, 1},
-    {"archive/2025", SharedMem::Table, "HeronTable", false, 0},
+    {"archive/2025", SharedMem::Archive, "HeronArchive", false, 0},
 };
 
 // The table the printed examples name.

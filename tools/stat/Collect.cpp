@@ -5,7 +5,9 @@
 // walk, made once per sample.
 #include "Collect.h"
 
+#include <dirent.h>
 #include <fmt/format.h>
+#include <fnmatch.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -101,9 +103,19 @@ class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
       row.id = region.id();
       row.entrySize = header.unitSize;
       row.units = header.unitCount;
-      row.used = std::min(copy.usedUnits, header.unitCount);
+      // A used count above the unit count, or one the bitmap disagrees
+      // with, is damage: the lowest of the figures is taken, so that
+      // garbage never makes a region look fuller than it is.
+      const auto inBitmap = static_cast<std::uint32_t>(copy.used.size());
+      const bool agrees = copy.usedUnits <= header.unitCount && copy.usedUnits == inBitmap;
+      row.used = std::min({copy.usedUnits, inBitmap, header.unitCount});
       row.freePages = region.numFreePages(copy);
-      row.consistent = copy.consistent;
+      row.consistent = copy.consistent && agrees;
+      // A copy that never settled is a busy writer, not evidence of damage.
+      if (copy.consistent && !agrees) {
+        row.inconsistency =
+            fmt::format("used count {}, bitmap {}, units {}", copy.usedUnits, inBitmap, header.unitCount);
+      }
       out.bytes += static_cast<std::uint64_t>(row.units) * row.entrySize;
       out.usedBytes += static_cast<std::uint64_t>(row.used) * row.entrySize;
       out.freePages += row.freePages;
@@ -270,6 +282,48 @@ bool seesEveryProcess() {
 
 bool listedType(std::uint32_t type) { return type == SharedMem::Table || type == SharedMem::Archive; }
 
+// A root that is missing, not a directory or unreadable is a configuration
+// error (a typo in a unit file), not an empty collection.
+bool rootListable(const std::string& root, std::string& error) {
+  struct stat st {};
+  if (::stat(root.c_str(), &st) != 0) {
+    error =
+        "collection root " + root +
+        (errno == ENOENT ? std::string(" does not exist") : " cannot be used: " + std::string(std::strerror(errno)));
+    return false;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    error = "collection root " + root + " is not a directory";
+    return false;
+  }
+  DIR* dir = ::opendir(root.c_str());
+  if (dir == nullptr) {
+    error = "collection root " + root + " cannot be listed: " + std::strerror(errno);
+    return false;
+  }
+  ::closedir(dir);
+  return true;
+}
+
+bool excluded(const std::vector<std::string>& globs, const std::string& name) {
+  return std::any_of(globs.begin(), globs.end(),
+                     [&name](const std::string& glob) { return ::fnmatch(glob.c_str(), name.c_str(), 0) == 0; });
+}
+
+// The tables a sample with an empty EXPR would show: a damaged owner file
+// counts, a plain segment does not.
+std::size_t countTables(const Mem::OrbRootPath& root) {
+  Mem::TableFinder finder(handler(), root);
+  finder.findOwned("");
+  std::size_t count = 0;
+  for (const std::string& name : finder.matches()) {
+    SharedMem::OwnerFile owner(handler(), Mem::RootPath(root.fullPath(name)), false);
+    SharedMem::OwnerFile::Header header{};
+    count += !owner.header(header) || listedType(header.sharedMemType) ? 1 : 0;
+  }
+  return count;
+}
+
 }  // namespace
 
 Sample collect(const CollectOptions& options) {
@@ -280,9 +334,12 @@ Sample collect(const CollectOptions& options) {
 
   const Mem::OrbRootPath rootPath(handler(), std::string(), false);
   sample.root = rootPath.path();
-  struct stat rootStatus {};
-  if (::stat(sample.root.c_str(), &rootStatus) != 0 || !S_ISDIR(rootStatus.st_mode)) {
-    sample.problems.push_back({Severity::Warning, "collection root " + sample.root + " does not exist"});
+  sample.expr = options.expr;
+  sample.rootOk = rootListable(sample.root, sample.rootError);
+  if (!sample.rootOk) {
+    // Nothing to walk: a wrong root is said once, not as "no tables".
+    sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
+    return sample;
   }
 
   // Each table's files are read as the walk meets it, the regions from the
@@ -291,7 +348,7 @@ Sample collect(const CollectOptions& options) {
   std::vector<Table> tables;
   std::unordered_set<std::string> paths;
   auto addTable = [&](const std::string& name, const std::string& path, const Mem::TableFinder::Listing* listing) {
-    if (!paths.insert(path).second) {
+    if (excluded(options.exclude, name) || !paths.insert(path).second) {
       return;
     }
     Table table;
@@ -320,6 +377,7 @@ Sample collect(const CollectOptions& options) {
     const Heron::HeronClientScanner scanner(&discard, rootPath, "");
     mapped = scanner.extractMmapInfoByTable();
     sample.clientsWalked = true;
+    sample.clientsKnown = seesEveryProcess();
     if (options.allRoots) {
       std::vector<std::string> outside;
       const std::string prefix = sample.root + "/";
@@ -334,7 +392,7 @@ Sample collect(const CollectOptions& options) {
         addTable(path, path, nullptr);
       }
     }
-    const bool complete = seesEveryProcess();
+    const bool complete = sample.clientsKnown;
     const int self = static_cast<int>(::getpid());
     for (Table& table : tables) {
       table.clients.known = complete;
@@ -383,7 +441,8 @@ Sample collect(const CollectOptions& options) {
   std::sort(tables.begin(), tables.end(),
             [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
   if (tables.empty() && !options.expr.empty()) {
-    sample.problems.push_back({Severity::Warning, "no table matches '" + options.expr + "'"});
+    sample.rootTables = countTables(rootPath);
+    sample.problems.push_back({Severity::Warning, noMatchText(sample)});
   }
   sample.tables = std::move(tables);
   sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
@@ -470,7 +529,18 @@ void assess(Sample& sample, const Thresholds& thresholds) {
                                                                  thresholds.warnAllocPercent)});
       }
     }
+    for (const Region& row : table.allocator.regions) {
+      if (!row.inconsistency.empty()) {
+        table.problems.push_back({Severity::Warning, fmt::format("region {} of {} is inconsistent: {}", row.id,
+                                                                 table.identity.name, row.inconsistency)});
+      }
+    }
   }
+}
+
+std::string noMatchText(const Sample& sample) {
+  return fmt::format("no table matches {} under {} ({} table{} there)", sample.expr, sample.root, sample.rootTables,
+                     sample.rootTables == 1 ? "" : "s");
 }
 
 const char* stateName(State state) {

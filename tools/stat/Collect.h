@@ -8,15 +8,17 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Model.h"
 
 namespace Stat {
 
 struct CollectOptions {
-  std::string expr;           // as heron: empty = every table, a glob, or a prefix
-  bool allRoots = false;      // also tables outside the root that a process maps
-  bool walkProcesses = true;  // false: no /proc reading at all (clients unknown)
+  std::string expr;                  // as heron: empty = every table, a glob, or a prefix
+  bool allRoots = false;             // also tables outside the root that a process maps
+  bool walkProcesses = true;         // false: no /proc reading at all (clients unknown)
+  std::vector<std::string> exclude;  // globs (* may cross /) of tables left out
 };
 
 // Thresholds that turn facts into states and problems.
@@ -33,6 +35,9 @@ Sample collect(const CollectOptions& options);
 // Rates and time to switch of `after` from `before` (same table paths, same
 // writer identity, counters not going back).
 void deriveRates(const Sample& before, Sample& after);
+
+// "no table matches 'EXPR' under ROOT (N tables there)".
+std::string noMatchText(const Sample& sample);
 
 // Sets each table's state and problems from its facts and `thresholds`.
 // Idempotent: reading problems kept in Table::fileErrors are carried over.

@@ -100,6 +100,9 @@ struct Region {
   std::uint32_t used = 0;
   std::uint32_t freePages = 0;
   bool consistent = true;
+  // Why the region's counts cannot be trusted ("used count N, bitmap M,
+  // units U"); empty when they agree.
+  std::string inconsistency;
   double occupancyRatio() const { return units == 0 ? 0.0 : static_cast<double>(used) / units; }
 };
 
@@ -143,16 +146,20 @@ struct Table {
 
 struct Sample {
   std::string root;
-  double timeSeconds = 0;         // wall clock at the start, since the epoch
-  double monotonicSeconds = 0;    // the same moment on CLOCK_MONOTONIC
-  double durationSeconds = 0;     // time the sample took
-  double intervalSeconds = 0;     // between the samples the rates come from; 0: no rates
-  bool clientsWalked = false;     // the /proc walk ran
-  bool clientsKnown = false;      // ... and every process's maps could be read
+  double timeSeconds = 0;       // wall clock at the start, since the epoch
+  double monotonicSeconds = 0;  // the same moment on CLOCK_MONOTONIC
+  double durationSeconds = 0;   // time the sample took
+  double intervalSeconds = 0;   // between the samples the rates come from; 0: no rates
+  bool clientsWalked = false;   // the /proc walk ran
+  bool clientsKnown = false;    // ... and every process's maps could be read
   // The root exists, is a directory and could be listed; rootError says why
   // not. A wrong root is never "no tables, all fine".
   bool rootOk = true;
   std::string rootError;
+  // The EXPR the tables were chosen by, and when it matched none, how many
+  // tables the root holds.
+  std::string expr;
+  std::size_t rootTables = 0;
   std::vector<Table> tables;      // in name order
   std::vector<Problem> problems;  // about the collection, not one table
 };

@@ -149,7 +149,11 @@ std::string renderJson(const Sample& sample) {
   out["root"] = sample.root;
   out["interval_seconds"] = sample.intervalSeconds;
   out["sample_duration_seconds"] = sample.durationSeconds;
-  out["clients_walked"] = sample.clientsWalked;
+  out["root_ok"] = sample.rootOk;
+  out["root_error"] = sample.rootOk ? Json(nullptr) : Json(sample.rootError);
+  // False when the walk was skipped or could not see every process: the
+  // tables' client lists are then null, never a confident "none".
+  out["clients_known"] = sample.clientsKnown;
   Json tables = Json::array();
   tables.get_ref<Json::array_t&>().reserve(sample.tables.size());
   for (const Table& entry : sample.tables) {

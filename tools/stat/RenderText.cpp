@@ -11,6 +11,7 @@
 #include <cmath>
 #include <vector>
 
+#include "Health.h"
 #include "Render.h"
 
 namespace Stat {
@@ -89,6 +90,10 @@ std::vector<std::string> row(const Table& table) {
 }  // namespace
 
 std::string renderText(const Sample& sample) {
+  const std::string trouble = sampleTrouble(sample);
+  if (!trouble.empty()) {
+    return printable(trouble) + "\n";
+  }
   static const std::vector<std::string> kHeader = {"TABLE",   "STATE",    "PID",    "BEAT", "RESTARTS",
                                                    "SHADOWS", "SEQUENCE", "RATE/S", "Q",    "FILL",
                                                    "SWITCH",  "ALLOC",    "FULLEST"};
@@ -125,6 +130,11 @@ std::string renderText(const Sample& sample) {
     out += "(no tables under " + printable(sample.root) + ")\n";
   }
   bool first = true;
+  const std::string note = clientsNote(sample);
+  if (!note.empty()) {
+    out += '\n' + note + '\n';
+    first = false;
+  }
   auto problemLine = [&out, &first](const Problem& problem, const std::string& where) {
     if (first) {
       out += '\n';

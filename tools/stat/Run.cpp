@@ -8,8 +8,11 @@
 #include <cmath>
 #include <ctime>
 #include <iostream>
+#include <optional>
 
 #include "Beacon/Clock.h"
+#include "Deadline.h"
+#include "Health.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
 #include "Render.h"
@@ -147,13 +150,41 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
   }
 }
 
+// --check: one sample and a verdict. With --timeout, a sample slower than
+// that is UNKNOWN: said by the deadline's thread when the sample is stuck,
+// or here when it ended late.
+int check(const Options& options, Emitter& emitter) {
+  const std::string late = fmt::format("HERON UNKNOWN - no sample within {:g} s (--timeout)\n", options.timeout);
+  std::optional<Deadline> deadline;
+  if (options.timeout > 0) {
+    deadline.emplace(options.timeout, [&emitter, &late] {
+      emitter.emit(late);
+      ::_exit(3);
+    });
+  }
+  Sample sample = collect(options.collect);
+  if (deadline && (!deadline->cancel() || sample.durationSeconds > options.timeout)) {
+    emitter.emit(late);
+    return 3;
+  }
+  assess(sample, options.thresholds);
+  const Verdict verdict = renderCheck(sample, options.thresholds);
+  return emitter.emit(verdict.text) ? verdict.status : 3;
+}
+
 }  // namespace
 
 int run(const Options& options) {
   ::signal(SIGPIPE, SIG_IGN);
   if (!options.output.empty() && insideRoot(options.output, Mem::OrbRootPath::collectionRoot())) {
-    std::cerr << "heron-stat: refusing to write " << printable(options.output)
-              << " inside the collection root (see heron-stat --help)" << std::endl;
+    const std::string refusal =
+        "refusing to write " + printable(options.output) + " inside the collection root (see heron-stat --help)";
+    // A usage error, which a monitoring host reads as UNKNOWN.
+    if (options.check) {
+      std::cout << "HERON UNKNOWN - usage error: " << refusal << std::endl;
+      return 3;
+    }
+    std::cerr << "heron-stat: " << refusal << std::endl;
     return 2;
   }
   if (!options.listen.empty()) {
@@ -177,10 +208,12 @@ int run(const Options& options) {
   if (options.watch) {
     return watch(options, signals, emitter);
   }
+  if (options.check) {
+    return check(options, emitter);
+  }
   Sample sample = collect(options.collect);
-  // Counters are raw in Prometheus text and a verdict needs no rates: both
-  // take one sample.
-  if (options.interval > 0 && !options.check && !options.prometheus) {
+  // Counters are raw in Prometheus text: it takes one sample.
+  if (options.interval > 0 && !options.prometheus && sampleTrouble(sample).empty()) {
     if (signals.waitUntil(sample.monotonicSeconds + options.interval)) {
       return 130;
     }
@@ -188,12 +221,12 @@ int run(const Options& options) {
     deriveRates(sample, later);
     sample = std::move(later);
   }
-  if (options.check) {
-    assess(sample, options.thresholds);
-    const Verdict verdict = renderCheck(sample, options.thresholds);
-    return emitter.emit(verdict.text) ? verdict.status : 3;
+  if (!emitter.emit(render(options, sample))) {
+    return 1;
   }
-  return emitter.emit(render(options, sample)) ? 0 : 1;
+  // A root that cannot be listed or an EXPR that matches nothing is said in
+  // the report, and fails the run.
+  return sampleTrouble(sample).empty() ? 0 : 1;
 }
 
 }  // namespace Stat

@@ -16,6 +16,7 @@ struct Options {
   bool prometheus = false;
   bool check = false;
   bool noClients = false;
+  double timeout = 0;  // --check: seconds a sample may take; 0: no limit
   std::string listen;  // ADDR:PORT
   std::string output;  // -o FILE
 };

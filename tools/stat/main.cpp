@@ -2,11 +2,12 @@
 // as a table, JSON, Prometheus text or a monitoring-plugin verdict.
 //
 // Exit status: 0 done (--watch ended by Ctrl-C included), 1 the report could
-// not be written (or the server could not bind), 2 usage error, and for
-// --check the verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
+// not be written (or the server could not bind, or the root cannot be
+// listed, or EXPR matches no table), 2 usage error, and for --check the
+// verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN (a usage error too).
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -25,13 +26,15 @@ constexpr const char* kExamples = R"(Examples:
   heron-stat --prometheus -o /var/lib/node_exporter/heron.prom
   heron-stat --listen 127.0.0.1:9464 serve /metrics and /healthz
   heron-stat --check --stale 10      a verdict for Nagios or Icinga
+  heron-stat --check --timeout 5 --exclude 'scratch/*'
 
 States, worst first: broken (a file is missing or invalid), dead (the
 writer is gone or no longer maps the table), stale (its heartbeat is older
 than --stale), ok. An archive table (type 3) needs no writer.
 
-Exit status: 0 done, 1 output could not be written, 2 usage error; with
---check 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
+Exit status: 0 done, 1 output could not be written, the root cannot be
+listed or EXPR matches no table, 2 usage error; with --check 0 OK,
+1 WARNING, 2 CRITICAL, 3 UNKNOWN (usage errors included).
 The collection root is $HERON_ROOT, else /dev/shm/heron.)";
 
 // One line, no trailing blank: CLI11 messages may span lines.
@@ -47,36 +50,72 @@ std::string oneLine(std::string text) {
   return text;
 }
 
-// A number in [low, high] (low excluded when `lowOpen`), finite; CLI11's
+// Digits with at most one decimal point, nothing else: no sign, exponent,
+// hexadecimal ("0x10" is not 16), "inf" or "nan".
+bool decimal(const std::string& text) {
+  std::size_t digits = 0;
+  std::size_t points = 0;
+  for (char c : text) {
+    digits += c >= '0' && c <= '9' ? 1 : 0;
+    points += c == '.' ? 1 : 0;
+  }
+  return digits != 0 && points <= 1 && digits + points == text.size();
+}
+
+// A decimal number in [low, high] (low excluded when `lowOpen`); CLI11's
 // own range messages print the whole double range.
 CLI::Validator numberIn(double low, double high, bool lowOpen, const std::string& what) {
   return CLI::Validator(
       [=](std::string& text) -> std::string {
-        char* end = nullptr;
-        errno = 0;
-        const double value = std::strtod(text.c_str(), &end);
-        const bool ok = !text.empty() && end != nullptr && *end == '\0' && errno == 0 && std::isfinite(value) &&
-                        (lowOpen ? value > low : value >= low) && value <= high;
+        const double value = decimal(text) ? std::strtod(text.c_str(), nullptr) : -1;
+        const bool ok = decimal(text) && (lowOpen ? value > low : value >= low) && value <= high;
         return ok ? std::string() : "'" + text + "' is not " + what;
       },
       "", "number");
 }
 
-int usageError(const std::string& message) {
+CLI::Validator notEmpty() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        return text.empty() ? std::string("needs a value, not an empty one") : std::string();
+      },
+      "", "not empty");
+}
+
+// Usage errors are one line and status 2; with --check, where a monitoring
+// host reads the first line of standard output, they are an UNKNOWN verdict.
+int usageError(const std::string& message, bool checkMode) {
+  if (checkMode) {
+    std::cout << "HERON UNKNOWN - usage error: " << oneLine(message) << " (see heron-stat --help)" << std::endl;
+    return 3;
+  }
   std::cerr << "heron-stat: " << oneLine(message) << " (see heron-stat --help)" << std::endl;
   return 2;
 }
 
-int statMain(int argc, char** argv) {
-  Stat::Options options;
-  CLI::App app{
-      "heron-stat: every table's health, rates and capacity at a glance, live, as JSON, for Prometheus "
-      "and for alerting. Read-only, like heron.",
-      "heron-stat"};
-  app.footer(kExamples);
-  app.set_version_flag("--version", std::string("heron-stat ") + HERON_STAT_VERSION);
+// --check is looked for before parsing, so that a usage error next to it is
+// already reported the way a monitoring host expects.
+bool asksForCheck(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--") {
+      return false;
+    }
+    if (arg == "--check") {
+      return true;
+    }
+  }
+  return false;
+}
+
+void addOptions(CLI::App& app, Stat::Options& options) {
   app.add_option("EXPR", options.collect.expr,
                  "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix");
+  app.add_option("--exclude", options.collect.exclude,
+                 "Leave out the tables whose name matches GLOB (* may cross /); may be repeated")
+      ->type_name("GLOB")
+      ->check(notEmpty())
+      ->allow_extra_args(false);
   app.add_flag("--all-roots", options.collect.allRoots,
                "Also show tables outside the root that any process maps (needs the /proc walk)");
   app.add_flag("--no-clients", options.noClients,
@@ -87,18 +126,18 @@ int statMain(int argc, char** argv) {
       ->check(numberIn(0, 1e6, false, "a number of seconds, 0 or more"))
       ->type_name("SECONDS")
       ->capture_default_str();
-  app.add_flag("-w,--watch", options.watch,
+  app.add_flag("--watch", options.watch,
                "Refresh every interval until Ctrl-C (repaints on a terminal, appends blocks otherwise)");
   auto* json = app.add_flag("--json", options.json, "One JSON document per sample (NDJSON with --watch)");
   auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
   auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
   auto* listen = app.add_option("--listen", options.listen,
                                 "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; port 0 picks one)");
-  listen->type_name("ADDR:PORT");
+  listen->type_name("ADDR:PORT")->check(notEmpty());
   auto* output = app.add_option("-o,--output", options.output,
                                 "Write the report to FILE atomically (a temporary beside it, then renamed); never "
                                 "inside the collection root");
-  output->type_name("FILE");
+  output->type_name("FILE")->check(notEmpty());
   app.add_option("--stale", options.thresholds.staleSeconds, "Seconds without a heartbeat after which a table is stale")
       ->check(numberIn(0, 1e9, true, "a number of seconds above 0"))
       ->type_name("SECONDS")
@@ -109,14 +148,51 @@ int statMain(int argc, char** argv) {
       ->type_name("PCT")
       ->capture_default_str();
   app.add_option("--crit-alloc", options.thresholds.critAllocPercent,
-                 "CRITICAL when a table's allocator occupancy is at or over PCT percent (default: off)")
+                 "CRITICAL when a table's allocator occupancy is at or over PCT percent, not below --warn-alloc "
+                 "(default: off)")
       ->check(numberIn(0, 100, false, "a percentage from 0 to 100"))
       ->type_name("PCT");
+  app.add_option("--timeout", options.timeout, "With --check: UNKNOWN when the sample takes longer than SECONDS")
+      ->check(numberIn(0, 1e6, true, "a number of seconds above 0"))
+      ->type_name("SECONDS");
   json->excludes(prometheus)->excludes(check)->excludes(listen);
   prometheus->excludes(check)->excludes(listen);
   check->excludes(listen);
   listen->excludes(output);
+}
 
+// What CLI11 cannot say: combinations of values. Empty when they are fine.
+std::string combinationError(const Stat::Options& options) {
+  if (options.watch && (options.check || !options.listen.empty())) {
+    return "--watch cannot be combined with --check or --listen";
+  }
+  if (options.watch && options.interval <= 0) {
+    return "--watch needs an --interval above 0";
+  }
+  if (options.noClients && options.collect.allRoots) {
+    return "--all-roots needs the /proc walk that --no-clients skips";
+  }
+  if (options.timeout > 0 && !options.check) {
+    return "--timeout is for --check";
+  }
+  const Stat::Thresholds& limits = options.thresholds;
+  if (limits.critAllocPercent > 0 && limits.critAllocPercent < limits.warnAllocPercent) {
+    return fmt::format("--crit-alloc {:g} is below --warn-alloc {:g}", limits.critAllocPercent,
+                       limits.warnAllocPercent);
+  }
+  return std::string();
+}
+
+int statMain(int argc, char** argv) {
+  const bool checkMode = asksForCheck(argc, argv);
+  Stat::Options options;
+  CLI::App app{
+      "heron-stat: every table's health, rates and capacity at a glance, live, as JSON, for Prometheus "
+      "and for alerting. Read-only, like heron.",
+      "heron-stat"};
+  app.footer(kExamples);
+  app.set_version_flag("--version", std::string("heron-stat ") + HERON_STAT_VERSION);
+  addOptions(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -126,19 +202,11 @@ int statMain(int argc, char** argv) {
     std::cout << app.version() << std::endl;
     return std::cout ? 0 : 1;
   } catch (const CLI::ParseError& error) {
-    return usageError(error.what());
+    return usageError(error.what(), checkMode);
   }
-  if (!std::isfinite(options.interval) || !std::isfinite(options.thresholds.staleSeconds)) {
-    return usageError("--interval and --stale need finite numbers");
-  }
-  if (options.watch && (options.check || !options.listen.empty())) {
-    return usageError("--watch cannot be combined with --check or --listen");
-  }
-  if (options.watch && options.interval <= 0) {
-    return usageError("--watch needs an --interval above 0");
-  }
-  if (options.noClients && options.collect.allRoots) {
-    return usageError("--all-roots needs the /proc walk that --no-clients skips");
+  const std::string wrong = combinationError(options);
+  if (!wrong.empty()) {
+    return usageError(wrong, checkMode);
   }
   options.collect.walkProcesses = !options.noClients;
   return Stat::run(options);

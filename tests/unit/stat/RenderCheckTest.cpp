@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <regex>
 #include <string>
 
@@ -41,7 +42,7 @@ TEST(StatRenderCheck, AllOkIsStatusZero) {
   EXPECT_EQ(v.status, 0);
   EXPECT_EQ(firstLine(v),
             "HERON OK - 2 tables ok | tables=2 ok=2 stale=0 dead=0 broken=0 alloc_max=22%;90;;0;100 "
-            "sample_duration=0.012500s");
+            "oldest_heartbeat=0.250s;5;;0; sample_duration=0.012500s");
   EXPECT_EQ(v.text, firstLine(v) + "\n");
 }
 
@@ -131,6 +132,69 @@ TEST(StatRenderCheck, FirstLineHasTheMonitoringPluginShape) {
 TEST(StatRenderCheck, NamesWithControlCharactersAreEscaped) {
   const Stat::Verdict v = verdict(StatTest::sampleOf({withState("a\nb", Stat::State::Dead)}));
   EXPECT_NE(v.text.find("CRITICAL: a\\x0ab: writer"), std::string::npos) << v.text;
+}
+
+TEST(StatRenderCheck, PerfdataHasTheOldestHeartbeatOfTablesWithAWriter) {
+  Stat::Table older = StatTest::healthyTable("b");
+  older.writer.heartbeatAgeSeconds = 3.5;
+  Stat::Table archive = StatTest::healthyTable("c");
+  archive.identity.type = 3;
+  archive.writer.alive = Seen::No;
+  archive.writer.heartbeatAgeSeconds = 5000;
+  const Stat::Verdict v = verdict(StatTest::sampleOf({StatTest::healthyTable("a"), older, archive}));
+  EXPECT_NE(firstLine(v).find(" oldest_heartbeat=3.500s;5;;0; "), std::string::npos) << firstLine(v);
+  EXPECT_EQ(v.status, 0) << v.text;
+}
+
+TEST(StatRenderCheck, NoHeartbeatToMeasureIsUndetermined) {
+  const Stat::Verdict v = verdict(StatTest::sampleOf({withState("a", Stat::State::Broken)}));
+  EXPECT_NE(firstLine(v).find(" oldest_heartbeat=U;5;;0; "), std::string::npos) << firstLine(v);
+}
+
+TEST(StatRenderCheck, APipeInATableNameCannotAddPerformanceData) {
+  const Stat::Verdict v = verdict(StatTest::sampleOf({withState("x|y=1;2", Stat::State::Dead)}));
+  const std::string first = firstLine(v);
+  EXPECT_EQ(std::count(first.begin(), first.end(), '|'), 1) << first;
+  EXPECT_NE(first.find("dead: x\\x7cy=1;2 |"), std::string::npos) << first;
+  EXPECT_EQ(v.text.find("y=1;2 tables="), std::string::npos);
+  EXPECT_EQ(std::count(v.text.begin(), v.text.end(), '|'), 1) << v.text;
+}
+
+TEST(StatRenderCheck, ARootThatCannotBeListedIsUnknown) {
+  Stat::Sample sample = StatTest::unusableRoot("collection root /dev/shm/heorn does not exist");
+  const Stat::Verdict v = verdict(sample);
+  EXPECT_EQ(v.status, 3);
+  EXPECT_EQ(v.text, "HERON UNKNOWN - collection root /dev/shm/heorn does not exist\n");
+}
+
+TEST(StatRenderCheck, AnExprThatMatchesNothingIsUnknownAndCountsTheTablesThere) {
+  Stat::Sample sample = StatTest::unmatched("ordres", 5);
+  const Stat::Verdict v = verdict(sample);
+  EXPECT_EQ(v.status, 3);
+  EXPECT_EQ(v.text, "HERON UNKNOWN - no table matches ordres under /dev/shm/heron (5 tables there)\n");
+}
+
+TEST(StatRenderCheck, UnknownClientsAreSaidOnTheSecondLine) {
+  Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("a")});
+  sample.clientsKnown = false;
+  const Stat::Verdict v = verdict(sample);
+  EXPECT_EQ(v.status, 0);
+  const std::string second = v.text.substr(v.text.find('\n') + 1);
+  EXPECT_EQ(second.rfind("clients unknown (not root): dead writers are judged by pid and heartbeat only", 0), 0U)
+      << v.text;
+  EXPECT_NE(second.find("CAP_SYS_PTRACE"), std::string::npos);
+}
+
+TEST(StatRenderCheck, AnInconsistentRegionIsAWarningLine) {
+  Stat::Table table = StatTest::healthyTable("orders");
+  table.allocator.regions[1].consistent = false;
+  table.allocator.regions[1].inconsistency = "used count 4294967295, bitmap 10, units 100";
+  const Stat::Verdict v = verdict(StatTest::sampleOf({table}));
+  EXPECT_EQ(v.status, 1);
+  EXPECT_NE(v.text.find("\nWARNING: orders: region 2 of orders is inconsistent: used count 4294967295, bitmap 10, "
+                        "units 100\n"),
+            std::string::npos)
+      << v.text;
 }
 
 }  // namespace

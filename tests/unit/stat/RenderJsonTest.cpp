@@ -23,7 +23,10 @@ TEST(StatRenderJson, SampleFieldsRoundTrip) {
   EXPECT_DOUBLE_EQ(doc["time"].get<double>(), 1700000200.5);
   EXPECT_DOUBLE_EQ(doc["interval_seconds"].get<double>(), 1.0);
   EXPECT_DOUBLE_EQ(doc["sample_duration_seconds"].get<double>(), 0.0125);
-  EXPECT_EQ(doc["clients_walked"], true);
+  EXPECT_EQ(doc["clients_known"], true);
+  EXPECT_EQ(doc["root_ok"], true);
+  EXPECT_TRUE(doc["root_error"].is_null());
+  EXPECT_FALSE(doc.contains("clients_walked"));
   EXPECT_TRUE(doc["problems"].is_array());
   ASSERT_EQ(doc["tables"].size(), 1U);
 }
@@ -122,6 +125,29 @@ TEST(StatRenderJson, NamesWithQuotesBackslashesNewlinesAndNonAsciiAreEscaped) {
 TEST(StatRenderJson, BytesThatAreNotUtf8BecomeReplacementCharacters) {
   const Json t = parsed(StatTest::sampleOf({StatTest::healthyTable("x\xff y")}))["tables"][0];
   EXPECT_EQ(t["name"], "x\xef\xbf\xbd y");
+}
+
+TEST(StatRenderJson, ClientsKnownIsFalseWhenTheWalkCouldNotSeeEveryProcess) {
+  Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("orders")});
+  sample.clientsKnown = false;
+  EXPECT_EQ(parsed(sample)["clients_known"], false);
+}
+
+TEST(StatRenderJson, ARootThatCannotBeListedSaysWhy) {
+  Stat::Sample sample = StatTest::unusableRoot("collection root /x is not a directory");
+  const Json doc = parsed(sample);
+  EXPECT_EQ(doc["root_ok"], false);
+  EXPECT_EQ(doc["root_error"], "collection root /x is not a directory");
+}
+
+TEST(StatRenderJson, AnInconsistentRegionIsMarked) {
+  Stat::Table table = StatTest::healthyTable("orders");
+  table.allocator.regions[0].consistent = false;
+  table.allocator.regions[0].inconsistency = "used count 7, bitmap 6, units 100";
+  const Json t = parsed(StatTest::sampleOf({table}))["tables"][0];
+  EXPECT_EQ(t["allocator"]["region_list"][0]["consistent"], false);
+  EXPECT_EQ(t["problems"][0]["severity"], "warning");
+  EXPECT_EQ(t["problems"][0]["text"], "region 1 of orders is inconsistent: used count 7, bitmap 6, units 100");
 }
 
 }  // namespace

@@ -102,6 +102,27 @@ TEST(StatRenderText, AnEmptyCollectionSaysSo) {
   EXPECT_EQ(all[1], "(no tables under /dev/shm/heron)");
 }
 
+TEST(StatRenderText, ARootThatCannotBeListedIsOneLine) {
+  Stat::Sample sample = StatTest::unusableRoot("collection root /dev/shm/heorn does not exist");
+  EXPECT_EQ(rendered(sample), "collection root /dev/shm/heorn does not exist\n");
+}
+
+TEST(StatRenderText, AnExprThatMatchesNothingIsOneLine) {
+  Stat::Sample sample = StatTest::unmatched("md/x", 1);
+  EXPECT_EQ(rendered(sample), "no table matches md/x under /dev/shm/heron (1 table there)\n");
+}
+
+TEST(StatRenderText, UnknownClientsAreSaidOnceAfterTheTable) {
+  Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("a")});
+  sample.clientsKnown = false;
+  const std::vector<std::string> all = lines(rendered(sample));
+  ASSERT_EQ(all.size(), 4U);
+  EXPECT_EQ(all[2], "");
+  EXPECT_EQ(all[3].rfind("clients unknown (not root): dead writers are judged by pid and heartbeat only", 0), 0U);
+  sample.clientsKnown = true;
+  EXPECT_EQ(lines(rendered(sample)).size(), 2U);
+}
+
 TEST(StatPrintable, EscapesControlsDelC1AndInvalidUtf8) {
   EXPECT_EQ(Stat::printable("a\tb\x7f"), "a\\x09b\\x7f");
   EXPECT_EQ(Stat::printable("\xc2\x9b"), "\\u009b");

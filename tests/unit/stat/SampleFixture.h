@@ -41,7 +41,7 @@ inline Stat::Table healthyTable(const std::string& name) {
   table.queues.ratePerSecond = 1000;
   table.queues.secondsToSwitch = 0.768;
   table.allocator.known = true;
-  table.allocator.regions = {{1, 64, 100, 72, 1, true}, {2, 256, 100, 10, 20, true}};
+  table.allocator.regions = {{1, 64, 100, 72, 1, true, ""}, {2, 256, 100, 10, 20, true, ""}};
   table.allocator.bytes = 100 * 64 + 100 * 256;
   table.allocator.usedBytes = 72 * 64 + 10 * 256;
   table.allocator.freePages = 21;
@@ -70,7 +70,24 @@ inline Stat::Sample sampleOf(std::initializer_list<Stat::Table> tables) {
   sample.durationSeconds = 0.0125;
   sample.intervalSeconds = 1;
   sample.clientsWalked = true;
+  sample.clientsKnown = true;
   sample.tables = tables;
+  return sample;
+}
+
+// A sample whose root could not be listed: `why` is the whole reason.
+inline Stat::Sample unusableRoot(const std::string& why) {
+  Stat::Sample sample = sampleOf({});
+  sample.rootOk = false;
+  sample.rootError = why;
+  return sample;
+}
+
+// A sample in which `expr` matched none of the `there` tables of the root.
+inline Stat::Sample unmatched(const std::string& expr, std::size_t there) {
+  Stat::Sample sample = sampleOf({});
+  sample.expr = expr;
+  sample.rootTables = there;
   return sample;
 }
 
