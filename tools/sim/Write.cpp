@@ -18,6 +18,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "Beacon/ProcPid.h"
 #include "Mem/RootPath.h"
 #include "SharedMem/Ember.h"
 #include "Sim.h"
@@ -80,8 +81,10 @@ class StopSignals {
 bool writerAlive(const SharedMem::EmberHeader& ember) {
   constexpr std::uint64_t kAliveNs = 2000000000ULL;
   const auto pid = static_cast<pid_t>(ember.writerPid);
-  // EPERM: the pid runs, as another user.
-  if (pid <= 0 || pid == ::getpid() || (::kill(pid, 0) != 0 && errno != EPERM)) {
+  // A writer in another PID namespace: its pid means nothing here, the beat
+  // alone decides. EPERM: the pid runs, as another user.
+  const bool ownNamespace = ember.pidNamespace == 0 || ember.pidNamespace == Beacon::Proc::readPidNamespace("self");
+  if (ownNamespace && (pid <= 0 || pid == ::getpid() || (::kill(pid, 0) != 0 && errno != EPERM))) {
     return false;
   }
   const bool monotonic = ember.heartbeatMonoNs != 0;

@@ -22,6 +22,7 @@
 #include <unordered_set>
 
 #include "Beacon/Platform.h"
+#include "Beacon/ProcPid.h"
 #include "Beacon/Util.h"
 #include "HeronClientScanner.h"
 #include "Mem/RootPath.h"
@@ -182,6 +183,7 @@ void readEmber(Table& table) {
   writer.emberPid = ember.current.pid;
   writer.instance = ember.current.instanceId;
   writer.restarts = ember.restarts;
+  writer.pidNamespace = ember.pidNamespace;
   writer.startedSeconds = seconds(ember.startedNs);
   if (ember.heartbeatMonoNs != 0) {
     const std::uint64_t now = SharedMem::monoNs();
@@ -255,15 +257,6 @@ bool pidExists(std::uint32_t pid) {
   return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
-// A zombie (killed, not yet reaped) is not a live writer.
-bool isZombie(std::uint32_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  std::getline(stat, text);
-  const std::size_t close = text.rfind(')');
-  return close != std::string::npos && close + 2 < text.size() && (text[close + 2] == 'Z' || text[close + 2] == 'X');
-}
-
 // Every process's maps can be read only as root or with CAP_SYS_PTRACE.
 bool seesEveryProcess() {
   if (::geteuid() == 0) {
@@ -278,6 +271,19 @@ bool seesEveryProcess() {
     }
   }
   return false;
+}
+
+// "writer 4711", or for a writer in another PID namespace "writer 1 (pid
+// namespace 4026532001, pid 4711 here)": the ember's pid is the writer's own.
+std::string writerName(const Writer& writer) {
+  if (writer.liveness == Liveness::Process && (writer.hostPid == writer.pid || writer.pidNamespace == 0)) {
+    return "writer " + std::to_string(writer.pid);
+  }
+  std::string text = fmt::format("writer {} (pid namespace {}", writer.pid, writer.pidNamespace);
+  if (writer.hostPid != 0) {
+    text += fmt::format(", pid {} here", writer.hostPid);
+  }
+  return text + ")";
 }
 
 bool listedType(std::uint32_t type) { return type == SharedMem::Table || type == SharedMem::Archive; }
@@ -324,7 +330,73 @@ std::size_t countTables(const Mem::OrbRootPath& root) {
   return count;
 }
 
+// A writer in our own PID namespace (or one that predates the field): its
+// ember pid is our pid too. A zombie (killed, not yet reaped) is no live
+// writer; its status is read only where /proc may be read.
+void judgeByPid(Writer& writer, bool readProc) {
+  writer.hostPid = writer.pid;
+  writer.alive = pidExists(writer.pid) ? Seen::Yes : Seen::No;
+  Beacon::Proc::PidStatus status;
+  if (writer.alive == Seen::Yes && readProc && Beacon::Proc::readPidStatus(static_cast<int>(writer.pid), status) &&
+      status.exited()) {
+    writer.alive = Seen::No;
+  }
+}
+
 }  // namespace
+
+void judgeWriter(Writer& writer, Beacon::Proc::PidNamespaceIndex& namespaces, const std::vector<int>* readWrite,
+                 bool readProc) {
+  writer.liveness = Liveness::Process;
+  writer.hostPid = 0;
+  writer.alive = Seen::Unknown;
+  writer.mapsTable = Seen::Unknown;
+  const std::uint64_t ns = writer.pidNamespace;
+  if (ns == 0 || ns == namespaces.own()) {
+    judgeByPid(writer, readProc);
+  } else if (const int found = namespaces.find(ns, writer.pid)) {
+    writer.hostPid = static_cast<std::uint32_t>(found);
+    writer.alive = Seen::Yes;
+  } else if (namespaces.complete() &&
+             (!namespaces.processesIn(ns).empty() || namespaces.own() == Beacon::Proc::kInitialPidNamespace)) {
+    // Its namespace is in sight without it, or gone: from the initial
+    // namespace every process of the machine is in sight.
+    writer.alive = Seen::No;
+  } else {
+    // Out of sight (we run in another container, or may not read every
+    // process's namespace): the heartbeat is the only evidence.
+    writer.liveness = Liveness::Heartbeat;
+    return;
+  }
+  if (writer.alive == Seen::Yes && readWrite != nullptr) {
+    const bool maps =
+        std::find(readWrite->begin(), readWrite->end(), static_cast<int>(writer.hostPid)) != readWrite->end();
+    writer.mapsTable = maps ? Seen::Yes : Seen::No;
+  }
+}
+
+// Every table's writer, with the pids the walk saw mapping the table
+// read-write where it saw every process.
+void judgeWriters(std::vector<Table>& tables, const Heron::HeronClientScanner::TableToInfoMap& mapped,
+                  Beacon::Proc::PidNamespaceIndex& namespaces, bool readProc) {
+  for (Table& table : tables) {
+    if (!table.writer.known) {
+      continue;
+    }
+    std::vector<int> readWrite;
+    if (table.clients.known) {
+      auto found = mapped.find(table.identity.path);
+      if (found != mapped.end()) {
+        for (const Heron::MmapInfo& info : found->second) {
+          if (info.permissions.compare(0, 2, "rw") == 0) {
+            readWrite.push_back(info.pid);
+          }
+        }
+      }
+    }
+    judgeWriter(table.writer, namespaces, table.clients.known ? &readWrite : nullptr, readProc);
+  }
+}
 
 Sample collect(const CollectOptions& options) {
   Sample sample;
@@ -371,13 +443,17 @@ Sample collect(const CollectOptions& options) {
 
   // The walk comes after the embers were read: a writer named there that
   // started before the walk is seen mapping its table.
+  // Namespaces are looked up only for embers that name another one: one
+  // walk of /proc for the sample, made on first need.
+  Beacon::Proc::PidNamespaceIndex namespaces(handler());
   Heron::HeronClientScanner::TableToInfoMap mapped;
   if (options.walkProcesses) {
     std::ostream discard(nullptr);
     const Heron::HeronClientScanner scanner(&discard, rootPath, "");
     mapped = scanner.extractMmapInfoByTable();
     sample.clientsWalked = true;
-    sample.clientsKnown = seesEveryProcess();
+    // Inside a container the walk sees its own processes only.
+    sample.clientsKnown = seesEveryProcess() && namespaces.own() == Beacon::Proc::kInitialPidNamespace;
     if (options.allRoots) {
       std::vector<std::string> outside;
       const std::string prefix = sample.root + "/";
@@ -418,26 +494,7 @@ Sample collect(const CollectOptions& options) {
     }
   }
 
-  for (Table& table : tables) {
-    Writer& writer = table.writer;
-    if (writer.known) {
-      writer.alive = pidExists(writer.pid) ? Seen::Yes : Seen::No;
-      if (writer.alive == Seen::Yes && options.walkProcesses && isZombie(writer.pid)) {
-        writer.alive = Seen::No;
-      }
-      if (writer.alive == Seen::Yes && table.clients.known) {
-        writer.mapsTable = Seen::No;
-        auto found = mapped.find(table.identity.path);
-        if (found != mapped.end()) {
-          for (const Heron::MmapInfo& info : found->second) {
-            if (static_cast<std::uint32_t>(info.pid) == writer.pid && info.permissions.compare(0, 2, "rw") == 0) {
-              writer.mapsTable = Seen::Yes;
-            }
-          }
-        }
-      }
-    }
-  }
+  judgeWriters(tables, mapped, namespaces, options.walkProcesses);
   std::sort(tables.begin(), tables.end(),
             [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
   if (tables.empty() && !options.expr.empty()) {
@@ -508,15 +565,18 @@ void assess(Sample& sample, const Thresholds& thresholds) {
         raise(State::Dead);
       }
     } else if (writer.alive == Seen::No) {
-      table.problems.push_back({Severity::Critical, "writer " + std::to_string(writer.pid) + " is not running"});
+      table.problems.push_back({Severity::Critical, writerName(writer) + " is not running"});
       raise(State::Dead);
     } else if (writer.mapsTable == Seen::No) {
-      table.problems.push_back(
-          {Severity::Critical, "writer " + std::to_string(writer.pid) + " no longer maps the table"});
+      table.problems.push_back({Severity::Critical, writerName(writer) + " no longer maps the table"});
       raise(State::Dead);
     } else if (writer.heartbeatAgeSeconds && *writer.heartbeatAgeSeconds > thresholds.staleSeconds) {
-      table.problems.push_back({Severity::Warning, fmt::format("heartbeat {:.1f} s old (stale after {:g} s)",
-                                                               *writer.heartbeatAgeSeconds, thresholds.staleSeconds)});
+      std::string text = fmt::format("heartbeat {:.1f} s old (stale after {:g} s)", *writer.heartbeatAgeSeconds,
+                                     thresholds.staleSeconds);
+      if (writer.liveness == Liveness::Heartbeat) {
+        text += "; " + writerName(writer) + " cannot be seen from here";
+      }
+      table.problems.push_back({Severity::Warning, text});
       raise(State::Stale);
     }
     if (table.allocator.known) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/ProcPid.h"
 #include "Model.h"
 
 namespace Stat {
@@ -17,8 +18,10 @@ namespace Stat {
 struct CollectOptions {
   std::string expr;                  // as heron: empty = every table, a glob, or a prefix
   bool allRoots = false;             // also tables outside the root that a process maps
-  bool walkProcesses = true;         // false: no /proc reading at all (clients unknown)
   std::vector<std::string> exclude;  // globs (* may cross /) of tables left out
+  // false: no walk of the processes' maps (clients unknown); /proc is still
+  // read to find a writer that runs in another PID namespace.
+  bool walkProcesses = true;
 };
 
 // Thresholds that turn facts into states and problems.
@@ -31,6 +34,17 @@ struct Thresholds {
 // Takes one sample (no rates). Facts only: states and problems come from
 // assess(). File errors become Table::problems via assess as well.
 Sample collect(const CollectOptions& options);
+
+// Finds the process of a writer whose ember has been read into `writer` and
+// sets liveness, hostPid, alive and mapsTable. In our own PID namespace (or
+// with no namespace in the ember) the ember pid is judged as it stands;
+// otherwise the writer is the process of the ember's namespace whose
+// innermost pid is the ember's. Where that namespace cannot be seen, the
+// liveness is left to the heartbeat (alive unknown). `readWrite`: the pids
+// that map the table read-write, when the walk saw every process; else
+// null. `readProc`: whether a live pid's status may be read (zombies).
+void judgeWriter(Writer& writer, Beacon::Proc::PidNamespaceIndex& namespaces, const std::vector<int>* readWrite,
+                 bool readProc);
 
 // Rates and time to switch of `after` from `before` (same table paths, same
 // writer identity, counters not going back).

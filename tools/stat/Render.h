@@ -1,6 +1,8 @@
 // The renderers: one per output format, each over the same Sample.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "Collect.h"
@@ -34,6 +36,11 @@ struct Verdict {
   std::string text;
 };
 Verdict renderCheck(const Sample& sample, const Thresholds& thresholds);
+
+// The writer's pid as a signal from here needs it (the ember's own pid when
+// the writer runs in our PID namespace); none when its process was not found
+// in the namespace the ember names.
+std::optional<std::uint32_t> hostPid(const Writer& writer);
 
 // Text from files made safe for a terminal: control characters (C0, DEL,
 // C1) and bytes that are not UTF-8 are shown as \xNN, a backslash as \\.

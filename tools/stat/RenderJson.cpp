@@ -58,7 +58,11 @@ Json writer(const Writer& writer) {
     return nullptr;
   }
   Json out = Json::object();
-  out["pid"] = writer.pid;
+  const std::optional<std::uint32_t> pid = hostPid(writer);
+  out["pid"] = pid ? Json(*pid) : Json(nullptr);
+  out["namespace_pid"] = writer.pid;
+  out["pid_namespace"] = writer.pidNamespace != 0 ? Json(writer.pidNamespace) : Json(nullptr);
+  out["liveness"] = livenessName(writer.liveness);
   Json& ember = out["ember"] = Json::object();
   ember["pid"] = writer.emberPid;
   ember["instance"] = writer.instance;

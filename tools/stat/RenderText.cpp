@@ -4,7 +4,9 @@
 //   md/eu/quotes  ok     4711  0.1s         0        2    123456    1000  1   37%     12s    14%  #3 64B 72%
 //
 // "-" marks a figure that was not read or needs two samples; "?" a count
-// the /proc walk could not see (not root).
+// the /proc walk could not see (not root). PID is the host pid; "1*" is a
+// writer's pid in a PID namespace out of sight, judged by its heartbeat
+// (a line under the table says so).
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -62,6 +64,21 @@ std::string duration(double seconds) {
 
 namespace {
 
+// The PID cell: the host pid; a pid only the writer's own namespace knows
+// is marked, and explained under the table.
+constexpr const char* kOwnPidMark = "*";
+
+std::string pidCell(const Writer& writer) {
+  if (!writer.known) {
+    return kNone;
+  }
+  if (writer.liveness == Liveness::Heartbeat) {
+    return std::to_string(writer.pid) + kOwnPidMark;
+  }
+  const std::optional<std::uint32_t> pid = hostPid(writer);
+  return pid ? std::to_string(*pid) : kNone;
+}
+
 std::string percent(double ratio) { return fmt::format("{:.0f}%", std::floor(ratio * 100)); }
 
 std::vector<std::string> row(const Table& table) {
@@ -71,7 +88,7 @@ std::vector<std::string> row(const Table& table) {
   std::vector<std::string> cells;
   cells.push_back(printable(table.identity.name));
   cells.push_back(stateName(table.state));
-  cells.push_back(writer.known ? std::to_string(writer.pid) : kNone);
+  cells.push_back(pidCell(writer));
   cells.push_back(writer.known ? age(writer.heartbeatAgeSeconds) : kNone);
   cells.push_back(writer.known ? std::to_string(writer.restarts) : kNone);
   cells.push_back(table.clients.known ? std::to_string(table.clients.shadows.size()) : "?");
@@ -88,6 +105,16 @@ std::vector<std::string> row(const Table& table) {
 }
 
 }  // namespace
+
+std::optional<std::uint32_t> hostPid(const Writer& writer) {
+  if (writer.hostPid != 0) {
+    return writer.hostPid;
+  }
+  if (writer.pidNamespace == 0 && writer.liveness == Liveness::Process) {
+    return writer.pid;
+  }
+  return std::nullopt;
+}
 
 std::string renderText(const Sample& sample) {
   const std::string trouble = sampleTrouble(sample);
@@ -128,6 +155,12 @@ std::string renderText(const Sample& sample) {
   }
   if (sample.tables.empty()) {
     out += "(no tables under " + printable(sample.root) + ")\n";
+  }
+  if (std::any_of(sample.tables.begin(), sample.tables.end(), [](const Table& table) {
+        return table.writer.known && table.writer.liveness == Liveness::Heartbeat;
+      })) {
+    out += std::string(kOwnPidMark) +
+           " pid in the writer's own PID namespace, which cannot be seen from here: alive judged by heartbeat only\n";
   }
   bool first = true;
   const std::string note = clientsNote(sample);

@@ -31,7 +31,11 @@ struct alignas(8) EmberHeader {
   // the wall clock never makes a live writer look stale; 0 from a writer that
   // predates the field.
   std::uint64_t heartbeatMonoNs;
-  std::uint64_t reserved[2];
+  // The inode of the writer's /proc/self/ns/pid: the pids above are the
+  // writer's own, which are not the host's when it runs in a container. 0
+  // from a writer that predates the field.
+  std::uint64_t pidNamespace;
+  std::uint64_t reserved;
 };
 
 static_assert(sizeof(EmberHeader) == 64, "ember is 64 bytes");
@@ -42,6 +46,7 @@ static_assert(offsetof(EmberHeader, restarts) == 20, "ember layout");
 static_assert(offsetof(EmberHeader, startedNs) == 24, "ember layout");
 static_assert(offsetof(EmberHeader, heartbeatNs) == 32, "ember layout");
 static_assert(offsetof(EmberHeader, heartbeatMonoNs) == 40, "ember layout");
+static_assert(offsetof(EmberHeader, pidNamespace) == 48, "ember layout");
 
 // Reader: copies the header out of the file (pread, read-only).
 LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out);

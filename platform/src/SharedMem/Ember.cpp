@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "Beacon/ProcPid.h"
 #include "Beacon/SharedWord.h"
 #include "Beacon/Util.h"
 
@@ -65,6 +66,7 @@ bool EmberWriter::open(std::string& error) {
   header_->startedNs = nowNs();
   header_->heartbeatNs = header_->startedNs;
   header_->heartbeatMonoNs = monoNs();
+  header_->pidNamespace = Beacon::Proc::readPidNamespace("self");
   // The magic last: a reader that sees it sees the rest.
   Beacon::Shared::store64(header_, offsetof(EmberHeader, magic), EmberHeader::kMagic);
   return true;

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <iomanip>
 #include <sstream>
 #include <string>
@@ -52,6 +54,21 @@ TEST(Ember, WriterCreatesAndReaderReads) {
   EXPECT_GE(header.startedNs, before);
   EXPECT_EQ(header.heartbeatNs, header.startedNs);
   EXPECT_EQ(writer.id().pid, header.current.pid);
+}
+
+TEST(Ember, WriterRecordsItsPidNamespaceAtOffset48) {
+  HeronTest::TempRoot root;
+  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  std::string error;
+  ASSERT_TRUE(writer.open(error)) << error;
+  struct stat own {};
+  ASSERT_EQ(::stat("/proc/self/ns/pid", &own), 0);
+  const std::string file = HeronTest::readFile(root.file("ember"));
+  ASSERT_EQ(file.size(), 64U);
+  std::uint64_t recorded = 0;
+  std::memcpy(&recorded, file.data() + 48, sizeof recorded);
+  EXPECT_EQ(recorded, static_cast<std::uint64_t>(own.st_ino));
+  EXPECT_NE(recorded, 0U);
 }
 
 TEST(Ember, RestartBumpsInstanceAndRestarts) {
@@ -168,8 +185,8 @@ TEST(Ember, WriterReplacesAnUnreadableFileWithAFreshIdentity) {
   EXPECT_EQ(header.current.instanceId, 0);
   EXPECT_EQ(header.restarts, 0U);
   EXPECT_NE(header.heartbeatMonoNs, 0x7f7f7f7f7f7f7f7fULL);
-  EXPECT_EQ(header.reserved[0], 0U);
-  EXPECT_EQ(header.reserved[1], 0U);
+  EXPECT_NE(header.pidNamespace, 0x7f7f7f7f7f7f7f7fULL);
+  EXPECT_EQ(header.reserved, 0U);
 }
 
 TEST(Ember, WriterRefusesAFileShorterThanTheHeader) {
