@@ -206,7 +206,7 @@ TEST_F(QuarryCli, TruncatedAllocatorFailsToInitialize) {
 
 TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome r = heron("-s t");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
@@ -216,7 +216,7 @@ TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
 
 TEST_F(QuarryCli, DetailAddsTheRegionRows) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome r = heron("-d t");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, std::string(kTotals) + kRows)) << r.out;
@@ -225,7 +225,7 @@ TEST_F(QuarryCli, DetailAddsTheRegionRows) {
 TEST_F(QuarryCli, SortByOccupancyWithStats) {
   Outcome created = run(binary("heron-sim") + " create t --regions 64x100,64x100,16x10");
   ASSERT_EQ(created.status, 0) << created.err;
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   {
     Beacon::Platform::DebugHandler handler("QuarryCli", 0);
     Quarry::QuarryWriter writer(handler, Mem::RootPath(table("t")));
@@ -253,7 +253,7 @@ TEST_F(QuarryCli, SortByOccupancyWithStats) {
 
 TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome r = heron("-s -q t");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
@@ -262,7 +262,7 @@ TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
 
 TEST_F(QuarryCli, RegionsDumpEveryRegion) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome r = heron("-R t");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOne) + kRegionTwo);
@@ -270,7 +270,7 @@ TEST_F(QuarryCli, RegionsDumpEveryRegion) {
 
 TEST_F(QuarryCli, RegionsWithEmptyEntries) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome r = heron("-R -e t");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOneWithEmpty) + kRegionTwoWithEmpty);
@@ -278,7 +278,7 @@ TEST_F(QuarryCli, RegionsWithEmptyEntries) {
 
 TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome two = heron("-r 2 t");
   EXPECT_EQ(two.status, 0) << two.err;
   EXPECT_EQ(two.out, kRegionTwo);
@@ -290,7 +290,7 @@ TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
 
 TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   Outcome r = heron("-a t");
   EXPECT_EQ(r.status, 0) << r.err;
   const std::string regions = std::string(kRegionOne) + kRegionTwo;
@@ -299,7 +299,7 @@ TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
 
 TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   // Outside the collection root: heron refuses to write into it.
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/stats.txt";
@@ -317,7 +317,7 @@ TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
 
 TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/dump.txt";
   Outcome toFile = heron("-f " + file + " -a t");
@@ -331,7 +331,7 @@ TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
 
 TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_EQ(::truncate((table("t") + "/region.1").c_str(), 100), 0);
   Outcome r = heron("-R t");
   EXPECT_EQ(r.status, 0) << r.err;
@@ -340,7 +340,7 @@ TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
 
 TEST_F(QuarryCli, FifoInPlaceOfARegionIsReportedNotWaitedOn) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_EQ(::mkfifo((table("t") + "/region.9").c_str(), 0644), 0);
   Outcome stats = run("timeout 20 " + binary("heron") + " -s t");
   EXPECT_EQ(stats.status, 0) << stats.err;
@@ -415,7 +415,7 @@ std::string livePayload(std::uint32_t sequence) {
 
 TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   ASSERT_EQ(run(binary("heron-sim") + " create t --regions 16x64,64x64").status, 0);
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -462,7 +462,7 @@ constexpr off_t kUsedUnitsAt = 16;
 
 TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 0xFFFFFFFFU));
   Outcome detail = heron("-d t");
   EXPECT_EQ(detail.status, 0) << detail.err;
@@ -480,7 +480,7 @@ TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
 
 TEST_F(QuarryCli, BitmapThatDisagreesWithTheUsedCountIsMarked) {
   makeSmallTable();
-  if (!hasRelay("t")) GTEST_SKIP() << "heron-sim create made no relay.1";
+  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 1));
   Outcome detail = heron("-d t");
   EXPECT_EQ(detail.status, 0) << detail.err;

@@ -123,9 +123,7 @@ constexpr const char* kNoAllocator = "heron-sim create made no quarry file: hero
 // --- the relay headers block ----------------------------------------------
 
 TEST_F(RelayCli, StatisticsShowTheHeadersOfAFreshTable) {
-  if (!create("fresh", 3)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("fresh", 3)) << kNoAllocator;
   Result result = heron("-s fresh");
   ASSERT_TRUE(result.exited);
   EXPECT_EQ(result.status, 0) << result.err;
@@ -143,9 +141,7 @@ TEST_F(RelayCli, StatisticsShowTheHeadersOfAFreshTable) {
 }
 
 TEST_F(RelayCli, StatisticsShowVersion0x1fAndTheSecondaryAfterWrites) {
-  if (!create("switched", 1)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("switched", 1)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("switched"));
     std::string error;
@@ -171,9 +167,7 @@ TEST_F(RelayCli, StatisticsShowVersion0x1fAndTheSecondaryAfterWrites) {
 }
 
 TEST_F(RelayCli, StatisticsCallCurrentTableTwoSecondaryAndPrint0x1aZeroFilled) {
-  if (!create("odd", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("odd", 2)) << kNoAllocator;
   ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 40, 0x1a));
   ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 44, 2));
   Result result = heron("-d odd");
@@ -185,9 +179,7 @@ TEST_F(RelayCli, StatisticsCallCurrentTableTwoSecondaryAndPrint0x1aZeroFilled) {
 }
 
 TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
-  if (!create("grown", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("grown", 2)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("grown"));
     std::string error;
@@ -205,9 +197,7 @@ TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
 }
 
 TEST_F(RelayCli, StatisticsWithQueuesPrintNoQueue) {
-  if (!create("both", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("both", 2)) << kNoAllocator;
   Result result = heron("-s -q both");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("Relay headers:"), std::string::npos);
@@ -218,9 +208,7 @@ TEST_F(RelayCli, StatisticsWithQueuesPrintNoQueue) {
 // --- the queue dump -------------------------------------------------------
 
 TEST_F(RelayCli, QueueDumpShowsTheLiveSlotsOfTheActiveTable) {
-  if (!create("live", 4)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("live", 4)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("live"));
     std::string error;
@@ -249,9 +237,7 @@ TEST_F(RelayCli, QueueDumpShowsTheLiveSlotsOfTheActiveTable) {
 }
 
 TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
-  if (!create("whole", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("whole", 2)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("whole"));
     std::string error;
@@ -289,9 +275,7 @@ TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
 }
 
 TEST_F(RelayCli, QueueDumpOfCapacityZeroShowsHeadersOnly) {
-  if (!create("empty", 0)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("empty", 0)) << kNoAllocator;
   Result result = heron("-q -e empty");
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
@@ -315,9 +299,7 @@ TEST_F(RelayCli, QueueDumpOfCapacityZeroShowsHeadersOnly) {
 }
 
 TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
-  if (!create("eight", 8)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("eight", 8)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("eight"));
     std::string error;
@@ -334,9 +316,7 @@ TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
 }
 
 TEST_F(RelayCli, DumpAllEndsWithTheActiveQueue) {
-  if (!create("all", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("all", 2)) << kNoAllocator;
   Result result = heron("-a all");
   EXPECT_EQ(result.status, 0) << result.err;
   std::size_t queue = result.out.find("Primary relay queue (active)\n");
@@ -346,9 +326,7 @@ TEST_F(RelayCli, DumpAllEndsWithTheActiveQueue) {
 }
 
 TEST_F(RelayCli, QueueDumpToAFile) {
-  if (!create("tofile", 1)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("tofile", 1)) << kNoAllocator;
   // Outside the collection root: heron refuses to write into it.
   RelayTest::TempDir outputs;
   std::string file = outputs.path() + "/dump.txt";
@@ -368,9 +346,7 @@ TEST_F(RelayCli, QueueDumpToAFile) {
 class RelayCliBrokenQueue : public RelayCli, public testing::WithParamInterface<RelayTest::BrokenQueue> {};
 
 TEST_P(RelayCliBrokenQueue, IsReportedWithStatusOne) {
-  if (!create("broken", 2)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("broken", 2)) << kNoAllocator;
   ASSERT_TRUE(GetParam().apply(dir("broken")));
   for (const char* options : {"-s", "-q", "-q -e"}) {
     Result result = heron(std::string(options) + " broken");
@@ -387,9 +363,7 @@ INSTANTIATE_TEST_SUITE_P(RelayBrokenQueues, RelayCliBrokenQueue, testing::Values
                          RelayTest::BrokenQueueName());
 
 TEST_F(RelayCli, RandomBytesNeverEndInASignal) {
-  if (!create("noise", 4)) {
-    GTEST_SKIP() << kNoAllocator;
-  }
+  ASSERT_TRUE(create("noise", 4)) << kNoAllocator;
   std::mt19937 rng(7);
   for (int round = 0; round < 40; ++round) {
     std::vector<char> bytes(std::uniform_int_distribution<std::size_t>(0, 400)(rng));

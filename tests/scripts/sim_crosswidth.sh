@@ -5,13 +5,13 @@
 #
 # Needs the 32-bit build: `make m32` (build-m32/ at the top of the source
 # tree; HERON_M32_BIN names another bin directory). Without it the test says
-# so and passes as skipped. Where the kernel cannot run 32-bit programs
+# so and reports itself skipped (status 77). Where the kernel cannot run 32-bit programs
 # itself, they run under qemu-i386 (Debian qemu-user).
 source "$(dirname "$0")/sim_lib/common.sh"
 M32=${HERON_M32_BIN:-${HERON_SOURCE:-$(cd "$(dirname "$0")/../.." && pwd)}/build-m32/bin}
 if [[ ! -x $M32/heron || ! -x $M32/heron-sim ]]; then
   echo "SKIP: no 32-bit build at $M32 (run 'make m32' first)"
-  exit 0
+  exit 77
 fi
 RUN32=()
 if ! "$M32/heron" -h >/dev/null 2>&1; then

@@ -8,8 +8,8 @@
 # stopped, never dead, and it says the heartbeat was the evidence.
 source "$(dirname "$0")/sim_lib/common.sh"
 STAT=$BIN/heron-stat
-[[ $(id -u) -eq 0 ]] || { echo "SKIP: unshare --pid needs root"; exit 0; }
-unshare --pid --fork --mount-proc true 2>/dev/null || { echo "SKIP: unshare --pid is not allowed here"; exit 0; }
+[[ $(id -u) -eq 0 ]] || { echo "SKIP: unshare --pid needs root"; exit 77; }
+unshare --pid --fork --mount-proc true 2>/dev/null || { echo "SKIP: unshare --pid is not allowed here"; exit 77; }
 command -v jq >/dev/null || fail "jq is not installed (scripts/install-deps.sh installs it)"
 
 # in_namespace LOG COMMAND...: runs COMMAND as pid 1 of a new PID namespace

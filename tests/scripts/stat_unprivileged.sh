@@ -4,7 +4,7 @@
 # unknown, never as none, and the writer is still judged alive by its pid;
 # a table directory it cannot list is broken, not empty.
 source "$(dirname "$0")/sim_lib/common.sh"
-[[ $(id -u) -eq 0 ]] || { echo "SKIP: needs root to switch to an unprivileged user"; exit 0; }
+[[ $(id -u) -eq 0 ]] || { echo "SKIP: needs root to switch to an unprivileged user"; exit 77; }
 command -v setpriv >/dev/null || fail "setpriv is not installed (util-linux)"
 command -v jq >/dev/null || fail "jq is not installed"
 

@@ -173,9 +173,7 @@ TEST_F(ClientReportsTest, WhoOfATableWithoutClientsPrintsNone) {
 
 TEST_F(ClientReportsTest, MissingAllocatorLeavesRegionFiguresNaAndKeepsTheQueueFigures) {
   createTable("alpha", {"--capacity", "300"});
-  if (!simMadeFiles) {
-    GTEST_SKIP() << "heron-sim create made no quarry/relay.1 files in this build";
-  }
+  ASSERT_TRUE(simMadeFiles) << "heron-sim create made no quarry/relay.1 files";
   ASSERT_EQ(::unlink((root + "/alpha/quarry").c_str()), 0);
   auto result = heron({"-w", "alpha"});
   ASSERT_EQ(result.status, 0) << result.err;
@@ -189,9 +187,7 @@ TEST_F(ClientReportsTest, MissingAllocatorLeavesRegionFiguresNaAndKeepsTheQueueF
 
 TEST_F(ClientReportsTest, BothReadersFailingWriteBothLinesQuarryFirst) {
   createTable("alpha");
-  if (!simMadeFiles) {
-    GTEST_SKIP() << "heron-sim create made no quarry/relay.1 files in this build";
-  }
+  ASSERT_TRUE(simMadeFiles) << "heron-sim create made no quarry/relay.1 files";
   ASSERT_EQ(::unlink((root + "/alpha/quarry").c_str()), 0);
   ASSERT_EQ(::unlink((root + "/alpha/relay.2").c_str()), 0);
   auto result = heron({"-w", "alpha"});
@@ -296,9 +292,7 @@ TEST_F(ClientReportsTest, FilesMappedDirectlyInTheRootGiveOneLineAndStatusOne) {
 
 TEST_F(ClientReportsTest, ClientlessTableWithFullHeaderIsListed) {
   createTable("idle");
-  if (!simMadeFiles) {
-    GTEST_SKIP() << "heron-sim create made no quarry/relay.1 files in this build";
-  }
+  ASSERT_TRUE(simMadeFiles) << "heron-sim create made no quarry/relay.1 files";
   auto result = heron({"-A"});
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(blocks(result.out)["idle"],
@@ -308,9 +302,7 @@ TEST_F(ClientReportsTest, ClientlessTableWithFullHeaderIsListed) {
 
 TEST_F(ClientReportsTest, LiveTableHeaderShowsRealFigures) {
   createTable("alpha");
-  if (!simMadeFiles) {
-    GTEST_SKIP() << "heron-sim create made no quarry/relay.1 files in this build";
-  }
+  ASSERT_TRUE(simMadeFiles) << "heron-sim create made no quarry/relay.1 files";
   Shadow shadow({"alpha"}, false);
   ASSERT_TRUE(shadow.attached());
   auto result = heron({"-w", "alpha"});
