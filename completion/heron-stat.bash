@@ -44,7 +44,7 @@ _heron_stat() {
       ;;
   esac
   if [[ $cur == -* ]]; then
-    COMPREPLY=($(compgen -W "--all-roots --no-clients -i --interval -w --watch --json --prometheus -o --output
+    COMPREPLY=($(compgen -W "--all-roots --no-clients --per-region -i --interval -w --watch --json --prometheus -o --output
       --listen --check --stale --warn-alloc --crit-alloc --version -h --help" -- "$cur"))
     return
   fi

@@ -39,7 +39,7 @@ usage_error --prometheus -o "$HERON_ROOT/sub/x.prom"
 
 "$STAT" --help >"$WORK/help" || fail "--help failed"
 for word in EXPR --all-roots --interval --watch --json --prometheus --output --listen --check --stale --warn-alloc \
-  --crit-alloc --no-clients --version Examples; do
+  --crit-alloc --no-clients --per-region --version Examples; do
   grep -q -- "$word" "$WORK/help" || fail "--help does not mention $word"
 done
 [[ $("$STAT" --version) =~ ^heron-stat\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || fail "--version: $("$STAT" --version)"

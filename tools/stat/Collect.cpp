@@ -270,6 +270,25 @@ bool seesEveryProcess() {
 
 bool listedType(std::uint32_t type) { return type == SharedMem::Table || type == SharedMem::Archive; }
 
+// Reads one table's files; false when the directory is not a table. An
+// exception from a reader (out of memory, a remap that failed) makes this
+// table broken with its reason instead of failing the whole sample.
+bool readTable(Table& table, const Mem::TableFinder::Listing* listing) {
+  try {
+    readOwner(table);
+    if (table.identity.ownerKnown && !listedType(table.identity.type)) {
+      return false;  // a plain segment or another kind of directory: not a table
+    }
+    readEmber(table);
+    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
+    readQueues(table);
+    readAllocator(table, listing);
+  } catch (const std::exception& error) {
+    table.fileErrors.push_back(table.identity.path + ": " + error.what());
+  }
+  return true;
+}
+
 }  // namespace
 
 Sample collect(const CollectOptions& options) {
@@ -297,15 +316,9 @@ Sample collect(const CollectOptions& options) {
     Table table;
     table.identity.name = name;
     table.identity.path = path;
-    readOwner(table);
-    if (table.identity.ownerKnown && !listedType(table.identity.type)) {
-      return;  // a plain segment or another kind of directory: not a table
+    if (readTable(table, listing)) {
+      tables.push_back(std::move(table));
     }
-    readEmber(table);
-    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
-    readQueues(table);
-    readAllocator(table, listing);
-    tables.push_back(std::move(table));
   };
   Mem::TableFinder finder(handler(), rootPath);
   finder.visitOwned(options.expr.c_str(), [&](const std::string& name, const Mem::TableFinder::Listing* listing) {
@@ -386,6 +399,7 @@ Sample collect(const CollectOptions& options) {
     sample.problems.push_back({Severity::Warning, "no table matches '" + options.expr + "'"});
   }
   sample.tables = std::move(tables);
+  sample.perRegionSeries = options.perRegionSeries;
   sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
   return sample;
 }

@@ -17,6 +17,8 @@ struct CollectOptions {
   std::string expr;           // as heron: empty = every table, a glob, or a prefix
   bool allRoots = false;      // also tables outside the root that a process maps
   bool walkProcesses = true;  // false: no /proc reading at all (clients unknown)
+  // Copied into the Sample, for the Prometheus renderer.
+  bool perRegionSeries = false;
 };
 
 // Thresholds that turn facts into states and problems.

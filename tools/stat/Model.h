@@ -155,6 +155,9 @@ struct Sample {
   std::string rootError;
   std::vector<Table> tables;      // in name order
   std::vector<Problem> problems;  // about the collection, not one table
+  // Prometheus series for each region id instead of each entry size (ids
+  // climb as a writer replaces regions: only on request).
+  bool perRegionSeries = false;
 };
 
 }  // namespace Stat
