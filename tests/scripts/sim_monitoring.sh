@@ -29,6 +29,14 @@ for rule in 'heron_writer_up == 0' 'heron_writer_heartbeat_age_seconds > 5' 'her
   grep -qF "expr: $rule" "$PROM/heron-alerts.yml" || fail "no alert on '$rule'"
 done
 
+# Every metric heron-stat exports is in its man page.
+if [[ -x $BIN/heron-stat ]]; then
+  "$SIM" create documented >/dev/null
+  for family in $("$BIN/heron-stat" --prometheus --per-region | sed -n 's/^# TYPE \([a-z_]*\) .*/\1/p'); do
+    grep -q "^$family\({\| \|$\)" "$SOURCE/docs/heron-stat.1" || fail "$family is not in docs/heron-stat.1"
+  done
+fi
+
 # The unit: listens on 127.0.0.1:9464, read-only, nothing writable.
 grep -qx 'ExecStart=@HERON_STAT_PROGRAM@ --listen 127.0.0.1:9464' "$UNIT" || fail "ExecStart of the unit"
 for line in ProtectSystem=strict NoNewPrivileges=yes ProtectHome=yes PrivateTmp=yes 'ReadOnlyPaths=/dev' DynamicUser=yes \
