@@ -22,26 +22,29 @@ Stat::Sample scrapeAt(double at, std::uint64_t sequence) {
   return sample;
 }
 
+// The sample of a scrape at `at` once `rates` has seen it.
+Stat::Sample scrape(Stat::ScrapeRates& rates, double at, std::uint64_t sequence) {
+  Stat::Sample sample = scrapeAt(at, sequence);
+  rates.derive(sample);
+  return sample;
+}
+
 TEST(StatScrapeRates, TheFirstScrapeHasNoRate) {
   Stat::ScrapeRates rates;
-  Stat::Sample first = scrapeAt(100, 1000);
-  rates.derive(first);
+  const Stat::Sample first = scrape(rates, 100, 1000);
   EXPECT_FALSE(first.tables[0].queues.ratePerSecond);
   EXPECT_FALSE(first.tables[0].queues.secondsToSwitch);
 }
 
 TEST(StatScrapeRates, EachScrapeTakesItsRateFromTheOneBefore) {
   Stat::ScrapeRates rates;
-  Stat::Sample first = scrapeAt(100, 1000);
-  rates.derive(first);
-  Stat::Sample second = scrapeAt(102, 3000);
-  rates.derive(second);
+  scrape(rates, 100, 1000);
+  const Stat::Sample second = scrape(rates, 102, 3000);
   ASSERT_TRUE(second.tables[0].queues.ratePerSecond);
   EXPECT_DOUBLE_EQ(*second.tables[0].queues.ratePerSecond, 1000.0);
   ASSERT_TRUE(second.tables[0].queues.secondsToSwitch);
   EXPECT_DOUBLE_EQ(*second.tables[0].queues.secondsToSwitch, 1.0);
-  Stat::Sample third = scrapeAt(107, 3500);
-  rates.derive(third);
+  const Stat::Sample third = scrape(rates, 107, 3500);
   ASSERT_TRUE(third.tables[0].queues.ratePerSecond);
   EXPECT_DOUBLE_EQ(*third.tables[0].queues.ratePerSecond, 100.0);
   EXPECT_DOUBLE_EQ(third.intervalSeconds, 5.0);
@@ -49,14 +52,11 @@ TEST(StatScrapeRates, EachScrapeTakesItsRateFromTheOneBefore) {
 
 TEST(StatScrapeRates, AScrapeTooCloseToTheLastHasNoRateAndKeepsTheBase) {
   Stat::ScrapeRates rates;
-  Stat::Sample first = scrapeAt(100, 1000);
-  rates.derive(first);
-  Stat::Sample close = scrapeAt(100.1, 1100);
-  rates.derive(close);
+  scrape(rates, 100, 1000);
+  const Stat::Sample close = scrape(rates, 100.1, 1100);
   EXPECT_FALSE(close.tables[0].queues.ratePerSecond);
   // Still from the sample at 100 s, not from the one at 100.1 s.
-  Stat::Sample later = scrapeAt(101, 2000);
-  rates.derive(later);
+  const Stat::Sample later = scrape(rates, 101, 2000);
   ASSERT_TRUE(later.tables[0].queues.ratePerSecond);
   EXPECT_DOUBLE_EQ(*later.tables[0].queues.ratePerSecond, 1000.0);
 }
@@ -64,15 +64,11 @@ TEST(StatScrapeRates, AScrapeTooCloseToTheLastHasNoRateAndKeepsTheBase) {
 // Two server threads: the scrape that read first may get here last.
 TEST(StatScrapeRates, AnOlderSampleArrivingLateNeitherGetsNorReplacesTheBase) {
   Stat::ScrapeRates rates;
-  Stat::Sample first = scrapeAt(100, 1000);
-  rates.derive(first);
-  Stat::Sample newer = scrapeAt(103, 4000);
-  rates.derive(newer);
-  Stat::Sample older = scrapeAt(102, 3000);
-  rates.derive(older);
+  scrape(rates, 100, 1000);
+  scrape(rates, 103, 4000);
+  const Stat::Sample older = scrape(rates, 102, 3000);
   EXPECT_FALSE(older.tables[0].queues.ratePerSecond);
-  Stat::Sample next = scrapeAt(104, 4500);
-  rates.derive(next);
+  const Stat::Sample next = scrape(rates, 104, 4500);
   ASSERT_TRUE(next.tables[0].queues.ratePerSecond);
   EXPECT_DOUBLE_EQ(*next.tables[0].queues.ratePerSecond, 500.0);
 }
