@@ -52,6 +52,11 @@ echo stale >"$out"
 "$STAT" --prometheus -o "$out" || fail "-o failed"
 grep -q '^heron_stat_tables 1$' "$out" || fail "-o wrote: $(head -3 "$out")"
 [[ $(ls -A "$WORK/out.d") == heron.prom ]] || fail "left beside the file: $(ls -A "$WORK/out.d")"
+# Region series: per entry size unless --per-region asks for each id.
+grep -q '^heron_region_occupancy_ratio{table="t",entry_size="[0-9]*"} ' "$out" || fail "no region series per entry size"
+! grep -q 'region="' "$out" || fail "region ids without --per-region"
+"$STAT" --prometheus --per-region t | matches '^heron_region_occupancy_ratio{table="t",entry_size="[0-9]*",region="[0-9]*"} ' ||
+  fail "--per-region gives no series per region id"
 # An output directory that does not exist: one line, status 1, nothing left.
 status=0
 "$STAT" --prometheus -o "$WORK/missing/heron.prom" 2>"$WORK/err" || status=$?

@@ -93,16 +93,11 @@ void renderStates(Exposition& out, const Sample& sample) {
       out.add(with(labels, "state", stateName(state)), table.state == state ? 1 : 0);
     }
   });
-  out.family("heron_table_shadows", "gauge", "Read-only processes attached to the table (left out when unknown).");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.clients.known) {
-      out.add(labels, static_cast<double>(table.clients.shadows.size()));
-    }
-  });
 }
 
-// An archive kept without a writer has no writer series at all: it is
-// meant to have none, so neither "up" nor "down" applies.
+// The writer and the clients. An archive kept without a writer has no
+// writer series at all: it is meant to have none, so neither "up" nor
+// "down" applies.
 void renderWriters(Exposition& out, const Sample& sample) {
   out.family("heron_writer_up", "gauge", "1 when the table's writer runs and maps the table, else 0.");
   eachTable(sample, [&out](const Table& table, const Labels& labels) {
@@ -128,6 +123,12 @@ void renderWriters(Exposition& out, const Sample& sample) {
   eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.writer.known && table.writer.startedSeconds > 0 && !table.keptWithoutWriter()) {
       out.add(labels, table.writer.startedSeconds);
+    }
+  });
+  out.family("heron_table_shadows", "gauge", "Read-only processes attached to the table (left out when unknown).");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    if (table.clients.known) {
+      out.add(labels, static_cast<double>(table.clients.shadows.size()));
     }
   });
 }
