@@ -59,11 +59,13 @@ if(TARGET heron-stat)
   list(APPEND HERON_COMMANDS heron-stat)
   # The unit names the program where this install puts it: made when
   # installing, since `cmake --install --prefix` and the package (/usr) may
-  # each choose another prefix than the one configured.
+  # each choose another prefix than the one configured. Each prefix gets a
+  # copy of its own, so that two installs at once cannot mix them up.
   install(CODE "set(HERON_STAT_PROGRAM \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/heron-stat\")
-    configure_file(\"${CMAKE_SOURCE_DIR}/docs/systemd/heron-stat.service.in\"
-      \"${CMAKE_BINARY_DIR}/heron-stat.service\" @ONLY)" COMPONENT tools)
-  install(FILES ${CMAKE_BINARY_DIR}/heron-stat.service DESTINATION lib/systemd/system COMPONENT tools)
+    string(MD5 prefix_id \"\${CMAKE_INSTALL_PREFIX}\")
+    set(unit \"${CMAKE_BINARY_DIR}/systemd/\${prefix_id}/heron-stat.service\")
+    configure_file(\"${CMAKE_SOURCE_DIR}/docs/systemd/heron-stat.service.in\" \"\${unit}\" @ONLY)
+    file(INSTALL \"\${unit}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")" COMPONENT tools)
 endif()
 foreach(command ${HERON_COMMANDS})
   if(EXISTS ${CMAKE_SOURCE_DIR}/docs/${command}.1)
