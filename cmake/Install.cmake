@@ -7,8 +7,9 @@
 # (what libheron.so exports), the CMake package (heronConfig.cmake, targets
 # heron::heronrt and heron::heron) under lib/cmake/heron/, the man pages, the
 # bash completions (one file per command, named after it, so that
-# bash-completion loads each on demand), and the example Prometheus
-# configuration and alert rules under share/doc/heron/examples/prometheus/.
+# bash-completion loads each on demand), the Prometheus alert and recording
+# rules with their unit tests under share/heron/prometheus/ and an example
+# Prometheus configuration under share/doc/heron/examples/prometheus/.
 # When the build has heron-stat it also installs bin/heron-stat, its man page
 # and completion, and the systemd unit lib/systemd/system/heron-stat.service.
 # A writer project then does:
@@ -56,9 +57,15 @@ set(HERON_COMMANDS heron heron-sim)
 if(TARGET heron-stat)
   install(TARGETS heron-stat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   list(APPEND HERON_COMMANDS heron-stat)
-  # The unit's path is the package's (/usr/lib/systemd/system); it names
-  # /usr/bin/heron-stat.
-  install(FILES ${CMAKE_SOURCE_DIR}/docs/systemd/heron-stat.service DESTINATION lib/systemd/system COMPONENT tools)
+  # The unit names the program where this install puts it: made when
+  # installing, since `cmake --install --prefix` and the package (/usr) may
+  # each choose another prefix than the one configured. Each prefix gets a
+  # copy of its own, so that two installs at once cannot mix them up.
+  install(CODE "set(HERON_STAT_PROGRAM \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/heron-stat\")
+    string(MD5 prefix_id \"\${CMAKE_INSTALL_PREFIX}\")
+    set(unit \"${CMAKE_BINARY_DIR}/systemd/\${prefix_id}/heron-stat.service\")
+    configure_file(\"${CMAKE_SOURCE_DIR}/docs/systemd/heron-stat.service.in\" \"\${unit}\" @ONLY)
+    file(INSTALL \"\${unit}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")" COMPONENT tools)
 endif()
 foreach(command ${HERON_COMMANDS})
   if(EXISTS ${CMAKE_SOURCE_DIR}/docs/${command}.1)
@@ -69,8 +76,12 @@ foreach(command ${HERON_COMMANDS})
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${command} COMPONENT tools)
   endif()
 endforeach()
-install(FILES ${CMAKE_SOURCE_DIR}/docs/prometheus/prometheus.yml ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts.yml
+install(FILES ${CMAKE_SOURCE_DIR}/docs/prometheus/prometheus.yml
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/prometheus COMPONENT tools)
+# The rules with their unit tests, which run where they are installed.
+install(FILES ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts.yml ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts-idle.yml
+  ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts.test.yml
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/heron/prometheus COMPONENT tools)
 
 # Debian package: one package holding everything above, installed under /usr.
 set(CPACK_GENERATOR DEB)
@@ -86,6 +97,10 @@ every table's health for scripts and Prometheus with a systemd unit and
 example alert rules, and the C++ runtime with its headers and CMake package
 for writing tables.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# Installs with CMAKE_INSTALL_PREFIX=/usr under a DESTDIR, so that what is
+# made at install time (the systemd unit) names /usr, not the staging area.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

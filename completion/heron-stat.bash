@@ -50,8 +50,8 @@ _heron_stat() {
       ;;
   esac
   if [[ $cur == -* ]]; then
-    COMPREPLY=($(compgen -W "--all-roots --no-clients --exclude -i --interval --watch --json --prometheus -o
-      --output --listen --check --timeout --stale --warn-alloc --crit-alloc --version -h --help" -- "$cur"))
+    COMPREPLY=($(compgen -W "--all-roots --no-clients --exclude --per-region -i --interval --watch --json --prometheus
+      -o --output --listen --check --timeout --stale --warn-alloc --crit-alloc --version -h --help" -- "$cur"))
     return
   fi
   if _heron_stat_load_tables; then

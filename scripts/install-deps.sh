@@ -9,7 +9,7 @@ packages=(
   libcli11-dev libcpp-httplib-dev nlohmann-json3-dev pkg-config
   clang clang-tidy cppcheck clang-format binutils
   psmisc lsof strace util-linux procps man-db
-  prometheus tmux curl jq
+  prometheus tmux curl jq systemd
   gnuplot-nox
   qemu-user
 )

@@ -2,8 +2,9 @@
 # cmake --install into a temporary prefix, then a tiny writer project finds
 # the runtime with find_package(heron), builds and runs against it; the
 # installed heron runs from there, and the man pages, the completions (each
-# under its command's name), the Prometheus examples and, with heron-stat,
-# its systemd unit are in place.
+# under its command's name), the Prometheus rules (whose unit tests pass
+# where they are installed) and example and, with heron-stat, its systemd
+# unit naming the installed program are in place.
 source "$(dirname "$0")/sim_lib/common.sh"
 BUILD=$(cd "$BIN/.." && pwd)
 PREFIX=$WORK/prefix
@@ -13,7 +14,8 @@ expected=(bin/heron bin/heron-sim lib/libheronrt.a lib/cmake/heron/heronConfig.c
   lib/cmake/heron/heronConfigVersion.cmake include/heron/SharedMem/OwnerFile.h include/heron/Relay/RelayTable.h
   include/heron/Quarry/QuarryReader.h share/man/man1/heron.1 share/man/man1/heron-sim.1
   share/bash-completion/completions/heron share/bash-completion/completions/heron-sim
-  share/doc/heron/examples/prometheus/prometheus.yml share/doc/heron/examples/prometheus/heron-alerts.yml)
+  share/doc/heron/examples/prometheus/prometheus.yml share/heron/prometheus/heron-alerts.yml
+  share/heron/prometheus/heron-alerts-idle.yml share/heron/prometheus/heron-alerts.test.yml)
 # heron-stat and what comes with it, when this build has it.
 if [[ -x $BIN/heron-stat ]]; then
   expected+=(bin/heron-stat share/man/man1/heron-stat.1 share/bash-completion/completions/heron-stat
@@ -83,8 +85,21 @@ compl=$(bash -c 'source "$1"; COMP_WORDS=(heron-sim write t --fl); COMP_CWORD=3;
 if [[ -x $BIN/heron-stat ]]; then
   bash -c "source '$PREFIX/share/bash-completion/completions/heron-stat'; complete -p heron-stat" >/dev/null 2>&1 ||
     fail "completions/heron-stat registers no completion for heron-stat"
-  grep -q '^ExecStart=/usr/bin/heron-stat ' "$PREFIX/lib/systemd/system/heron-stat.service" || fail "the installed unit"
+  unit=$PREFIX/lib/systemd/system/heron-stat.service
+  grep -qx "ExecStart=$PREFIX/bin/heron-stat --listen 127.0.0.1:9464" "$unit" ||
+    fail "the installed unit does not run the installed heron-stat: $(grep '^ExecStart' "$unit")"
+  if command -v systemd-analyze >/dev/null; then
+    systemd-analyze verify --man=no "$unit" >"$WORK/verify.txt" 2>&1 || fail "systemd-analyze verify: $(cat "$WORK/verify.txt")"
+    [[ ! -s $WORK/verify.txt ]] || fail "systemd-analyze verify warns: $(cat "$WORK/verify.txt")"
+  else
+    echo "systemd-analyze is not installed: the installed unit was not verified"
+  fi
   MANPATH=$PREFIX/share/man man -w heron-stat >/dev/null 2>&1 || fail "man cannot find the installed heron-stat.1"
 fi
 MANPATH=$PREFIX/share/man man -w heron-sim >/dev/null 2>&1 || fail "man cannot find the installed heron-sim.1"
+
+# The rules' unit tests, run where they were installed (from elsewhere).
+command -v promtool >/dev/null || fail "promtool is not installed (Debian package prometheus)"
+(cd / && promtool test rules "$PREFIX/share/heron/prometheus/heron-alerts.test.yml") >"$WORK/rules.txt" 2>&1 ||
+  fail "promtool test rules from the installed location: $(cat "$WORK/rules.txt")"
 echo PASS

@@ -1,30 +1,49 @@
 #!/usr/bin/env bash
-# The monitoring examples shipped in docs/: the Prometheus configuration and
-# alert rules pass promtool's checks, the rules' unit tests (synthetic series
-# in tests/prometheus/) pass, and the heron-stat systemd unit verifies and is
-# read-only.
+# The monitoring files shipped in docs/: the Prometheus configuration and
+# the alert and recording rules pass promtool's checks, the rules' unit tests
+# (synthetic series, beside the rules) pass, and the heron-stat systemd unit
+# verifies, is read-only and runs as a user of its own with CAP_SYS_PTRACE
+# alone, answering the local host only.
 source "$(dirname "$0")/sim_lib/common.sh"
 SOURCE=${HERON_SOURCE:?HERON_SOURCE must name the source directory}
 PROM=$SOURCE/docs/prometheus
-UNIT=$SOURCE/docs/systemd/heron-stat.service
+UNIT=$SOURCE/docs/systemd/heron-stat.service.in
 
 command -v promtool >/dev/null ||
   fail "promtool is not installed (Debian package prometheus; scripts/install-deps.sh installs it)"
-promtool check config "$PROM/prometheus.yml" >"$WORK/config.txt" 2>&1 || fail "promtool check config: $(cat "$WORK/config.txt")"
+# The example configuration names the rules where the package installs them.
+sed "s|/usr/share/heron/prometheus/|$PROM/|" "$PROM/prometheus.yml" >"$WORK/prometheus.yml"
+promtool check config "$WORK/prometheus.yml" >"$WORK/config.txt" 2>&1 || fail "promtool check config: $(cat "$WORK/config.txt")"
 grep -q 'SUCCESS: 1 rule files found' "$WORK/config.txt" || fail "the configuration does not load the rules: $(cat "$WORK/config.txt")"
-promtool check rules "$PROM/heron-alerts.yml" >"$WORK/rules.txt" 2>&1 || fail "promtool check rules: $(cat "$WORK/rules.txt")"
-promtool test rules "$SOURCE/tests/prometheus/heron-alerts.test.yml" >"$WORK/test.txt" 2>&1 ||
-  fail "promtool test rules: $(cat "$WORK/test.txt")"
+promtool check rules "$PROM/heron-alerts.yml" "$PROM/heron-alerts-idle.yml" >"$WORK/rules.txt" 2>&1 ||
+  fail "promtool check rules: $(cat "$WORK/rules.txt")"
+promtool test rules "$PROM/heron-alerts.test.yml" >"$WORK/test.txt" 2>&1 || fail "promtool test rules: $(cat "$WORK/test.txt")"
+# Every alert has a test where it fires.
+for alert in $(sed -n 's/^ *- alert: //p' "$PROM/heron-alerts.yml" "$PROM/heron-alerts-idle.yml"); do
+  grep -B3 "alertname: $alert\$" "$PROM/heron-alerts.test.yml" | matches 'eval_time' || fail "no test of $alert"
+  awk -v a="$alert" '$0 ~ "alertname: " a "$" {on = 1; next} on && /exp_alerts: \[\]/ {on = 0} on && /exp_labels/ {f = 1} END {exit !f}' \
+    "$PROM/heron-alerts.test.yml" || fail "no test where $alert fires"
+done
 # The alerts every site needs, on the metric names heron-stat exports.
 for rule in 'heron_writer_up == 0' 'heron_writer_heartbeat_age_seconds > 5' 'heron_allocator_occupancy_ratio > 0.9'; do
   grep -qF "expr: $rule" "$PROM/heron-alerts.yml" || fail "no alert on '$rule'"
 done
 
+# Every metric heron-stat exports is in its man page.
+if [[ -x $BIN/heron-stat ]]; then
+  "$SIM" create documented >/dev/null
+  for family in $("$BIN/heron-stat" --prometheus --per-region | sed -n 's/^# TYPE \([a-z_]*\) .*/\1/p'); do
+    grep -q "^$family\({\| \|$\)" "$SOURCE/docs/heron-stat.1" || fail "$family is not in docs/heron-stat.1"
+  done
+fi
+
 # The unit: listens on 127.0.0.1:9464, read-only, nothing writable.
-grep -qx 'ExecStart=/usr/bin/heron-stat --listen 127.0.0.1:9464' "$UNIT" || fail "ExecStart of the unit"
-for line in ProtectSystem=strict NoNewPrivileges=yes ProtectHome=yes PrivateTmp=yes 'ReadOnlyPaths=/dev'; do
+grep -qx 'ExecStart=@HERON_STAT_PROGRAM@ --listen 127.0.0.1:9464' "$UNIT" || fail "ExecStart of the unit"
+for line in ProtectSystem=strict NoNewPrivileges=yes ProtectHome=yes PrivateTmp=yes 'ReadOnlyPaths=/dev' DynamicUser=yes \
+  AmbientCapabilities=CAP_SYS_PTRACE CapabilityBoundingSet=CAP_SYS_PTRACE IPAddressDeny=any IPAddressAllow=localhost; do
   grep -qx "$line" "$UNIT" || fail "the unit lacks $line"
 done
+! grep -v '^#' "$UNIT" | matches '^User=\|CAP_DAC_READ_SEARCH' || fail "the unit names a user or more capabilities"
 ! grep -q '^ReadWritePaths\|^StateDirectory\|^RuntimeDirectory\|^LogsDirectory\|^CacheDirectory' "$UNIT" ||
   fail "the unit makes a path writable"
 if ! command -v systemd-analyze >/dev/null; then
@@ -40,7 +59,7 @@ if [[ ! -x $program ]]; then
   echo "no $program in this build: the unit is verified with /bin/true in its place"
   program=/bin/true
 fi
-sed "s|^ExecStart=/usr/bin/heron-stat|ExecStart=$program|" "$UNIT" >"$WORK/unit/heron-stat.service"
+sed "s|@HERON_STAT_PROGRAM@|$program|g" "$UNIT" >"$WORK/unit/heron-stat.service"
 man_check=--man=no
 if [[ -f $SOURCE/docs/heron-stat.1 ]]; then
   mkdir -p "$WORK/man/man1"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # CPack makes a Debian package holding the tools, the libraries, the
 # headers, the CMake package, the man pages, the completions, the Prometheus
-# examples and, with heron-stat, its systemd unit, under /usr.
+# rules and example and, with heron-stat, its systemd unit, under /usr (the
+# unit naming /usr/bin/heron-stat).
 source "$(dirname "$0")/sim_lib/common.sh"
 BUILD=$(cd "$BIN/.." && pwd)
 command -v dpkg-deb >/dev/null || fail "dpkg-deb is not installed"
@@ -15,7 +16,8 @@ expected=(./usr/bin/heron ./usr/bin/heron-sim ./usr/lib/libheronrt.a ./usr/lib/l
   ./usr/lib/cmake/heron/heronConfig.cmake ./usr/include/heron/SharedMem/OwnerFile.h ./usr/share/man/man1/heron.1
   ./usr/share/man/man1/heron-sim.1 ./usr/share/bash-completion/completions/heron
   ./usr/share/bash-completion/completions/heron-sim ./usr/share/doc/heron/examples/prometheus/prometheus.yml
-  ./usr/share/doc/heron/examples/prometheus/heron-alerts.yml)
+  ./usr/share/heron/prometheus/heron-alerts.yml ./usr/share/heron/prometheus/heron-alerts-idle.yml
+  ./usr/share/heron/prometheus/heron-alerts.test.yml)
 if [[ -x $BIN/heron-stat ]]; then
   expected+=(./usr/bin/heron-stat ./usr/share/man/man1/heron-stat.1 ./usr/share/bash-completion/completions/heron-stat
     ./usr/lib/systemd/system/heron-stat.service)
@@ -23,4 +25,9 @@ fi
 for f in "${expected[@]}"; do
   grep -q " $f\( \|$\)" "$WORK/contents.txt" || fail "$f is not in the package"
 done
+if [[ -x $BIN/heron-stat ]]; then
+  dpkg-deb -x "$deb" "$WORK/unpacked"
+  grep -qx 'ExecStart=/usr/bin/heron-stat --listen 127.0.0.1:9464' "$WORK/unpacked/usr/lib/systemd/system/heron-stat.service" ||
+    fail "the packaged unit: $(grep '^ExecStart' "$WORK/unpacked/usr/lib/systemd/system/heron-stat.service")"
+fi
 echo PASS

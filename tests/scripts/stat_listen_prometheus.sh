@@ -2,10 +2,14 @@
 # heron-stat --listen over a live demo collection, read by the Prometheus
 # tools themselves: promtool accepts the exposition, and a real Prometheus
 # server scraping every second answers queries for heron_writer_up and for
-# the writers' rates. Without promtool or prometheus the test fails: they
-# come with the Debian package prometheus (scripts/install-deps.sh).
+# the writers' rates. With the shipped rules evaluated every second, a
+# writer killed with SIGKILL has its alert pending within 5 s, and a table
+# removed has its alert pending within that alert's `for`. Without promtool
+# or prometheus the test fails: they come with the Debian package prometheus
+# (scripts/install-deps.sh).
 source "$(dirname "$0")/sim_lib/common.sh"
 source "$(dirname "$0")/sim_lib/demo.sh"
+RULES=${HERON_SOURCE:?HERON_SOURCE must name the source directory}/docs/prometheus/heron-alerts.yml
 
 STAT=$BIN/heron-stat
 [[ -x $STAT ]] || fail "$STAT is not built"
@@ -35,8 +39,10 @@ global:
   scrape_interval: 1s
   scrape_timeout: 1s
   evaluation_interval: 1s
+rule_files:
+  - $RULES
 scrape_configs:
-  - job_name: heron-stat
+  - job_name: heron
     static_configs:
       - targets: ['127.0.0.1:$PORT']
 EOF
@@ -117,6 +123,39 @@ rates_match() {
 }
 until_query 'rate(heron_queue_sequence_total[5s])' 10 rates_match ||
   fail "rate(heron_queue_sequence_total[5s]) from prometheus, expected about $RATE/s: '$ANSWER'"
+
+# alert_state NAME TABLE: the state of that alert for that table ("pending",
+# "firing"), or nothing.
+alert_state() {
+  curl -fsS "http://127.0.0.1:$PROM_PORT/api/v1/alerts" |
+    jq -r --arg a "$1" --arg t "$2" '.data.alerts[] | select(.labels.alertname == $a and .labels.table == $t) | .state'
+}
+alert_raised() { [[ -n $(alert_state "$1" "$2" 2>/dev/null) ]]; }
+# rule_for NAME: the `for` of that alert in the shipped rules, in seconds.
+rule_for() {
+  awk -v a="$1" '$0 ~ "- alert: " a "$" {on = 1; next} on && /^ *for:/ {print $2; exit}' "$RULES" |
+    awk '/s$/ {print $0 + 0} /m$/ {print $0 * 60}'
+}
+
+victim=md/us/quotes
+victim_pid=$("$STAT" --json -i 0 | jq -r --arg t "$victim" '.tables[] | select(.name == $t) | .writer.pid')
+[[ $victim_pid =~ ^[0-9]+$ ]] || fail "no writer pid for $victim: '$victim_pid'"
+alert_raised HeronWriterDown "$victim" && fail "HeronWriterDown raised for $victim before its writer died"
+killed_at=$(date +%s%N)
+kill -KILL "$victim_pid"
+wait_until 5 alert_raised HeronWriterDown "$victim" ||
+  fail "HeronWriterDown not pending 5 s after SIGKILL of $victim's writer: $(curl -fsS "http://127.0.0.1:$PROM_PORT/api/v1/alerts")"
+echo "HeronWriterDown $(alert_state HeronWriterDown "$victim") $((($(date +%s%N) - killed_at) / 1000000)) ms after SIGKILL of $victim's writer"
+
+vanish_for=$(rule_for HeronTableVanished)
+[[ $vanish_for -gt 0 ]] || fail "no for: of HeronTableVanished in $RULES"
+alert_raised HeronTableVanished "$victim" && fail "HeronTableVanished raised for $victim before it was removed"
+removed_at=$(date +%s%N)
+rm -r "${HERON_ROOT:?}/$victim"
+wait_until "$vanish_for" alert_raised HeronTableVanished "$victim" ||
+  fail "HeronTableVanished not pending ${vanish_for} s after $victim was removed: $(curl -fsS "http://127.0.0.1:$PROM_PORT/api/v1/alerts")"
+echo "HeronTableVanished $(alert_state HeronTableVanished "$victim") $((($(date +%s%N) - removed_at) / 1000000)) ms after $victim was removed"
+alert_raised HeronTableVanished orders && fail "HeronTableVanished raised for orders, which is still there"
 
 stop_pid "$PROM_PID" || fail "prometheus did not stop cleanly"
 status=0

@@ -69,7 +69,7 @@ matches 'alloc_max=[0-9]*%;12.5;12.5;0;100 ' "$WORK/out" || fail "decimal thresh
 
 "$STAT" --help >"$WORK/help" || fail "--help failed"
 for word in EXPR --all-roots --interval --watch --json --prometheus --output --listen --check --stale --warn-alloc \
-  --crit-alloc --no-clients --exclude --timeout --version Examples; do
+  --crit-alloc --no-clients --exclude --timeout --per-region --version Examples; do
   grep -q -- "$word" "$WORK/help" || fail "--help does not mention $word"
 done
 [[ $("$STAT" --version) =~ ^heron-stat\ [0-9]+\.[0-9]+\.[0-9]+$ ]] || fail "--version: $("$STAT" --version)"
@@ -82,6 +82,11 @@ echo stale >"$out"
 "$STAT" --prometheus -o "$out" || fail "-o failed"
 grep -q '^heron_stat_tables 1$' "$out" || fail "-o wrote: $(head -3 "$out")"
 [[ $(ls -A "$WORK/out.d") == heron.prom ]] || fail "left beside the file: $(ls -A "$WORK/out.d")"
+# Region series: per entry size unless --per-region asks for each id.
+grep -q '^heron_region_occupancy_ratio{table="t",entry_size="[0-9]*"} ' "$out" || fail "no region series per entry size"
+! grep -q 'region="' "$out" || fail "region ids without --per-region"
+"$STAT" --prometheus --per-region t | matches '^heron_region_occupancy_ratio{table="t",entry_size="[0-9]*",region="[0-9]*"} ' ||
+  fail "--per-region gives no series per region id"
 # An output directory that does not exist: one line, status 1, nothing left.
 status=0
 "$STAT" --prometheus -o "$WORK/missing/heron.prom" 2>"$WORK/err" || status=$?

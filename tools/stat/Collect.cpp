@@ -343,6 +343,25 @@ void judgeByPid(Writer& writer, bool readProc) {
   }
 }
 
+// Reads one table's files; false when the directory is not a table. An
+// exception from a reader (out of memory, a remap that failed) makes this
+// table broken with its reason instead of failing the whole sample.
+bool readTable(Table& table, const Mem::TableFinder::Listing* listing) {
+  try {
+    readOwner(table);
+    if (table.identity.ownerKnown && !listedType(table.identity.type)) {
+      return false;  // a plain segment or another kind of directory: not a table
+    }
+    readEmber(table);
+    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
+    readQueues(table);
+    readAllocator(table, listing);
+  } catch (const std::exception& error) {
+    table.fileErrors.push_back(table.identity.path + ": " + error.what());
+  }
+  return true;
+}
+
 }  // namespace
 
 void judgeWriter(Writer& writer, Beacon::Proc::PidNamespaceIndex& namespaces, const std::vector<int>* readWrite,
@@ -426,15 +445,9 @@ Sample collect(const CollectOptions& options) {
     Table table;
     table.identity.name = name;
     table.identity.path = path;
-    readOwner(table);
-    if (table.identity.ownerKnown && !listedType(table.identity.type)) {
-      return;  // a plain segment or another kind of directory: not a table
+    if (readTable(table, listing)) {
+      tables.push_back(std::move(table));
     }
-    readEmber(table);
-    table.readMonotonicSeconds = seconds(SharedMem::monoNs());
-    readQueues(table);
-    readAllocator(table, listing);
-    tables.push_back(std::move(table));
   };
   Mem::TableFinder finder(handler(), rootPath);
   finder.visitOwned(options.expr.c_str(), [&](const std::string& name, const Mem::TableFinder::Listing* listing) {
@@ -502,6 +515,7 @@ Sample collect(const CollectOptions& options) {
     sample.problems.push_back({Severity::Warning, noMatchText(sample)});
   }
   sample.tables = std::move(tables);
+  sample.perRegionSeries = options.perRegionSeries;
   sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
   return sample;
 }

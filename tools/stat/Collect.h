@@ -22,6 +22,8 @@ struct CollectOptions {
   // false: no walk of the processes' maps (clients unknown); /proc is still
   // read to find a writer that runs in another PID namespace.
   bool walkProcesses = true;
+  // Copied into the Sample, for the Prometheus renderer.
+  bool perRegionSeries = false;
 };
 
 // Thresholds that turn facts into states and problems.

@@ -162,6 +162,9 @@ struct Sample {
   std::size_t rootTables = 0;
   std::vector<Table> tables;      // in name order
   std::vector<Problem> problems;  // about the collection, not one table
+  // Prometheus series for each region id instead of each entry size (ids
+  // climb as a writer replaces regions: only on request).
+  bool perRegionSeries = false;
 };
 
 }  // namespace Stat

@@ -3,7 +3,9 @@
 // read is left out rather than reported as 0.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -66,128 +68,242 @@ class Exposition {
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
-}  // namespace
+#ifdef HERON_STAT_VERSION
+constexpr const char* kVersion = HERON_STAT_VERSION;
+#else
+constexpr const char* kVersion = "unknown";
+#endif
 
-std::string renderPrometheus(const Sample& sample) {
-  Exposition out;
-  const std::vector<Table>& tables = sample.tables;
-  auto each = [&tables](const std::function<void(const Table&, const Labels&)>& body) {
-    for (const Table& table : tables) {
-      body(table, Labels{{"table", table.identity.name}});
-    }
-  };
-  // A table that is meant to have a writer: every one but an archive kept
-  // without one.
-  auto hasWriter = [](const Table& table) { return !table.keptWithoutWriter(); };
+// Calls `body` for each table with its `table` label.
+void eachTable(const Sample& sample, const std::function<void(const Table&, const Labels&)>& body) {
+  for (const Table& table : sample.tables) {
+    body(table, Labels{{"table", table.identity.name}});
+  }
+}
 
+Labels with(Labels labels, const char* name, std::string value) {
+  labels.emplace_back(name, std::move(value));
+  return labels;
+}
+
+void renderStates(Exposition& out, const Sample& sample) {
   out.family("heron_table_state", "gauge", "1 for the state the table is in (broken, dead, stale, ok), else 0.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     for (State state : {State::Broken, State::Dead, State::Stale, State::Ok}) {
-      Labels withState = labels;
-      withState.emplace_back("state", stateName(state));
-      out.add(withState, table.state == state ? 1 : 0);
+      out.add(with(labels, "state", stateName(state)), table.state == state ? 1 : 0);
     }
   });
-  out.family("heron_writer_up", "gauge", "1 when the table's writer runs and maps the table, else 0.");
-  each([&](const Table& table, const Labels& labels) {
-    if (hasWriter(table)) {
-      const bool up = table.writer.known && table.writer.alive == Seen::Yes && table.writer.mapsTable != Seen::No;
+}
+
+// The writer and the clients. An archive kept without a writer has no
+// writer series at all: it is meant to have none, so neither "up" nor
+// "down" applies.
+void renderWriters(Exposition& out, const Sample& sample) {
+  out.family("heron_writer_up", "gauge", "1 when the table's writer runs and maps the table (out of sight: beats), else 0.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    if (!table.keptWithoutWriter()) {
+      const Writer& writer = table.writer;
+      // A writer out of sight (another container's namespace) is up while
+      // its heartbeat is fresh: the beat is the only evidence there is.
+      const bool up = writer.known && (writer.liveness == Liveness::Heartbeat
+                                           ? table.state != State::Stale && table.state != State::Dead
+                                           : writer.alive == Seen::Yes && writer.mapsTable != Seen::No);
       out.add(labels, up ? 1 : 0);
     }
   });
   out.family("heron_writer_heartbeat_age_seconds", "gauge", "Seconds since the writer's last heartbeat.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.writer.known && table.writer.heartbeatAgeSeconds) {
       out.add(labels, *table.writer.heartbeatAgeSeconds);
     }
   });
   out.family("heron_writer_restarts_total", "counter", "Restarts of the table's writer.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.writer.known) {
       out.add(labels, table.writer.restarts);
     }
   });
+  out.family("heron_writer_start_time_seconds", "gauge",
+             "When the current writer started, in seconds since the epoch.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    if (table.writer.known && table.writer.startedSeconds > 0 && !table.keptWithoutWriter()) {
+      out.add(labels, table.writer.startedSeconds);
+    }
+  });
   out.family("heron_table_shadows", "gauge", "Read-only processes attached to the table (left out when unknown).");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.clients.known) {
       out.add(labels, static_cast<double>(table.clients.shadows.size()));
     }
   });
+}
+
+void renderQueueTables(Exposition& out, const Sample& sample) {
+  out.family("heron_queue_capacity", "gauge", "Notifications each queue table holds.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
+      out.add(with(labels, "queue", std::to_string(i + 1)), table.queues.tables[i].capacity);
+    }
+  });
+  out.family("heron_queue_position", "gauge", "Next position the writer appends at in each queue table.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
+      out.add(with(labels, "queue", std::to_string(i + 1)), table.queues.tables[i].position);
+    }
+  });
+}
+
+void renderQueues(Exposition& out, const Sample& sample) {
   out.family("heron_queue_sequence_total", "counter", "Latest sequence the writer appended to the queue.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.queues.known) {
       out.add(labels, static_cast<double>(table.queues.sequence));
     }
   });
   out.family("heron_queue_active", "gauge", "The queue table being appended to (1 or 2).");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.queues.known) {
       out.add(labels, table.queues.active);
     }
   });
-  out.family("heron_queue_capacity", "gauge", "Notifications each queue table holds.");
-  each([&out](const Table& table, const Labels& labels) {
-    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
-      Labels withQueue = labels;
-      withQueue.emplace_back("queue", std::to_string(i + 1));
-      out.add(withQueue, table.queues.tables[i].capacity);
+  renderQueueTables(out, sample);
+  out.family("heron_queue_fill_ratio", "gauge", "Used positions over the capacity of the active queue table.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    if (table.queues.known) {
+      out.add(labels, table.queues.fillRatio);
     }
   });
-  out.family("heron_queue_position", "gauge", "Next position the writer appends at in each queue table.");
-  each([&out](const Table& table, const Labels& labels) {
-    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
-      Labels withQueue = labels;
-      withQueue.emplace_back("queue", std::to_string(i + 1));
-      out.add(withQueue, table.queues.tables[i].position);
+  // Needs a rate, so two samples: left out of a single sample and while the
+  // writer appends nothing.
+  out.family("heron_queue_seconds_to_switch", "gauge",
+             "Seconds until the active queue table is full at the current append rate.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    if (table.queues.known && table.queues.secondsToSwitch) {
+      out.add(labels, *table.queues.secondsToSwitch);
     }
   });
+}
+
+void renderAllocators(Exposition& out, const Sample& sample) {
   out.family("heron_allocator_bytes", "gauge", "Bytes of the table's regions, used and free.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.allocator.known) {
-      Labels used = labels;
-      used.emplace_back("state", "used");
-      out.add(used, static_cast<double>(table.allocator.usedBytes));
-      Labels free = labels;
-      free.emplace_back("state", "free");
-      out.add(free, static_cast<double>(table.allocator.freeBytes()));
+      out.add(with(labels, "state", "used"), static_cast<double>(table.allocator.usedBytes));
+      out.add(with(labels, "state", "free"), static_cast<double>(table.allocator.freeBytes()));
     }
   });
   out.family("heron_allocator_occupancy_ratio", "gauge", "Used bytes over all bytes of the table's regions.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.allocator.known) {
       out.add(labels, table.allocator.occupancyRatio());
     }
   });
   out.family("heron_allocator_allocations_total", "counter", "Entries the writer allocated.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.allocator.known) {
       out.add(labels, static_cast<double>(table.allocator.allocations));
     }
   });
   out.family("heron_allocator_releases_total", "counter", "Entries the writer released.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.allocator.known) {
       out.add(labels, static_cast<double>(table.allocator.releases));
     }
   });
   out.family("heron_allocator_regions", "gauge", "Region files of the table.");
-  each([&out](const Table& table, const Labels& labels) {
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (table.allocator.known) {
       out.add(labels, static_cast<double>(table.allocator.regions.size()));
     }
   });
-  out.family("heron_region_occupancy_ratio", "gauge", "Used units over all units of one region.");
-  each([&out](const Table& table, const Labels& labels) {
-    for (const Region& region : table.allocator.regions) {
-      Labels withRegion = labels;
-      withRegion.emplace_back("region", std::to_string(region.id));
-      out.add(withRegion, region.occupancyRatio());
+}
+
+// The regions of one entry size: how many, their units, and the fullest.
+struct SizeClass {
+  std::uint32_t regions = 0;
+  std::uint64_t units = 0;
+  std::uint64_t used = 0;
+  double fullestRatio = 0;
+};
+
+std::map<std::uint32_t, SizeClass> sizeClasses(const Allocator& allocator) {
+  std::map<std::uint32_t, SizeClass> classes;
+  // Regions of an allocator that could not be read whole count for nothing.
+  if (!allocator.known) {
+    return classes;
+  }
+  for (const Region& region : allocator.regions) {
+    SizeClass& size = classes[region.entrySize];
+    size.regions += 1;
+    size.units += region.units;
+    size.used += region.used;
+    size.fullestRatio = std::max(size.fullestRatio, region.occupancyRatio());
+  }
+  return classes;
+}
+
+// A writer that replaces regions climbs through ids up to 4095, so series
+// per id would pile up in Prometheus; the entry sizes of a table are few and
+// fixed. Series per id only when asked for.
+void renderRegions(Exposition& out, const Sample& sample) {
+  out.family("heron_regions", "gauge", "Regions of the table with that entry size.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    for (const auto& [size, figures] : sizeClasses(table.allocator)) {
+      out.add(with(labels, "entry_size", std::to_string(size)), figures.regions);
     }
   });
+  out.family("heron_region_units", "gauge", "Entries of the table's regions with that entry size, used and free.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    for (const auto& [size, figures] : sizeClasses(table.allocator)) {
+      const Labels sized = with(labels, "entry_size", std::to_string(size));
+      out.add(with(sized, "state", "used"), static_cast<double>(figures.used));
+      out.add(with(sized, "state", "free"), static_cast<double>(figures.units - figures.used));
+    }
+  });
+  if (sample.perRegionSeries) {
+    out.family("heron_region_occupancy_ratio", "gauge", "Used units over all units of one region.");
+    eachTable(sample, [&out](const Table& table, const Labels& labels) {
+      for (std::size_t i = 0; table.allocator.known && i < table.allocator.regions.size(); ++i) {
+        const Region& region = table.allocator.regions[i];
+        const Labels sized = with(labels, "entry_size", std::to_string(region.entrySize));
+        out.add(with(sized, "region", std::to_string(region.id)), region.occupancyRatio());
+      }
+    });
+    return;
+  }
+  out.family("heron_region_occupancy_ratio", "gauge",
+             "Used units over all units of the fullest region with that entry size.");
+  eachTable(sample, [&out](const Table& table, const Labels& labels) {
+    for (const auto& [size, figures] : sizeClasses(table.allocator)) {
+      out.add(with(labels, "entry_size", std::to_string(size)), figures.fullestRatio);
+    }
+  });
+}
+
+void renderCollection(Exposition& out, const Sample& sample) {
   out.family("heron_stat_tables", "gauge", "Tables in this sample.");
-  out.add({}, static_cast<double>(tables.size()));
+  out.add({}, static_cast<double>(sample.tables.size()));
   out.family("heron_stat_sample_duration_seconds", "gauge", "Seconds this sample took to read.");
   out.add({}, sample.durationSeconds);
+  out.family("heron_stat_root_ok", "gauge", "1 when the collection root exists and could be listed, else 0.");
+  out.add({}, sample.rootOk ? 1 : 0);
+  out.family("heron_stat_clients_known", "gauge",
+             "1 when every process's memory maps could be read (clients and writers confirmed), else 0.");
+  out.add({}, sample.clientsKnown ? 1 : 0);
+  out.family("heron_stat_build_info", "gauge", "Always 1; the version of heron-stat as a label.");
+  out.add({{"version", kVersion}}, 1);
+}
+
+}  // namespace
+
+std::string renderPrometheus(const Sample& sample) {
+  Exposition out;
+  renderStates(out, sample);
+  renderWriters(out, sample);
+  renderQueues(out, sample);
+  renderAllocators(out, sample);
+  renderRegions(out, sample);
+  renderCollection(out, sample);
   return std::move(out.text());
 }
 

@@ -118,6 +118,9 @@ void addOptions(CLI::App& app, Stat::Options& options) {
       ->allow_extra_args(false);
   app.add_flag("--all-roots", options.collect.allRoots,
                "Also show tables outside the root that any process maps (needs the /proc walk)");
+  app.add_flag("--per-region", options.collect.perRegionSeries,
+               "Prometheus: one occupancy series per region id, not per entry size (ids climb to 4095 as a "
+               "writer replaces regions)");
   app.add_flag("--no-clients", options.noClients,
                "Skip the /proc walk: clients show as unknown, a writer is judged by its pid alone");
   app.add_option("-i,--interval", options.interval,

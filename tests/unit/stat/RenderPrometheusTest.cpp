@@ -36,7 +36,9 @@ TEST(StatRenderPrometheus, EveryLineIsACommentOrASampleOfTheFormat) {
 }
 
 TEST(StatRenderPrometheus, FiguresOfAHealthyTable) {
-  const std::string text = exposition(StatTest::sampleOf({StatTest::healthyTable("orders")}));
+  Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("orders")});
+  sample.clientsKnown = true;
+  const std::string text = exposition(sample);
   EXPECT_TRUE(has(text, "# TYPE heron_writer_up gauge"));
   EXPECT_TRUE(has(text, "heron_writer_up{table=\"orders\"} 1"));
   EXPECT_TRUE(has(text, "heron_writer_heartbeat_age_seconds{table=\"orders\"} 0.25"));
@@ -58,10 +60,95 @@ TEST(StatRenderPrometheus, FiguresOfAHealthyTable) {
   EXPECT_TRUE(has(text, "heron_allocator_allocations_total{table=\"orders\"} 5000"));
   EXPECT_TRUE(has(text, "heron_allocator_releases_total{table=\"orders\"} 4918"));
   EXPECT_TRUE(has(text, "heron_allocator_regions{table=\"orders\"} 2"));
-  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"orders\",region=\"1\"} 0.72"));
-  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"orders\",region=\"2\"} 0.1"));
+  EXPECT_TRUE(has(text, "heron_queue_fill_ratio{table=\"orders\"} 0.25"));
+  EXPECT_TRUE(has(text, "heron_queue_seconds_to_switch{table=\"orders\"} 0.768"));
+  EXPECT_TRUE(has(text, "# TYPE heron_writer_start_time_seconds gauge"));
+  EXPECT_TRUE(has(text, "heron_writer_start_time_seconds{table=\"orders\"} 1700000100.25"));
   EXPECT_TRUE(has(text, "heron_stat_tables 1"));
   EXPECT_TRUE(has(text, "heron_stat_sample_duration_seconds 0.0125"));
+  EXPECT_TRUE(has(text, "heron_stat_root_ok 1"));
+  EXPECT_TRUE(has(text, "heron_stat_clients_known 1"));
+}
+
+TEST(StatRenderPrometheus, TheCollectionItselfAsTheSampleSaysIt) {
+  Stat::Sample sample = StatTest::sampleOf({});
+  sample.rootOk = false;
+  sample.rootError = "no such directory";
+  sample.clientsKnown = false;
+  const std::string text = exposition(sample);
+  EXPECT_TRUE(has(text, "heron_stat_root_ok 0")) << text;
+  EXPECT_TRUE(has(text, "heron_stat_clients_known 0")) << text;
+  EXPECT_TRUE(has(text, "heron_stat_tables 0")) << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex(R"(\nheron_stat_build_info\{version="[0-9]+\.[0-9]+[^"]*"\} 1\n)")))
+      << text;
+}
+
+// A sample whose tables are all broken, half read or odd still renders
+// whole: one unreadable table never costs the scrape.
+TEST(StatRenderPrometheus, BrokenAndHalfReadTablesRenderWithTheOthers) {
+  Stat::Table halfRead = StatTest::healthyTable("half");
+  halfRead.fileErrors.push_back("/dev/shm/heron/half: cannot list: Permission denied");
+  halfRead.allocator.known = false;  // regions seen before the listing failed
+  halfRead.queues = Stat::Queues{};
+  Stat::Table noHeartbeat = StatTest::healthyTable("quiet");
+  noHeartbeat.writer.heartbeatAgeSeconds.reset();
+  noHeartbeat.queues.secondsToSwitch.reset();
+  const std::string text = exposition(StatTest::sampleOf(
+      {StatTest::brokenTable("a"), halfRead, StatTest::healthyTable("ok"), noHeartbeat, StatTest::brokenTable("z")}));
+  EXPECT_TRUE(has(text, "heron_table_state{table=\"a\",state=\"broken\"} 1"));
+  EXPECT_TRUE(has(text, "heron_table_state{table=\"half\",state=\"broken\"} 1"));
+  EXPECT_TRUE(has(text, "heron_table_state{table=\"z\",state=\"broken\"} 1"));
+  EXPECT_TRUE(has(text, "heron_queue_fill_ratio{table=\"ok\"} 0.25"));
+  EXPECT_TRUE(has(text, "heron_stat_tables 5"));
+  EXPECT_EQ(text.find("heron_region_occupancy_ratio{table=\"half\""), std::string::npos) << text;
+  EXPECT_EQ(text.find("heron_regions{table=\"half\""), std::string::npos) << text;
+  EXPECT_EQ(text.find("heron_queue_fill_ratio{table=\"half\""), std::string::npos) << text;
+  EXPECT_EQ(text.find("heron_queue_seconds_to_switch{table=\"quiet\""), std::string::npos) << text;
+  EXPECT_EQ(text.find("heron_writer_heartbeat_age_seconds{table=\"quiet\""), std::string::npos) << text;
+  EXPECT_EQ(text.find("heron_writer_start_time_seconds{table=\"a\""), std::string::npos) << text;
+}
+
+// Regions of one entry size, replaced again and again by the writer: the
+// default series stay one per table and entry size, whatever the ids.
+Stat::Table churnedTable(std::uint32_t firstId) {
+  Stat::Table table = StatTest::healthyTable("churn");
+  table.allocator.regions = {
+      {firstId, 64, 100, 50, 1, true, {}}, {firstId + 1, 64, 100, 95, 0, true, {}}, {firstId + 2, 4096, 10, 1, 9, true, {}}};
+  return table;
+}
+
+TEST(StatRenderPrometheus, RegionSeriesArePerEntrySizeByDefault) {
+  const std::string text = exposition(StatTest::sampleOf({churnedTable(4000)}));
+  EXPECT_TRUE(has(text, "heron_regions{table=\"churn\",entry_size=\"64\"} 2")) << text;
+  EXPECT_TRUE(has(text, "heron_regions{table=\"churn\",entry_size=\"4096\"} 1"));
+  EXPECT_TRUE(has(text, "heron_region_units{table=\"churn\",entry_size=\"64\",state=\"used\"} 145"));
+  EXPECT_TRUE(has(text, "heron_region_units{table=\"churn\",entry_size=\"64\",state=\"free\"} 55"));
+  EXPECT_TRUE(has(text, "heron_region_units{table=\"churn\",entry_size=\"4096\",state=\"free\"} 9"));
+  // The fullest region of each size.
+  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\"} 0.95"));
+  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"4096\"} 0.1"));
+  EXPECT_EQ(text.find("region=\""), std::string::npos) << text;
+  // Other ids, the same series.
+  auto seriesOf = [](const std::string& exposition) {
+    std::string names;
+    std::istringstream in(exposition);
+    for (std::string line; std::getline(in, line);) {
+      names += line.substr(0, line.rfind(' ')) + "\n";
+    }
+    return names;
+  };
+  EXPECT_EQ(seriesOf(text), seriesOf(exposition(StatTest::sampleOf({churnedTable(17)}))));
+}
+
+TEST(StatRenderPrometheus, RegionSeriesPerIdOnRequest) {
+  Stat::Sample sample = StatTest::sampleOf({churnedTable(4000)});
+  sample.perRegionSeries = true;
+  const std::string text = exposition(sample);
+  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\",region=\"4000\"} 0.5")) << text;
+  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\",region=\"4001\"} 0.95"));
+  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"4096\",region=\"4002\"} 0.1"));
+  EXPECT_FALSE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\"} 0.95"));
+  EXPECT_TRUE(has(text, "heron_regions{table=\"churn\",entry_size=\"64\"} 2"));
 }
 
 TEST(StatRenderPrometheus, UnknownFiguresAreLeftOutNotZero) {
@@ -81,6 +168,7 @@ TEST(StatRenderPrometheus, AnArchiveWithoutWriterHasNoWriterMetrics) {
   table.writer = Stat::Writer{};
   const std::string text = exposition(StatTest::sampleOf({table}));
   EXPECT_EQ(text.find("heron_writer_up{"), std::string::npos);
+  EXPECT_EQ(text.find("heron_writer_start_time_seconds{"), std::string::npos);
   EXPECT_TRUE(has(text, "heron_table_state{table=\"old\",state=\"ok\"} 1"));
 }
 
@@ -90,6 +178,7 @@ TEST(StatRenderPrometheus, AnArchiveWhoseOldWriterIsGoneHasNoWriterMetrics) {
   table.writer.alive = Stat::Seen::No;
   const std::string text = exposition(StatTest::sampleOf({table}));
   EXPECT_EQ(text.find("heron_writer_up{"), std::string::npos) << text;
+  EXPECT_EQ(text.find("heron_writer_start_time_seconds{"), std::string::npos) << text;
 }
 
 TEST(StatRenderPrometheus, LabelValuesAreEscaped) {
