@@ -291,7 +291,9 @@ int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool
               const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
               bool queues, Heron::Style style) {
   std::ostream* out = &output.stream();
-  const std::string outputFile = output.isFile() ? output.name() : std::string();
+  // The region scanner opens its own stream: on the file already checked and
+  // opened, never on the name again.
+  const std::string outputFile = output.sharedName();
   Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
   Mem::OrbRootPath root(handler, std::string(tableName), true);
   SharedMem::OwnerFile owner(handler, root, false);

@@ -6,7 +6,9 @@
 // root, the table's directory) or when it lies in any table's directory,
 // wherever that is: heron never writes into a table. The check resolves
 // symbolic links first; a dangling link is refused, since opening it would
-// create its target.
+// create its target. A file that is not a regular file (a FIFO, a device) is
+// refused without waiting, and so is a file that is one of the files under a
+// protected directory by another name (a hard link).
 //
 // Every write is checked. While this object lives, std::cout writes through
 // a checking buffer that hands everything on to the buffer std::cout had
@@ -93,6 +95,11 @@ class ReportOutput {
     }
   }
   bool isFile() const { return stream_ == &file_; }
+  // A name that opens the very file open() checked (through its
+  // descriptor), for a writer that opens its own stream on the output; empty
+  // for standard output. Opening the -f name again could meet another file
+  // swapped in since.
+  std::string sharedName() const;
   // The name the error line uses: the file name or "standard output".
   const std::string& name() const { return name_; }
   // Flushes; false after "Error writing <output>: <error>" when any write
