@@ -175,6 +175,14 @@ TEST_F(CliOutput, FailedWriteToTheOutputFileFailsWithOneLine) {
       same(limited({"-f", file, "-A"}), ::getuid() == 0 ? "" : "You should run this command as root.\n", tooLarge, 1));
 }
 
+TEST_F(CliOutput, HelpThatCannotBeWrittenFails) {
+  const std::string full = "Error writing standard output: No space left on device\n";
+  EXPECT_TRUE(same(heronRedirected(">/dev/full", {"-h"}), "", full, 1));
+  EXPECT_TRUE(
+      same(heronRedirected(">/dev/full", {"--bogus"}), "", heronBin() + ": unrecognized option '--bogus'\n" + full, 1));
+  EXPECT_TRUE(same(heronRedirected(">&-", {"--help"}), "", "Error writing standard output: Bad file descriptor\n", 1));
+}
+
 TEST_F(CliOutput, ClosedStandardOutputFailsEveryReport) {
   const std::string closed = "Error writing standard output: Bad file descriptor\n";
   for (const char* option : {"-s", "-d", "-R", "-q", "-a", "-w"}) {
