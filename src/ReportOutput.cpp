@@ -140,10 +140,9 @@ bool holdsFile(int dirFd, const struct stat& target, int depth) {
   return found;
 }
 
-// True when the open file `st` is a file of a table: one of the protected
-// directories holds it under some name (a hard link made elsewhere is the
-// same file).
-bool isTableFile(const struct stat& st, const std::vector<std::string>& protectedDirs) {
+}  // namespace
+
+bool isFileUnder(const struct stat& st, const std::vector<std::string>& protectedDirs) {
   for (const std::string& name : protectedDirs) {
     const int dir = ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) {
@@ -161,23 +160,32 @@ bool isTableFile(const struct stat& st, const std::vector<std::string>& protecte
   return false;
 }
 
+namespace {
+
 // Opens the report file for writing, or -1. Only a regular file that is no
-// table's file is ever opened for writing or truncated: a FIFO or a device is
-// refused before the open for writing, and O_NONBLOCK keeps one swapped in
-// meanwhile from blocking the open. The file is truncated only once checked.
+// table's file is ever opened for writing: a FIFO, a device or a table's file
+// by another name is refused before any open, and the file opened must be
+// the one checked (a new name is created, never found; an existing one must
+// still be the same file). O_NONBLOCK keeps a FIFO swapped in meanwhile from
+// blocking the open. The file is truncated only once checked.
 int openReportFile(const std::string& name, const std::vector<std::string>& protectedDirs) {
   struct stat before {};
   const bool existed = ::stat(name.c_str(), &before) == 0;
-  if ((existed && !S_ISREG(before.st_mode)) || isProtectedOutput(name, protectedDirs)) {
+  if (existed && (!S_ISREG(before.st_mode) || isFileUnder(before, protectedDirs))) {
     return -1;
   }
-  const int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+  if (isProtectedOutput(name, protectedDirs)) {
+    return -1;
+  }
+  const int create = existed ? 0 : O_CREAT | O_EXCL;
+  const int fd = ::open(name.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | create, 0666);
   if (fd < 0) {
     return -1;
   }
   struct stat st {};
-  const bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
-  if (!regular || isTableFile(st, protectedDirs) || ::ftruncate(fd, 0) != 0) {
+  const bool same = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                    (!existed || (st.st_dev == before.st_dev && st.st_ino == before.st_ino));
+  if (!same || ::ftruncate(fd, 0) != 0) {
     ::close(fd);
     return -1;
   }

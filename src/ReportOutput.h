@@ -18,6 +18,8 @@
 // "Error writing <output>: <system error>".
 #pragma once
 
+#include <sys/stat.h>
+
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -121,5 +123,10 @@ class ReportOutput {
 // or lies in a table's directory (one that holds an `owner` file); also true
 // for a dangling symbolic link.
 bool isProtectedOutput(const std::string& name, const std::vector<std::string>& protectedDirs);
+
+// True when the file `st` describes is one of the files under `dirs` (on
+// their own file systems), by whatever name it was reached: a hard link made
+// elsewhere to a table's file is that file.
+bool isFileUnder(const struct stat& st, const std::vector<std::string>& dirs);
 
 }  // namespace Heron
