@@ -143,12 +143,12 @@ struct Table {
 
 struct Sample {
   std::string root;
-  double timeSeconds = 0;         // wall clock at the start, since the epoch
-  double monotonicSeconds = 0;    // the same moment on CLOCK_MONOTONIC
-  double durationSeconds = 0;     // time the sample took
-  double intervalSeconds = 0;     // between the samples the rates come from; 0: no rates
-  bool clientsWalked = false;     // the /proc walk ran
-  bool clientsKnown = false;      // ... and every process's maps could be read
+  double timeSeconds = 0;       // wall clock at the start, since the epoch
+  double monotonicSeconds = 0;  // the same moment on CLOCK_MONOTONIC
+  double durationSeconds = 0;   // time the sample took
+  double intervalSeconds = 0;   // between the samples the rates come from; 0: no rates
+  bool clientsWalked = false;   // the /proc walk ran
+  bool clientsKnown = false;    // ... and every process's maps could be read
   // The root exists, is a directory and could be listed; rootError says why
   // not. A wrong root is never "no tables, all fine".
   bool rootOk = true;
