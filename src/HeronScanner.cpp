@@ -3,6 +3,8 @@
 
 #include <getopt.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
@@ -67,6 +69,20 @@ void printHelp() {
   std::cout << kDescription;
   std::cout << kUsage;
   std::cout.flush();
+}
+
+// -r's number: base 10, text that is not a number is 0, trailing text is
+// ignored and a negative number wraps to a large id. A value that does not
+// fit in 32 bits is refused: truncated, it would name another region (and
+// differently in a 32- and a 64-bit build).
+bool parseRegionId(const char* text, unsigned& id) {
+  errno = 0;
+  const long long value = std::strtoll(text, nullptr, 10);
+  if (errno == ERANGE || value > static_cast<long long>(UINT32_MAX) || value < static_cast<long long>(INT32_MIN)) {
+    return false;
+  }
+  id = static_cast<unsigned>(value);
+  return true;
 }
 
 using RelayHeader = Heron::RelayHelperScanner::Header;
@@ -187,13 +203,16 @@ int main(int argc, char** argv) {
       case 'f':
         outputFile = optarg;
         break;
-      case 'r':
-        // No error checking by design: garbage is 0, negatives wrap. A value
-        // past the range of long saturates first, so a huge id differs
-        // between the 32- and 64-bit builds.
-        regionIds.insert(static_cast<unsigned>(std::strtol(optarg, nullptr, 10)));
+      case 'r': {
+        unsigned id = 0;
+        if (!parseRegionId(optarg, id)) {
+          std::cerr << "Invalid region id " << Beacon::Util::escapeText(optarg) << ": out of range" << std::endl;
+          return 1;
+        }
+        regionIds.insert(id);
         regions = true;
         break;
+      }
       case 'c': {
         int value = 0;
         try {
@@ -209,9 +228,12 @@ int main(int argc, char** argv) {
         pid = value;
         break;
       }
-      default:  // -h, --help, an unknown option or a missing argument
+      default: {  // -h, --help, an unknown option or a missing argument
+        // The help is a report too: a failed write of it is a failure.
+        ReportOutput output;
         printHelp();
-        return 0;
+        return output.finish() ? 0 : 1;
+      }
     }
   }
 
@@ -291,7 +313,9 @@ int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool
               const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
               bool queues, Heron::Style style) {
   std::ostream* out = &output.stream();
-  const std::string outputFile = output.isFile() ? output.name() : std::string();
+  // The region scanner opens its own stream: on the file already checked and
+  // opened, never on the name again.
+  const std::string outputFile = output.sharedName();
   Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
   Mem::OrbRootPath root(handler, std::string(tableName), true);
   SharedMem::OwnerFile owner(handler, root, false);

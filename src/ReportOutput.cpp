@@ -1,5 +1,6 @@
 #include "ReportOutput.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -100,6 +101,99 @@ bool isProtectedOutput(const std::string& name, const std::vector<std::string>& 
   return ::lstat((parent + "/owner").c_str(), &owner) == 0;
 }
 
+namespace {
+
+// Table directories nest (names are paths) but not deeply; a bound keeps a
+// directory loop made with bind mounts from running away.
+constexpr int kWalkDepth = 64;
+
+// True when a file under the directory `dirFd` (which it closes), on the
+// directory's own file system, is the file `target`.
+bool holdsFile(int dirFd, const struct stat& target, int depth) {
+  DIR* dir = ::fdopendir(dirFd);
+  if (dir == nullptr) {
+    ::close(dirFd);
+    return false;
+  }
+  bool found = false;
+  while (!found) {
+    const struct dirent* entry = ::readdir(dir);
+    if (entry == nullptr) {
+      break;
+    }
+    const std::string entryName = entry->d_name;
+    if (entryName == "." || entryName == "..") {
+      continue;
+    }
+    struct stat st {};
+    if (::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_dev != target.st_dev) {
+      continue;
+    }
+    if (st.st_ino == target.st_ino) {
+      found = true;
+    } else if (S_ISDIR(st.st_mode) && depth > 0) {
+      const int sub = ::openat(::dirfd(dir), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      found = sub >= 0 && holdsFile(sub, target, depth - 1);
+    }
+  }
+  ::closedir(dir);
+  return found;
+}
+
+}  // namespace
+
+bool isFileUnder(const struct stat& st, const std::vector<std::string>& protectedDirs) {
+  for (const std::string& name : protectedDirs) {
+    const int dir = ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) {
+      continue;
+    }
+    struct stat dirStat {};
+    if (::fstat(dir, &dirStat) != 0 || dirStat.st_dev != st.st_dev) {
+      ::close(dir);  // another file system cannot hold it
+      continue;
+    }
+    if (holdsFile(dir, st, kWalkDepth)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+namespace {
+
+// Opens the report file for writing, or -1. Only a regular file that is no
+// table's file is ever opened for writing: a FIFO, a device or a table's file
+// by another name is refused before any open, and the file opened must be
+// the one checked (a new name is created, never found; an existing one must
+// still be the same file). O_NONBLOCK keeps a FIFO swapped in meanwhile from
+// blocking the open. The file is truncated only once checked.
+int openReportFile(const std::string& name, const std::vector<std::string>& protectedDirs) {
+  struct stat before {};
+  const bool existed = ::stat(name.c_str(), &before) == 0;
+  if (existed && (!S_ISREG(before.st_mode) || isFileUnder(before, protectedDirs))) {
+    return -1;
+  }
+  if (isProtectedOutput(name, protectedDirs)) {
+    return -1;
+  }
+  const int create = existed ? 0 : O_CREAT | O_EXCL;
+  const int fd = ::open(name.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | create, 0666);
+  if (fd < 0) {
+    return -1;
+  }
+  struct stat st {};
+  const bool same = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                    (!existed || (st.st_dev == before.st_dev && st.st_ino == before.st_ino));
+  if (!same || ::ftruncate(fd, 0) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
 void CheckingBuffer::record() {
   if (error_ == 0) {
     error_ = errno != 0 ? errno : EIO;
@@ -154,9 +248,7 @@ bool ReportOutput::open(const std::string& name, const std::vector<std::string>&
   if (name.empty()) {
     return true;
   }
-  if (!isProtectedOutput(name, protectedDirs)) {
-    fd_ = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666);
-  }
+  fd_ = openReportFile(name, protectedDirs);
   if (fd_ < 0) {
     std::cerr << "Error opening " << name << std::endl;
     return false;
@@ -165,6 +257,10 @@ bool ReportOutput::open(const std::string& name, const std::vector<std::string>&
   stream_ = &file_;
   name_ = name;
   return true;
+}
+
+std::string ReportOutput::sharedName() const {
+  return fd_ >= 0 ? "/proc/self/fd/" + std::to_string(fd_) : std::string();
 }
 
 bool ReportOutput::finish() {

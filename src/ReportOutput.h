@@ -6,7 +6,9 @@
 // root, the table's directory) or when it lies in any table's directory,
 // wherever that is: heron never writes into a table. The check resolves
 // symbolic links first; a dangling link is refused, since opening it would
-// create its target.
+// create its target. A file that is not a regular file (a FIFO, a device) is
+// refused without waiting, and so is a file that is one of the files under a
+// protected directory by another name (a hard link).
 //
 // Every write is checked. While this object lives, std::cout writes through
 // a checking buffer that hands everything on to the buffer std::cout had
@@ -15,6 +17,8 @@
 // finish() flushes and reports the first failed write as one line,
 // "Error writing <output>: <system error>".
 #pragma once
+
+#include <sys/stat.h>
 
 #include <ostream>
 #include <streambuf>
@@ -93,6 +97,11 @@ class ReportOutput {
     }
   }
   bool isFile() const { return stream_ == &file_; }
+  // A name that opens the very file open() checked (through its
+  // descriptor), for a writer that opens its own stream on the output; empty
+  // for standard output. Opening the -f name again could meet another file
+  // swapped in since.
+  std::string sharedName() const;
   // The name the error line uses: the file name or "standard output".
   const std::string& name() const { return name_; }
   // Flushes; false after "Error writing <output>: <error>" when any write
@@ -114,5 +123,10 @@ class ReportOutput {
 // or lies in a table's directory (one that holds an `owner` file); also true
 // for a dangling symbolic link.
 bool isProtectedOutput(const std::string& name, const std::vector<std::string>& protectedDirs);
+
+// True when the file `st` describes is one of the files under `dirs` (on
+// their own file systems), by whatever name it was reached: a hard link made
+// elsewhere to a table's file is that file.
+bool isFileUnder(const struct stat& st, const std::vector<std::string>& dirs);
 
 }  // namespace Heron

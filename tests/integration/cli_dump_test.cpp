@@ -242,6 +242,27 @@ TEST_F(CliDump, RegionIdThatIsNotANumberIsZero) {
   EXPECT_TRUE(same(heron({"-r", "0", "-r", "x", "tab"}), zero.out, kTableName, 0));
 }
 
+TEST_F(CliDump, RegionIdKeepsTrailingTextAndWrapsNegatives) {
+  RunResult seven = heron({"-r", "7", "tab"});
+  EXPECT_TRUE(same(heron({"-r", "7abc", "tab"}), seven.out, kTableName, 0));
+  EXPECT_TRUE(same(heron({"-r", " +7", "tab"}), seven.out, kTableName, 0));
+  RunResult last = heron({"-r", "4294967295", "tab"});
+  EXPECT_TRUE(same(last, last.out, kTableName, 0));
+  EXPECT_TRUE(same(heron({"-r", "-1", "tab"}), last.out, kTableName, 0));
+  RunResult wrapped = heron({"-r", "2147483648", "tab"});
+  EXPECT_TRUE(same(heron({"-r", "-2147483648", "tab"}), wrapped.out, kTableName, 0));
+}
+
+TEST_F(CliDump, RegionIdOutsideThirtyTwoBitsIsRefused) {
+  // Cut to 32 bits, 4294967297 would name region 1.
+  for (const char* id : {"4294967296", "4294967297", "-2147483649", "99999999999999999999", "-99999999999999999999"}) {
+    SCOPED_TRACE(id);
+    EXPECT_TRUE(same(heron({"-r", id, "tab"}), "", std::string("Invalid region id ") + id + ": out of range\n", 1));
+  }
+  // Refused while parsing, like a bad pid: later options are not looked at.
+  EXPECT_TRUE(same(heron({"-r", "4294967297", "-h"}), "", "Invalid region id 4294967297: out of range\n", 1));
+}
+
 TEST_F(CliDump, RelayReaderFailureAfterTheRegionScanner) {
   ASSERT_EQ(::unlink((table + "/relay.1").c_str()), 0);
   EXPECT_TRUE(same(heron({"-s", "tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));

@@ -1,6 +1,7 @@
 // The report's output: a -f file never lands in the collection root or in a
 // table, and a report that cannot be written is a failure.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -97,14 +98,89 @@ TEST_F(CliOutput, FullDeviceOnStandardOutputFails) {
       same(result, "", std::string(kTableName) + "Error writing standard output: No space left on device\n", 1));
 }
 
-TEST_F(CliOutput, FullDeviceAsOutputFileFailsWithOneLine) {
+TEST_F(CliOutput, DeviceAsOutputFileIsRefused) {
   for (const char* option : {"-s", "-R", "-q", "-a", "-w"}) {
     SCOPED_TRACE(option);
-    EXPECT_TRUE(same(heron({"-f", "/dev/full", option, "t"}), "",
-                     std::string(kTableName) + "Error writing /dev/full: No space left on device\n", 1));
+    EXPECT_TRUE(
+        same(heron({"-f", "/dev/full", option, "t"}), "", std::string(kTableName) + "Error opening /dev/full\n", 1));
   }
-  EXPECT_TRUE(same(heron({"-f", "/dev/full", "-A"}), ::getuid() == 0 ? "" : "You should run this command as root.\n",
-                   "Error writing /dev/full: No space left on device\n", 1));
+  EXPECT_TRUE(same(heron({"-f", "/dev/full", "-A"}), "", "Error opening /dev/full\n", 1));
+}
+
+TEST_F(CliOutput, FifoAsOutputFileIsRefusedWithoutWaiting) {
+  TempDir outside("heron-output");
+  const std::string fifo = outside.path() + "/fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+  // Nobody reads the FIFO: an open for writing would wait for ever.
+  EXPECT_TRUE(same(heron({"-f", fifo, "-s", "t"}), "", std::string(kTableName) + "Error opening " + fifo + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", fifo, "-c", std::to_string(::getpid())}), "", "Error opening " + fifo + "\n", 1));
+}
+
+TEST_F(CliOutput, HardLinkToATableFileIsRefusedAndLeftWhole) {
+  TempDir outside("heron-output");
+  for (const char* name : {"t/relay.1", "t/owner", "t/quarry"}) {
+    SCOPED_TRACE(name);
+    const std::string file = root.file(name);
+    const std::string before = readFile(file);
+    ASSERT_FALSE(before.empty());
+    const std::string link = outside.path() + "/out";
+    ::unlink(link.c_str());
+    ASSERT_EQ(::link(file.c_str(), link.c_str()), 0);
+    // A relative name, from a directory outside the root.
+    EXPECT_TRUE(same(heron({"-s", "-f", "out", "t"}, {}, outside.path()), "",
+                     std::string(kTableName) + "Error opening out\n", 1));
+    EXPECT_TRUE(same(heron({"-A", "-f", link}), "", "Error opening " + link + "\n", 1));
+    EXPECT_EQ(readFile(file), before);
+  }
+}
+
+TEST_F(CliOutput, HardLinkToAFileOfATableOutsideTheRootIsRefused) {
+  TempRoot other;
+  ASSERT_TRUE(other.create("u"));
+  TempDir outside("heron-output");
+  const std::string link = outside.path() + "/out";
+  ASSERT_EQ(::link(other.file("u/relay.1").c_str(), link.c_str()), 0);
+  const std::string before = readFile(link);
+  // The table named by its full path: its directory is read, so protected.
+  EXPECT_TRUE(same(heron({"-s", "-f", link, other.file("u")}), "",
+                   "Table Name: " + other.file("u") + "\n\nError opening " + link + "\n", 1));
+  EXPECT_EQ(readFile(link), before);
+}
+
+TEST_F(CliOutput, AnExistingFileIsReplacedByTheReport) {
+  TempDir outside("heron-output");
+  const std::string file = outside.path() + "/stats";
+  ASSERT_TRUE(same(run({"/bin/sh", "-c", "yes old | head -c 100000 >\"$0\"", file}, {}), "", "", 0));
+  EXPECT_TRUE(same(heron({"-f", file, "-s", "t"}), "", kTableName, 0));
+  const std::string written = readFile(file);
+  EXPECT_EQ(written.find("old"), std::string::npos);
+  EXPECT_NE(written.find("Region allocator statistics"), std::string::npos);
+}
+
+TEST_F(CliOutput, FailedWriteToTheOutputFileFailsWithOneLine) {
+  TempDir outside("heron-output");
+  const std::string file = outside.path() + "/out";
+  // A file size limit of 0 with SIGXFSZ ignored: every write fails (EFBIG).
+  auto limited = [this](const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {"/bin/sh", "-c", "ulimit -f 0; trap '' XFSZ; exec \"$0\" \"$@\"", heronBin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv, root.env());
+  };
+  const std::string tooLarge = "Error writing " + file + ": File too large\n";
+  for (const char* option : {"-s", "-R", "-q", "-a", "-w"}) {
+    SCOPED_TRACE(option);
+    EXPECT_TRUE(same(limited({"-f", file, option, "t"}), "", std::string(kTableName) + tooLarge, 1));
+  }
+  EXPECT_TRUE(
+      same(limited({"-f", file, "-A"}), ::getuid() == 0 ? "" : "You should run this command as root.\n", tooLarge, 1));
+}
+
+TEST_F(CliOutput, HelpThatCannotBeWrittenFails) {
+  const std::string full = "Error writing standard output: No space left on device\n";
+  EXPECT_TRUE(same(heronRedirected(">/dev/full", {"-h"}), "", full, 1));
+  EXPECT_TRUE(
+      same(heronRedirected(">/dev/full", {"--bogus"}), "", heronBin() + ": unrecognized option '--bogus'\n" + full, 1));
+  EXPECT_TRUE(same(heronRedirected(">&-", {"--help"}), "", "Error writing standard output: Bad file descriptor\n", 1));
 }
 
 TEST_F(CliOutput, ClosedStandardOutputFailsEveryReport) {

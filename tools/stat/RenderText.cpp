@@ -8,9 +8,12 @@
 // writer's pid in a PID namespace out of sight, judged by its heartbeat
 // (a line under the table says so).
 #include <fmt/format.h>
+#include <locale.h>
+#include <wchar.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cwchar>
 #include <vector>
 
 #include "Health.h"
@@ -22,14 +25,52 @@ namespace {
 
 constexpr const char* kNone = "-";
 
-// Width on a terminal: UTF-8 continuation bytes take no column.
-std::size_t columns(const std::string& text) {
-  std::size_t width = 0;
-  for (unsigned char c : text) {
-    width += (c & 0xC0U) != 0x80U ? 1 : 0;
+// Columns a text takes on a terminal: a wide character (CJK, most emoji)
+// two, a combining or zero-width one none. The text went through
+// printable(), so it is well-formed UTF-8 without control characters. The
+// C.UTF-8 locale answers, made current for this thread only while the object
+// lives, so that the program's own locale is left alone; without it, every
+// character counts one column.
+class DisplayWidth {
+ public:
+  DisplayWidth() : locale_(::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr))) {
+    if (locale_ != static_cast<locale_t>(nullptr)) {
+      saved_ = ::uselocale(locale_);
+    }
   }
-  return width;
-}
+  ~DisplayWidth() {
+    if (locale_ != static_cast<locale_t>(nullptr)) {
+      ::uselocale(saved_);
+      ::freelocale(locale_);
+    }
+  }
+  DisplayWidth(const DisplayWidth&) = delete;
+  DisplayWidth& operator=(const DisplayWidth&) = delete;
+
+  std::size_t operator()(const std::string& text) const {
+    std::size_t width = 0;
+    std::mbstate_t state{};
+    for (std::size_t at = 0; at < text.size();) {
+      wchar_t wide = 0;
+      const std::size_t length = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
+      if (locale_ == static_cast<locale_t>(nullptr) || length == 0 || length > text.size() - at) {
+        // No locale, or not a character of it: a column per lead byte.
+        width += (static_cast<unsigned char>(text[at]) & 0xC0U) != 0x80U ? 1 : 0;
+        state = std::mbstate_t{};
+        ++at;
+        continue;
+      }
+      const int columns = ::wcwidth(wide);
+      width += columns < 0 ? 1 : static_cast<std::size_t>(columns);
+      at += length;
+    }
+    return width;
+  }
+
+ private:
+  locale_t locale_;
+  locale_t saved_ = static_cast<locale_t>(nullptr);
+};
 
 std::string age(const std::optional<double>& seconds) {
   if (!seconds) {
@@ -131,6 +172,7 @@ std::string renderText(const Sample& sample) {
   for (const Table& table : sample.tables) {
     rows.push_back(row(table));
   }
+  const DisplayWidth columns;
   std::vector<std::size_t> widths(kHeader.size(), 0);
   for (const auto& cells : rows) {
     for (std::size_t i = 0; i < cells.size(); ++i) {

@@ -2,6 +2,7 @@
 // with --watch, once per scrape with --listen.
 #include <fmt/format.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,9 +39,19 @@ class StopSignals {
       ::sigaddset(&set_, stop);
     }
     ::sigprocmask(SIG_BLOCK, &set_, nullptr);
+    // Readable while one of them is pending: a write that waits for its
+    // reader waits for this too.
+    fd_ = ::signalfd(-1, &set_, SFD_CLOEXEC | SFD_NONBLOCK);
+  }
+  ~StopSignals() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
   }
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
+
+  int fd() const { return fd_; }
 
   // Waits until the monotonic time `until`; true when a signal came first.
   bool waitUntil(double until) {
@@ -65,6 +76,7 @@ class StopSignals {
 
  private:
   sigset_t set_;
+  int fd_ = -1;
 };
 
 std::string render(const Options& options, Sample& sample) {
@@ -90,19 +102,24 @@ std::string watchTitle(const Options& options, const Sample& sample) {
 
 class Emitter {
  public:
-  explicit Emitter(const Options& options) : options_(options) {}
-  bool emit(const std::string& text) {
+  Emitter(const Options& options, const StopSignals& signals) : options_(options), signals_(signals) {}
+  Written emit(const std::string& text) {
     std::string error;
-    const bool ok =
-        options_.output.empty() ? writeAll(STDOUT_FILENO, text, error) : replaceFile(options_.output, text, error);
-    if (!ok) {
+    Written result = Written::All;
+    if (!options_.output.empty()) {
+      result = replaceFile(options_.output, text, error) ? Written::All : Written::Failed;
+    } else {
+      result = writeUnlessStopped(STDOUT_FILENO, text, signals_.fd(), error);
+    }
+    if (result == Written::Failed) {
       std::cerr << "heron-stat: cannot write the report: " << printable(error) << std::endl;
     }
-    return ok;
+    return result;
   }
 
  private:
   const Options& options_;
+  const StopSignals& signals_;
 };
 
 int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
@@ -134,8 +151,9 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
     } else if (blocks) {
       text = (first ? "" : "\n") + watchTitle(options, sample) + text;
     }
-    if (!emitter.emit(text)) {
-      return 1;
+    const Written written = emitter.emit(text);
+    if (written != Written::All) {
+      return written == Written::Stopped ? 0 : 1;
     }
     previous = std::move(sample);
     first = false;
@@ -169,23 +187,27 @@ int check(const Options& options, Emitter& emitter) {
   }
   assess(sample, options.thresholds);
   const Verdict verdict = renderCheck(sample, options.thresholds);
-  return emitter.emit(verdict.text) ? verdict.status : 3;
+  const Written written = emitter.emit(verdict.text);
+  return written == Written::All ? verdict.status : (written == Written::Stopped ? 130 : 3);
 }
 
 }  // namespace
 
 int run(const Options& options) {
   ::signal(SIGPIPE, SIG_IGN);
-  if (!options.output.empty() && insideRoot(options.output, Mem::OrbRootPath::collectionRoot())) {
-    const std::string refusal =
-        "refusing to write " + printable(options.output) + " inside the collection root (see heron-stat --help)";
-    // A usage error, which a monitoring host reads as UNKNOWN.
-    if (options.check) {
-      std::cout << "HERON UNKNOWN - usage error: " << refusal << std::endl;
-      return 3;
+  if (!options.output.empty()) {
+    const std::string why = refusedOutput(options.output, Mem::OrbRootPath::collectionRoot());
+    if (!why.empty()) {
+      const std::string refusal =
+          "refusing to write " + printable(options.output) + " " + why + " (see heron-stat --help)";
+      // A usage error, which a monitoring host reads as UNKNOWN.
+      if (options.check) {
+        std::cout << "HERON UNKNOWN - usage error: " << refusal << std::endl;
+        return 3;
+      }
+      std::cerr << "heron-stat: " << refusal << std::endl;
+      return 2;
     }
-    std::cerr << "heron-stat: " << refusal << std::endl;
-    return 2;
   }
   if (!options.listen.empty()) {
     ListenAddress where;
@@ -204,7 +226,7 @@ int run(const Options& options) {
         std::cout, std::cerr);
   }
   StopSignals signals;
-  Emitter emitter(options);
+  Emitter emitter(options, signals);
   if (options.watch) {
     return watch(options, signals, emitter);
   }
@@ -221,8 +243,9 @@ int run(const Options& options) {
     deriveRates(sample, later);
     sample = std::move(later);
   }
-  if (!emitter.emit(render(options, sample))) {
-    return 1;
+  const Written written = emitter.emit(render(options, sample));
+  if (written != Written::All) {
+    return written == Written::Stopped ? 130 : 1;
   }
   // A root that cannot be listed or an EXPR that matches nothing is said in
   // the report, and fails the run.

@@ -96,6 +96,25 @@ TEST(StatRenderText, NonAsciiNamesKeepTheirColumnsAligned) {
   EXPECT_EQ(all[1].find("ok"), all[2].find("ok") + 1);
 }
 
+TEST(StatRenderText, WideAndCombiningCharactersAreAlignedByTheirColumns) {
+  // "md/" and three CJK characters of two columns each: 9 columns, 12 bytes,
+  // 6 characters. "e" with a combining acute accent twice: 2 columns.
+  Stat::Table wide = StatTest::healthyTable("md/\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e");
+  Stat::Table combining = StatTest::healthyTable(
+      "e\xcc\x81"
+      "e\xcc\x81");
+  Stat::Table plain = StatTest::healthyTable("orders");
+  const std::vector<std::string> all = lines(rendered(StatTest::sampleOf({wide, combining, plain})));
+  ASSERT_GE(all.size(), 4U);
+  EXPECT_EQ(all[0].substr(0, 13), "TABLE      ST") << all[0];
+  EXPECT_EQ(all[1].substr(0, 16), "md/\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e  ok") << all[1];
+  EXPECT_EQ(all[2].substr(0, 17),
+            "e\xcc\x81"
+            "e\xcc\x81         ok")
+      << all[2];
+  EXPECT_EQ(all[3].substr(0, 13), "orders     ok") << all[3];
+}
+
 TEST(StatRenderText, AnEmptyCollectionSaysSo) {
   const std::vector<std::string> all = lines(rendered(StatTest::sampleOf({})));
   ASSERT_EQ(all.size(), 2U);
