@@ -54,6 +54,7 @@ wait_for_line "$WORK/service.out" '^listening on 127\.0\.0\.1:[0-9]*$' 10 ||
 port=$(sed -n 's/^listening on 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/service.out")
 [[ $(awk '/^Uid:/ {print $2}' "/proc/$SERVICE_PID/status") == "$uid" ]] || fail "the service does not run as $uid"
 curl -fsS "http://127.0.0.1:$port/metrics" >"$WORK/metrics" || fail "GET /metrics failed"
+grep -qx 'heron_stat_clients_known 1' "$WORK/metrics" || fail "clients unknown to the service: $(grep clients_known "$WORK/metrics")"
 grep -qx 'heron_writer_up{table="watched"} 1' "$WORK/metrics" || fail "the writer is not confirmed: $(grep writer_up "$WORK/metrics")"
 grep -qx 'heron_table_shadows{table="watched"} 1' "$WORK/metrics" ||
   fail "the service does not count the shadow: $(grep -c heron_table_shadows "$WORK/metrics") shadow lines"
@@ -61,9 +62,11 @@ stop_pid "$SERVICE_PID" || fail "the service did not stop cleanly on SIGTERM"
 
 json=$("${as_service[@]}" "${exec_start[0]}" --json -i 0) || fail "heron-stat --json as the service's user failed"
 [[ $(jq -r '.tables[0].clients.known' <<<"$json") == true ]] || fail "clients unknown as the service's user: $json"
+[[ $(jq -r '.clients_known' <<<"$json") == true ]] || fail "the sample says clients unknown as the service's user: $json"
 [[ $(jq -r '.tables[0].writer.maps_table' <<<"$json") == true ]] || fail "writer mapping unconfirmed: $json"
 
 # The same user without the capability: clients unknown.
 json=$("${as_plain_user[@]}" "${exec_start[0]}" --json -i 0) || fail "heron-stat --json as a plain user failed"
 [[ $(jq -r '.tables[0].clients.known' <<<"$json") == false ]] || fail "clients known without CAP_SYS_PTRACE: $json"
+[[ $(jq -r '.clients_known' <<<"$json") == false ]] || fail "the sample says clients known without CAP_SYS_PTRACE: $json"
 echo PASS
