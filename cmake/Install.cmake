@@ -78,6 +78,8 @@ foreach(command ${HERON_COMMANDS})
 endforeach()
 install(FILES ${CMAKE_SOURCE_DIR}/docs/prometheus/prometheus.yml
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/prometheus COMPONENT tools)
+# The JSON Schema of heron-stat --json.
+install(FILES ${CMAKE_SOURCE_DIR}/docs/heron-stat.schema.json DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 # The rules with their unit tests, which run where they are installed.
 install(FILES ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts.yml ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts-idle.yml
   ${CMAKE_SOURCE_DIR}/docs/prometheus/heron-alerts.test.yml

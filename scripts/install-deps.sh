@@ -9,7 +9,7 @@ packages=(
   libcli11-dev libcpp-httplib-dev nlohmann-json3-dev pkg-config
   clang clang-tidy cppcheck clang-format binutils
   psmisc lsof strace util-linux procps man-db
-  prometheus tmux curl jq systemd
+  prometheus tmux curl jq python3-jsonschema systemd
   gnuplot-nox
   qemu-user
 )

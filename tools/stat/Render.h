@@ -20,6 +20,8 @@ std::string renderText(const Sample& sample);
 // not be read are null. Text is UTF-8 with every non-ASCII character
 // escaped; bytes that are not UTF-8 become U+FFFD.
 std::string renderJson(const Sample& sample);
+// The "schema" field of every --json document.
+constexpr int kJsonSchemaVersion = 1;
 
 // Tenths under 10 s ("0.2s"), then whole seconds as "59s", "3m05s",
 // "2h01m" or "3d04h".

@@ -149,6 +149,9 @@ Json table(const Table& table) {
 
 std::string renderJson(const Sample& sample) {
   Json out;
+  // The document's version (docs/heron-stat.schema.json): raised when a key
+  // changes meaning or goes; new keys keep it.
+  out["schema"] = kJsonSchemaVersion;
   out["time"] = sample.timeSeconds;
   out["root"] = sample.root;
   out["interval_seconds"] = sample.intervalSeconds;
