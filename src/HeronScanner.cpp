@@ -138,10 +138,10 @@ int printHeron(const std::string& typeName, const Mem::RootPath& /*root*/, std::
   return 1;
 }
 
-int main(int argc, char** argv) {
-  // The utility owns its process: a table file cut under one of its
-  // read-only mappings reads as zeros until the next size check reports it.
-  Beacon::MappingGuard::install();
+namespace {
+
+// What the command line asks for.
+struct Settings {
   std::string outputFile;
   bool who = false;
   bool stats = false;
@@ -154,7 +154,95 @@ int main(int argc, char** argv) {
   Style style = Text;
   int pid = 0;
   bool whoAll = false;
+};
 
+// The option's status when the command line ends the run, or none to go on.
+constexpr int kGoOn = -1;
+
+// -c PID: the first number in the text, as std::stoi reads it. Its error
+// lines are the documented ones, leading and trailing text and all.
+int readPid(const char* text, int& pid) {
+  int value = 0;
+  try {
+    value = std::stoi(text);
+  } catch (const std::exception& e) {
+    std::cerr << fmt::format("Error obtaining client with PID {}:{}\n", text, e.what()) << std::flush;
+    return 1;
+  }
+  if (value <= 0) {
+    std::cerr << fmt::format("{} is an invalid PID \n", value) << std::flush;
+    return 1;
+  }
+  pid = value;
+  return kGoOn;
+}
+
+// -r ID: refused when it does not fit the 32 bits of a region id.
+int readRegionId(const char* text, Settings& settings) {
+  unsigned id = 0;
+  if (!parseRegionId(text, id)) {
+    std::cerr << "Invalid region id " << Beacon::Util::escapeText(text) << ": out of range" << std::endl;
+    return 1;
+  }
+  settings.regionIds.insert(id);
+  settings.regions = true;
+  return kGoOn;
+}
+
+// One option into `settings`; kGoOn, or the status the run ends with.
+int readOption(int option, Settings& settings) {
+  switch (option) {
+    case 'a':
+      settings.queues = settings.regions = true;
+      return kGoOn;
+    case 'R':
+      settings.regions = true;
+      return kGoOn;
+    case 'q':
+      settings.queues = true;
+      return kGoOn;
+    case 's':
+      settings.stats = true;
+      return kGoOn;
+    case 'd':
+      settings.detail = true;
+      return kGoOn;
+    case 'e':
+      settings.printEmpty = true;
+      return kGoOn;
+    case 'O':
+      settings.sortByOccupancy = true;
+      return kGoOn;
+    case 'w':
+      settings.who = true;
+      return kGoOn;
+    case 'A':
+      settings.whoAll = true;
+      return kGoOn;
+    case 'j':
+      settings.style = Json;
+      return kGoOn;
+    case 'p':
+      settings.style = Pretty;
+      return kGoOn;
+    case 'f':
+      settings.outputFile = optarg;
+      return kGoOn;
+    case 'r':
+      return readRegionId(optarg, settings);
+    case 'c':
+      return readPid(optarg, settings.pid);
+    default: {  // -h, --help, an unknown option or a missing argument
+      // The help is a report too: a failed write of it is a failure.
+      ReportOutput output;
+      printHelp();
+      return output.finish() ? 0 : 1;
+    }
+  }
+}
+
+// Reads the options in order; kGoOn, or the status the run ends with.
+int readOptions(int argc, char** argv, Settings& settings) {
   static const struct option longOptions[] = {
       {"help", no_argument, nullptr, 'h'},
       {"what", required_argument, nullptr, 'c'},
@@ -162,95 +250,36 @@ int main(int argc, char** argv) {
       {"who-all", no_argument, nullptr, 'A'},
       {nullptr, 0, nullptr, 0},
   };
-
   int option = 0;
   while ((option = getopt_long(argc, argv, "adef:wc:AhjqRr:spO", longOptions, nullptr)) != -1) {
-    switch (option) {
-      case 'a':
-        queues = true;
-        regions = true;
-        break;
-      case 'R':
-        regions = true;
-        break;
-      case 'q':
-        queues = true;
-        break;
-      case 's':
-        stats = true;
-        break;
-      case 'd':
-        detail = true;
-        break;
-      case 'e':
-        printEmpty = true;
-        break;
-      case 'O':
-        sortByOccupancy = true;
-        break;
-      case 'w':
-        who = true;
-        break;
-      case 'A':
-        whoAll = true;
-        break;
-      case 'j':
-        style = Json;
-        break;
-      case 'p':
-        style = Pretty;
-        break;
-      case 'f':
-        outputFile = optarg;
-        break;
-      case 'r': {
-        unsigned id = 0;
-        if (!parseRegionId(optarg, id)) {
-          std::cerr << "Invalid region id " << Beacon::Util::escapeText(optarg) << ": out of range" << std::endl;
-          return 1;
-        }
-        regionIds.insert(id);
-        regions = true;
-        break;
-      }
-      case 'c': {
-        int value = 0;
-        try {
-          value = std::stoi(optarg);
-        } catch (const std::exception& e) {
-          std::cerr << fmt::format("Error obtaining client with PID {}:{}\n", optarg, e.what()) << std::flush;
-          return 1;
-        }
-        if (value <= 0) {
-          std::cerr << fmt::format("{} is an invalid PID \n", value) << std::flush;
-          return 1;
-        }
-        pid = value;
-        break;
-      }
-      default: {  // -h, --help, an unknown option or a missing argument
-        // The help is a report too: a failed write of it is a failure.
-        ReportOutput output;
-        printHelp();
-        return output.finish() ? 0 : 1;
-      }
+    const int status = readOption(option, settings);
+    if (status != kGoOn) {
+      return status;
     }
   }
+  return kGoOn;
+}
 
-  std::string expr = optind < argc ? argv[optind] : "";
-  Beacon::Platform::DebugHandler& handler = debugHandler();
-  Mem::OrbRootPath root(handler, "", false);
-
-  if (pid != 0 || whoAll) {
-    ReportOutput output;
-    if (!output.open(outputFile, {root.path()})) {
-      return 1;
-    }
-    HeronClientScanner scanner(&output.stream(), root, "");
-    const int status = whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(pid);
-    return output.finish() ? status : 1;
+int reportClients(const Settings& settings, const Mem::OrbRootPath& root) {
+  ReportOutput output;
+  if (!output.open(settings.outputFile, {root.path()})) {
+    return 1;
   }
+  HeronClientScanner scanner(&output.stream(), root, "");
+  const int status = settings.whoAll ? scanner.doGetAllClientInfo() : scanner.doGetTableInfo(settings.pid);
+  return output.finish() ? status : 1;
+}
 
+int printMatch(const Settings& settings, const std::string& name) {
+  return printTable(settings.outputFile, name.c_str(), settings.who, settings.stats, settings.regions,
+                    settings.regionIds, settings.detail, settings.sortByOccupancy, settings.printEmpty, settings.queues,
+                    settings.style);
+}
+
+// The table dump of the one table EXPR names; the documented lines when it
+// names none or several.
+int dumpMatchingTable(const Settings& settings, const std::string& expr, Beacon::Platform::DebugHandler& handler,
+                      const Mem::OrbRootPath& root) {
   Mem::TableFinder finder(handler, root);
   finder.find(expr.c_str(), SharedMem::Table);
   const std::vector<std::string>& matches = finder.matches();
@@ -264,8 +293,7 @@ int main(int argc, char** argv) {
   }
   if (matches.size() == 1) {
     std::cerr << "Table Name: " << Beacon::Util::escapeText(matches.front()) << std::endl << std::endl;
-    return printTable(outputFile, matches.front().c_str(), who, stats, regions, regionIds, detail, sortByOccupancy,
-                      printEmpty, queues, style);
+    return printMatch(settings, matches.front());
   }
   if (!expr.empty() && expr.back() != '*') {
     for (const std::string& match : matches) {
@@ -273,8 +301,7 @@ int main(int argc, char** argv) {
         std::cerr << "Exact match found. There are other matches. "
                   << "To see the other matches, try using the following:" << std::endl;
         std::cerr << "    '" << Beacon::Util::escapeText(expr) << "*'" << std::endl;
-        return printTable(outputFile, expr.c_str(), who, stats, regions, regionIds, detail, sortByOccupancy, printEmpty,
-                          queues, style);
+        return printMatch(settings, expr);
       }
     }
   }
@@ -284,6 +311,26 @@ int main(int argc, char** argv) {
     std::cerr << "  - " << Beacon::Util::escapeText(match) << std::endl;
   }
   return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // The utility owns its process: a table file cut under one of its
+  // read-only mappings reads as zeros until the next size check reports it.
+  Beacon::MappingGuard::install();
+  Settings settings;
+  const int status = readOptions(argc, argv, settings);
+  if (status != kGoOn) {
+    return status;
+  }
+  const std::string expr = optind < argc ? argv[optind] : "";
+  Beacon::Platform::DebugHandler& handler = debugHandler();
+  const Mem::OrbRootPath root(handler, "", false);
+  if (settings.pid != 0 || settings.whoAll) {
+    return reportClients(settings, root);
+  }
+  return dumpMatchingTable(settings, expr, handler, root);
 }
 
 }  // namespace Heron

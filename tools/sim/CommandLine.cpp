@@ -148,21 +148,20 @@ constexpr const char* kFooter =
     "Exit status: 0 success or a clean stop, 1 failure, 2 usage error.\n"
     "\"heron-sim COMMAND --help\" shows one command; the manual page is heron-sim(1).";
 
-}  // namespace
+// The subcommands and the options checked after parsing.
+struct Parsed {
+  CLI::App* create = nullptr;
+  CLI::App* remove = nullptr;
+  CLI::App* write = nullptr;
+  CLI::App* shadow = nullptr;
+  CLI::Option* regions = nullptr;
+  CLI::Option* noRegions = nullptr;
+  CLI::Option* rate = nullptr;
+  CLI::Option* flatOut = nullptr;
+};
 
-int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, std::ostream& out, std::ostream& err) {
-  CLI::App app("heron-sim builds and drives live heron collections: tables, their writers and readers.", "heron-sim");
-  app.set_help_flag("-h,--help", "Print this help and exit");
-  app.set_version_flag("--version", std::string("heron-sim ") + HERON_VERSION, "Print the version and exit");
-  app.require_subcommand(1);
-  app.footer(kFooter);
-  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-  app.get_formatter()->label("Subcommands", "Commands");
-  app.get_formatter()->column_width(30);
-
-  // create
+void addCreate(CLI::App& app, Invocation& invocation, std::string& regionsText, Parsed& parsed) {
   CreateSettings& create = invocation.create;
-  std::string regionsText = kDefaultRegions;
   CLI::App& createApp = *app.add_subcommand("create", "Create a table: owner, queue files and region allocator");
   createApp.add_option("NAME", invocation.name, "Table name, relative to the collection root")
       ->type_name("")
@@ -176,25 +175,31 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
       ->capture_default_str();
   addNumber(createApp, "--capacity", create.capacity, 1, kMaxU32, "N", "Notifications per queue file");
-  CLI::Option* regions =
+  parsed.regions =
       createApp.add_option("--regions", regionsText, "Regions to create, SIZExCOUNT,... (SIZE bytes a unit)")
           ->type_name("LIST")
           ->check(regionList())
           ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
           ->capture_default_str();
-  CLI::Option* noRegions = createApp.add_flag("--no-regions", "Create the allocator file without regions");
+  parsed.noRegions = createApp.add_flag("--no-regions", "Create the allocator file without regions");
   createApp.footer(
       "Examples:\n"
       "  heron-sim create orders\n"
       "  heron-sim create md/eu/quotes --capacity 4096 --regions 64x1024,4096x64\n"
       "  heron-sim create cache/segment --type 1 --type-name SharedSegment");
 
-  // remove
+  parsed.create = &createApp;
+}
+
+void addRemove(CLI::App& app, Invocation& invocation, Parsed& parsed) {
   CLI::App& removeApp = *app.add_subcommand("remove", "Remove a table's files and its directory");
   removeApp.add_option("NAME", invocation.name, "Table name")->type_name("")->required()->check(notEmpty());
   removeApp.footer("Example:\n  heron-sim remove orders");
 
-  // write
+  parsed.remove = &removeApp;
+}
+
+void addWrite(CLI::App& app, Invocation& invocation, Parsed& parsed) {
   WriteSettings& write = invocation.write;
   CLI::App& writeApp = *app.add_subcommand(
       "write", "Become a table's writer; prints \"writer PID attached to PATH\" once mapped and a summary at the end");
@@ -202,8 +207,8 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       ->type_name("")
       ->required()
       ->check(notEmpty());
-  CLI::Option* rate = addNumber(writeApp, "--rate", write.rate, 1, kMaxRate, "N", "Notifications a second");
-  CLI::Option* flatOut = writeApp.add_flag("--flat-out", write.flatOut, "Append as fast as possible, not at --rate");
+  parsed.rate = addNumber(writeApp, "--rate", write.rate, 1, kMaxRate, "N", "Notifications a second");
+  parsed.flatOut = writeApp.add_flag("--flat-out", write.flatOut, "Append as fast as possible, not at --rate");
   addSeconds(writeApp, write.seconds, "Stop after S seconds; 0: only on SIGINT, SIGTERM or SIGHUP");
   addNumber(writeApp, "--grow-every", write.growEvery, 0, std::numeric_limits<std::uint64_t>::max(), "N",
             "Double the queue every N appends; 0: never");
@@ -218,7 +223,10 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       "  heron-sim write orders --flat-out --duration 10\n"
       "  heron-sim write orders --grow-every 1000 --max-capacity 8192 --region-every 500");
 
-  // shadow
+  parsed.write = &writeApp;
+}
+
+void addShadow(CLI::App& app, Invocation& invocation, Parsed& parsed) {
   ShadowSettings& shadow = invocation.shadow;
   CLI::App& shadowApp = *app.add_subcommand(
       "shadow", "Map tables' relay.1 and ember read-only, print \"shadow PID attached to PATH\" each, and wait");
@@ -230,7 +238,10 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       "  heron-sim shadow orders &\n"
       "  heron-sim shadow orders md/eu/quotes --duration 30");
 
-  // demo
+  parsed.shadow = &shadowApp;
+}
+
+void addDemo(CLI::App& app, Invocation& invocation) {
   DemoSettings& demo = invocation.demo;
   CLI::App& demoApp = *app.add_subcommand(
       "demo",
@@ -242,6 +253,27 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
       "Examples:\n"
       "  heron-sim demo\n"
       "  HERON_ROOT=/tmp/demo heron-sim demo --duration 60 --rate 1000 --keep");
+}
+
+}  // namespace
+
+int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, std::ostream& out, std::ostream& err) {
+  CLI::App app("heron-sim builds and drives live heron collections: tables, their writers and readers.", "heron-sim");
+  app.set_help_flag("-h,--help", "Print this help and exit");
+  app.set_version_flag("--version", std::string("heron-sim ") + HERON_VERSION, "Print the version and exit");
+  app.require_subcommand(1);
+  app.footer(kFooter);
+  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+  app.get_formatter()->label("Subcommands", "Commands");
+  app.get_formatter()->column_width(30);
+
+  Parsed parsed;
+  std::string regionsText = kDefaultRegions;
+  addCreate(app, invocation, regionsText, parsed);
+  addRemove(app, invocation, parsed);
+  addWrite(app, invocation, parsed);
+  addShadow(app, invocation, parsed);
+  addDemo(app, invocation);
 
   try {
     app.parse(argc, argv);
@@ -257,23 +289,23 @@ int parseCommandLine(int argc, const char* const* argv, Invocation& invocation, 
   }
   // Pairs that exclude each other, checked here for a plainer message and
   // help text than CLI11's own.
-  if (regions->count() != 0 && noRegions->count() != 0) {
+  if (parsed.regions->count() != 0 && parsed.noRegions->count() != 0) {
     return usageError(app, "--regions and --no-regions exclude each other", err);
   }
-  if (rate->count() != 0 && flatOut->count() != 0) {
+  if (parsed.rate->count() != 0 && parsed.flatOut->count() != 0) {
     return usageError(app, "--rate and --flat-out exclude each other", err);
   }
 
-  if (createApp.parsed()) {
+  if (parsed.create->parsed()) {
     invocation.command = Command::Create;
-    create.withRegions = noRegions->count() == 0;
+    invocation.create.withRegions = parsed.noRegions->count() == 0;
     std::string unused;
-    parseRegionList(regionsText, create.regions, unused);
-  } else if (removeApp.parsed()) {
+    parseRegionList(regionsText, invocation.create.regions, unused);
+  } else if (parsed.remove->parsed()) {
     invocation.command = Command::Remove;
-  } else if (writeApp.parsed()) {
+  } else if (parsed.write->parsed()) {
     invocation.command = Command::Write;
-  } else if (shadowApp.parsed()) {
+  } else if (parsed.shadow->parsed()) {
     invocation.command = Command::Shadow;
   } else {
     invocation.command = Command::Demo;
