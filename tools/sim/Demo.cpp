@@ -190,43 +190,33 @@ class DemoCollection {
   std::vector<std::string> directories_;
 };
 
-}  // namespace
-
-int commandDemo(const DemoSettings& settings) {
-  const unsigned long long duration = settings.seconds;
-  const unsigned long long rate = settings.rate;
-  const bool keep = settings.keep;
-
-  DemoSignals signals;
-  if (signals.fd() < 0) {
-    std::cerr << "heron-sim demo: signalfd: " << std::strerror(errno) << '\n';
-    return 1;
-  }
-
-  std::string rootText = Mem::OrbRootPath::collectionRoot();
+// True when no demo table is there yet (the demo never takes over tables).
+bool noDemoTables(const std::string& rootText) {
   for (const DemoTable& table : kTables) {
     if (exists(rootText + "/" + table.name + "/owner")) {
       std::cerr << "heron-sim demo: table " << table.name << " already exists under " << rootText
                 << "; remove it or set HERON_ROOT to another directory\n";
-      return 1;
+      return false;
     }
   }
+  return true;
+}
 
-  // Declared before the processes so that the children are stopped before
-  // their tables are removed.
-  DemoCollection collection(keep);
+// Makes the root and every demo table under it, noting in `collection`
+// what it made; `root` is the canonical root.
+bool createTables(const std::string& rootText, DemoCollection& collection, std::string& root) {
   std::string error;
   if (!makeDirectories(rootText, collection.directories(), error)) {
     std::cerr << "heron-sim demo: " << error << '\n';
-    return 1;
+    return false;
   }
-  std::string root = Mem::canonical(rootText);
+  root = Mem::canonical(rootText);
   for (const DemoTable& table : kTables) {
     std::string dir = root + "/" + table.name;
     std::size_t slash = dir.rfind('/');
     if (!makeDirectories(dir.substr(0, slash), collection.directories(), error)) {
       std::cerr << "heron-sim demo: " << error << '\n';
-      return 1;
+      return false;
     }
     if (!exists(dir)) {
       collection.directories().push_back(dir);
@@ -235,24 +225,43 @@ int commandDemo(const DemoSettings& settings) {
     create.type = table.type;
     create.typeName = table.typeName;
     if (commandCreate(table.name, create) != 0) {
-      return 1;
+      return false;
     }
     collection.addTable(table.name);
   }
+  return true;
+}
 
-  DemoProcesses processes;
-  std::vector<int> writers;
-  std::vector<int> shadows;
-  std::string rateText = std::to_string(rate);
+// Starts `count(table)` processes of `role` ("writer" or "shadow"), each
+// `heron-sim COMMAND TABLE EXTRA...`, for every table; their indexes in
+// `started`.
+template <typename Count>
+bool startEach(DemoProcesses& processes, const char* role, const char* command, const Count& count,
+               const std::vector<std::string>& extra, std::vector<int>& started) {
+  std::string error;
   for (const DemoTable& table : kTables) {
-    if (table.writer) {
-      int index = processes.start("writer", table.name, {"write", table.name, "--rate", rateText}, error);
+    for (unsigned i = 0; i < count(table); ++i) {
+      std::vector<std::string> args = {command, table.name};
+      args.insert(args.end(), extra.begin(), extra.end());
+      const int index = processes.start(role, table.name, args, error);
       if (index < 0) {
         std::cerr << "heron-sim demo: " << error << '\n';
-        return 1;
+        return false;
       }
-      writers.push_back(index);
+      started.push_back(index);
     }
+  }
+  return true;
+}
+
+// A writer for every table that has one, then the shadows, which attach to
+// what the writers made.
+bool startProcesses(DemoProcesses& processes, unsigned long long rate) {
+  std::vector<int> writers;
+  if (!startEach(
+          processes, "writer", "write", [](const DemoTable& table) { return table.writer ? 1U : 0U; },
+          {"--rate", std::to_string(rate)}, writers)) {
+    return false;
   }
   if (!processes.waitFirstLines(writers, 10000)) {
     for (int index : writers) {
@@ -261,22 +270,20 @@ int commandDemo(const DemoSettings& settings) {
         std::cerr << "heron-sim demo: the writer of " << child.table << " did not attach\n";
       }
     }
-    return 1;
+    return false;
   }
-  // Shadows attach to what the writers made.
-  for (const DemoTable& table : kTables) {
-    for (unsigned i = 0; i < table.shadows; ++i) {
-      int index = processes.start("shadow", table.name, {"shadow", table.name}, error);
-      if (index < 0) {
-        std::cerr << "heron-sim demo: " << error << '\n';
-        return 1;
-      }
-      shadows.push_back(index);
-    }
+  std::vector<int> shadows;
+  if (!startEach(
+          processes, "shadow", "shadow", [](const DemoTable& table) { return table.shadows; }, {}, shadows)) {
+    return false;
   }
   processes.waitFirstLines(shadows, 2000);
   processes.service();
+  return true;
+}
 
+// The collection's tables with their processes; the example table's writer.
+pid_t printCollection(const DemoProcesses& processes, const std::string& root) {
   pid_t examplePid = 0;
   std::cout << "\nheron demo collection under " << root << ":\n\n";
   std::cout << fmt::format("  {:<16} {:<5} {:<7} {}\n", "table", "type", "writer", "shadows");
@@ -299,6 +306,10 @@ int commandDemo(const DemoSettings& settings) {
     std::cout << fmt::format("  {:<16} {:<5} {:<7} {}\n", table.name, table.type, writerText,
                              shadowText.empty() ? "-" : shadowText);
   }
+  return examplePid;
+}
+
+void printExamples(const std::string& root, pid_t examplePid, unsigned long long duration) {
   unsigned regionId = firstRegionId(root + "/" + kExampleTable);
   std::string t = kExampleTable;
   std::cout << "\nTry, in another shell:\n\n";
@@ -327,7 +338,11 @@ int commandDemo(const DemoSettings& settings) {
   } else {
     std::cout << "demo running; Ctrl-C stops it" << std::endl;
   }
+}
 
+// Serves the children's output until a stop signal or the end of
+// `duration` seconds (0: no end); the signal, or 0.
+int runUntilStopped(DemoSignals& signals, DemoProcesses& processes, unsigned long long duration) {
   long long deadline = duration != 0 ? monotonicMs() + static_cast<long long>(duration) * 1000 : 0;
   int stopSignal = signals.pendingStop() ? SIGTERM : 0;
   while (stopSignal == 0) {
@@ -348,12 +363,39 @@ int commandDemo(const DemoSettings& settings) {
     stopSignal = signals.drain();
     processes.service();
   }
+  return stopSignal;
+}
 
+}  // namespace
+
+int commandDemo(const DemoSettings& settings) {
+  DemoSignals signals;
+  if (signals.fd() < 0) {
+    std::cerr << "heron-sim demo: signalfd: " << std::strerror(errno) << '\n';
+    return 1;
+  }
+  const std::string rootText = Mem::OrbRootPath::collectionRoot();
+  if (!noDemoTables(rootText)) {
+    return 1;
+  }
+  // Declared before the processes so that the children are stopped before
+  // their tables are removed.
+  DemoCollection collection(settings.keep);
+  std::string root;
+  if (!createTables(rootText, collection, root)) {
+    return 1;
+  }
+  DemoProcesses processes;
+  if (!startProcesses(processes, settings.rate)) {
+    return 1;
+  }
+  printExamples(root, printCollection(processes, root), settings.seconds);
+  const int stopSignal = runUntilStopped(signals, processes, settings.seconds);
   std::cout << "stopping the demo" << (stopSignal != 0 ? std::string(" (") + ::strsignal(stopSignal) + ")" : "")
             << std::endl;
   processes.stopAll(3000);
   collection.removeAll();
-  if (keep) {
+  if (settings.keep) {
     std::cout << "kept the collection under " << root << std::endl;
   } else {
     std::cout << "removed the demo tables" << std::endl;
