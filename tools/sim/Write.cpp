@@ -93,44 +93,45 @@ bool writerAlive(const SharedMem::EmberHeader& ember) {
   return beat <= now && now - beat < kAliveNs;
 }
 
-}  // namespace
-
-int commandWrite(const std::string& name, const WriteSettings& settings) {
-  const bool flatOut = settings.flatOut;
-  const unsigned long long duration = settings.seconds;
-  StopSignals stop;
-  Mem::OrbRootPath root(handler(), name, false);
-  std::string error;
+// Takes the table over: it must exist and have no live writer. Prints the
+// one line that says the writer is attached.
+bool attach(const Mem::OrbRootPath& root, SharedMem::EmberWriter& ember, WriteTable& table) {
   struct stat st {};
   if (::stat(root.fullPath("owner").c_str(), &st) != 0) {
     std::cerr << "heron-sim write: no table at " << root << " (heron-sim create it first)\n";
-    return 1;
+    return false;
   }
   SharedMem::EmberHeader previous{};
   if (SharedMem::readEmber(root, previous) == SharedMem::LoadStatus::Ok && writerAlive(previous)) {
     std::cerr << "heron-sim write: " << root << " already has a writer (pid " << previous.writerPid << ")\n";
-    return 1;
+    return false;
   }
-  SharedMem::EmberWriter ember(handler(), root);
-  if (!ember.open(error)) {
+  std::string error;
+  if (!ember.open(error) || !table.open(ember.id(), error)) {
     std::cerr << "heron-sim write: " << error << '\n';
-    return 1;
-  }
-  WriteTable table(handler(), root, settings);
-  if (!table.open(ember.id(), error)) {
-    std::cerr << "heron-sim write: " << error << '\n';
-    return 1;
+    return false;
   }
   std::cout << "writer " << ::getpid() << " attached to " << root << std::endl;
+  return true;
+}
 
+struct Appended {
+  unsigned long long count = 0;
+  bool failed = false;
+};
+
+// Appends at the settings' rate (or flat out), beating the heartbeat, until
+// a stop signal, the end of the duration or a failed step.
+Appended appendUntilStopped(const WriteSettings& settings, StopSignals& stop, SharedMem::EmberWriter& ember,
+                            WriteTable& table, long long started) {
   constexpr long long kHeartbeatNs = 100000000LL;
   constexpr long long kTickNs = 5000000LL;  // rate mode: catch up at most every 5 ms
-  long long started = monotonicNs();
-  long long deadline = duration != 0 ? started + static_cast<long long>(duration) * 1000000000LL : 0;
+  const unsigned long long duration = settings.seconds;
+  const long long deadline = duration != 0 ? started + static_cast<long long>(duration) * 1000000000LL : 0;
   long long nextHeartbeat = started + kHeartbeatNs;
-  unsigned long long appended = 0;
-  bool failed = false;
-  while (!failed) {
+  Appended appended;
+  std::string error;
+  while (!appended.failed) {
     long long now = monotonicNs();
     if (deadline != 0 && now >= deadline) {
       break;
@@ -139,15 +140,10 @@ int commandWrite(const std::string& name, const WriteSettings& settings) {
       ember.heartbeat();
       nextHeartbeat = now + kHeartbeatNs;
     }
-    unsigned long long due = 0;
-    if (flatOut) {
-      due = 4096;
-      if (stop.stopRequested()) {
-        break;
-      }
-    } else {
+    unsigned long long due = 4096;
+    if (!settings.flatOut) {
       auto target = static_cast<unsigned long long>(static_cast<long double>(now - started) * settings.rate / 1e9L);
-      due = target > appended ? target - appended : 0;
+      due = target > appended.count ? target - appended.count : 0;
       if (due == 0) {
         long long wait = kTickNs;
         if (deadline != 0 && deadline - now < wait) {
@@ -158,33 +154,48 @@ int commandWrite(const std::string& name, const WriteSettings& settings) {
         }
         continue;
       }
-      if (stop.stopRequested()) {
-        break;
-      }
+    }
+    if (stop.stopRequested()) {
+      break;
     }
     for (unsigned long long i = 0; i < due; ++i) {
       if (!table.step(error)) {
         std::cerr << "heron-sim write: " << error << '\n';
-        failed = true;
+        appended.failed = true;
         break;
       }
-      ++appended;
+      ++appended.count;
     }
   }
+  return appended;
+}
+
+}  // namespace
+
+int commandWrite(const std::string& name, const WriteSettings& settings) {
+  StopSignals stop;
+  Mem::OrbRootPath root(handler(), name, false);
+  SharedMem::EmberWriter ember(handler(), root);
+  WriteTable table(handler(), root, settings);
+  if (!attach(root, ember, table)) {
+    return 1;
+  }
+  const long long started = monotonicNs();
+  const Appended appended = appendUntilStopped(settings, stop, ember, table, started);
   double seconds = static_cast<double>(monotonicNs() - started) / 1e9;
   struct timespec cpu {};
   ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpu);
   double cpuSeconds = static_cast<double>(cpu.tv_sec) + static_cast<double>(cpu.tv_nsec) / 1e9;
-  auto perSecond = [appended](double span) {
-    return static_cast<unsigned long long>(span > 0 ? static_cast<double>(appended) / span : 0);
+  auto perSecond = [&appended](double span) {
+    return static_cast<unsigned long long>(span > 0 ? static_cast<double>(appended.count) / span : 0);
   };
   // The rate per second of the writer's own CPU time leaves out the time
   // other processes took the CPU away.
-  std::cout << "writer " << ::getpid() << " appended " << appended << " notifications in " << seconds << " s ("
+  std::cout << "writer " << ::getpid() << " appended " << appended.count << " notifications in " << seconds << " s ("
             << perSecond(seconds) << "/s, " << perSecond(cpuSeconds) << "/s of cpu)"
             << (stop.signal() != 0 ? std::string(", stopped by ") + ::strsignal(stop.signal()) : "") << std::endl;
   table.close();
-  return failed ? 1 : 0;
+  return appended.failed ? 1 : 0;
 }
 
 }  // namespace Sim
