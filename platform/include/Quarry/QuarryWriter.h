@@ -84,6 +84,11 @@ class QuarryWriter : public Beacon::Debuggable {
   bool mapQuarry(int fd, std::string& error);
   bool adoptRegion(std::uint32_t regionId);
   Mapping* find(std::uint32_t regionId) const;
+  // The next free id at or after nextRegionId, wrapping; 0 when none is.
+  std::uint32_t freeRegionId() const;
+  // A new region file of `size` bytes at `temporary`, mapped read-write;
+  // null with `error` set on failure.
+  static std::unique_ptr<Mapping> mapNewFile(const std::string& temporary, std::size_t size, std::string& error);
   void beginQuarry();
   void endQuarry();
 

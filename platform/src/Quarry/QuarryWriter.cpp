@@ -195,6 +195,47 @@ bool QuarryWriter::adoptRegion(std::uint32_t regionId) {
 void QuarryWriter::beginQuarry() { beginWindow(header_->generation); }
 void QuarryWriter::endQuarry() { endWindow(header_->generation); }
 
+std::uint32_t QuarryWriter::freeRegionId() const {
+  // An id whose file still exists (another writer's leftover) is skipped.
+  std::uint32_t candidate = header_->nextRegionId;
+  for (std::uint32_t tries = 0; tries < QuarryHeader::kMaxRegionId; ++tries) {
+    if (candidate < 1 || candidate > QuarryHeader::kMaxRegionId) {
+      candidate = 1;
+    }
+    struct stat st {};
+    if (regions_.count(candidate) == 0 &&
+        ::stat(root_.fullPath(kRegionFilePrefix + std::to_string(candidate)).c_str(), &st) != 0) {
+      return candidate;
+    }
+    ++candidate;
+  }
+  return 0;
+}
+
+std::unique_ptr<QuarryWriter::Mapping> QuarryWriter::mapNewFile(const std::string& temporary, std::size_t size,
+                                                                std::string& error) {
+  int fd = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    error = temporary + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  auto mapping = std::make_unique<Mapping>();
+  bool ok = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+  if (ok) {
+    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ok = base != MAP_FAILED;
+    if (ok) {
+      mapping->base = static_cast<unsigned char*>(base);
+      mapping->size = size;
+    }
+  }
+  if (!ok) {
+    error = temporary + ": " + std::strerror(errno);
+  }
+  ::close(fd);
+  return ok ? std::move(mapping) : nullptr;
+}
+
 std::uint32_t QuarryWriter::createRegion(std::uint32_t unitSize, std::uint32_t unitCount, std::string& error) {
   if (header_ == nullptr) {
     error = "allocator not open";
@@ -209,73 +250,39 @@ std::uint32_t QuarryWriter::createRegion(std::uint32_t unitSize, std::uint32_t u
     error = "region too large";
     return 0;
   }
-  // The next free id at or after nextRegionId, wrapping; an id whose file
-  // still exists (another writer's leftover) is skipped.
-  std::uint32_t id = 0;
-  std::uint32_t candidate = header_->nextRegionId;
-  for (std::uint32_t tries = 0; tries < QuarryHeader::kMaxRegionId; ++tries) {
-    if (candidate < 1 || candidate > QuarryHeader::kMaxRegionId) {
-      candidate = 1;
-    }
-    struct stat st {};
-    if (regions_.count(candidate) == 0 &&
-        ::stat(root_.fullPath(kRegionFilePrefix + std::to_string(candidate)).c_str(), &st) != 0) {
-      id = candidate;
-      break;
-    }
-    ++candidate;
-  }
+  const std::uint32_t id = freeRegionId();
   if (id == 0) {
     error = "no free region id";
     return 0;
   }
   const std::string path = root_.fullPath(kRegionFilePrefix + std::to_string(id));
   const std::string temporary = path + ".new";
-  int fd = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    error = temporary + ": " + std::strerror(errno);
+  std::unique_ptr<Mapping> mapping = mapNewFile(temporary, static_cast<std::size_t>(layout.fileSize), error);
+  if (!mapping) {
+    ::unlink(temporary.c_str());
     return 0;
   }
-  auto mapping = std::make_unique<Mapping>();
-  const auto size = static_cast<std::size_t>(layout.fileSize);
-  bool ok = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
-  if (ok) {
-    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ok = base != MAP_FAILED;
-    if (ok) {
-      mapping->base = static_cast<unsigned char*>(base);
-      mapping->size = size;
-    }
-  }
-  if (!ok) {
-    error = temporary + ": " + std::strerror(errno);
-  }
-  ::close(fd);
-  if (ok) {
-    auto* header = reinterpret_cast<RegionHeader*>(mapping->base);
-    header->magic = RegionHeader::kMagic;
-    header->version = RegionHeader::kVersion;
-    header->unitCount = unitCount;
-    header->usedUnits = 0;
-    header->unitSize = unitSize;
-    header->regionId = id;
-    header->pageSize = pageSize_;
-    header->generation = 0;
-    header->bitmapOffset = RegionHeader::kBitmapOffset;
-    header->dataOffset = static_cast<std::uint32_t>(layout.dataOffset);
-    header->createdNs = Beacon::nowNs();
-    header->reserved = 0;
-    mapping->id = id;
-    mapping->header = header;
-    mapping->unitCount = unitCount;
-    mapping->unitSize = unitSize;
-    mapping->dataOffset = layout.dataOffset;
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-      error = path + ": " + std::strerror(errno);
-      ok = false;
-    }
-  }
-  if (!ok) {
+  auto* header = reinterpret_cast<RegionHeader*>(mapping->base);
+  header->magic = RegionHeader::kMagic;
+  header->version = RegionHeader::kVersion;
+  header->unitCount = unitCount;
+  header->usedUnits = 0;
+  header->unitSize = unitSize;
+  header->regionId = id;
+  header->pageSize = pageSize_;
+  header->generation = 0;
+  header->bitmapOffset = RegionHeader::kBitmapOffset;
+  header->dataOffset = static_cast<std::uint32_t>(layout.dataOffset);
+  header->createdNs = Beacon::nowNs();
+  header->reserved = 0;
+  mapping->id = id;
+  mapping->header = header;
+  mapping->unitCount = unitCount;
+  mapping->unitSize = unitSize;
+  mapping->dataOffset = layout.dataOffset;
+  // Readers see the region only once it is whole.
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    error = path + ": " + std::strerror(errno);
     ::unlink(temporary.c_str());
     return 0;
   }
