@@ -163,14 +163,14 @@ int run(const Options& options) {
       std::cerr << "heron-stat: " << printable(error) << " (see heron-stat --help)" << std::endl;
       return 2;
     }
-    return serve(
-        where,
-        [&options]() {
-          Sample sample = collect(options.collect);
-          assess(sample, options.thresholds);
-          return renderPrometheus(sample);
-        },
-        std::cout, std::cerr);
+    Endpoints endpoints;
+    endpoints.metrics = [&options]() {
+      Sample sample = collect(options.collect);
+      assess(sample, options.thresholds);
+      return Answer{200, renderPrometheus(sample)};
+    };
+    endpoints.health = [] { return Answer{200, "ok\n"}; };
+    return serve(where, endpoints, std::cout, std::cerr);
   }
   StopSignals signals;
   Emitter emitter(options);

@@ -4,6 +4,8 @@
 // Exit status: 0 done (--watch ended by Ctrl-C included), 1 the report could
 // not be written (or the server could not bind), 2 usage error, and for
 // --check the verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.
+#include <malloc.h>
+
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cmath>
@@ -93,7 +95,8 @@ int statMain(int argc, char** argv) {
   auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
   auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
   auto* listen = app.add_option("--listen", options.listen,
-                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; port 0 picks one)");
+                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; :PORT listens on "
+                                "every IPv4 address; port 0 picks one)");
   listen->type_name("ADDR:PORT");
   auto* output = app.add_option("-o,--output", options.output,
                                 "Write the report to FILE atomically (a temporary beside it, then renamed); never "
@@ -141,6 +144,13 @@ int statMain(int argc, char** argv) {
     return usageError("--all-roots needs the /proc walk that --no-clients skips");
   }
   options.collect.walkProcesses = !options.noClients;
+  if (!options.listen.empty()) {
+    // A server runs for months: two arenas and a fixed mapping threshold
+    // give the blocks a large request or sample needed back to the system
+    // when they are freed, instead of each thread's arena keeping them.
+    ::mallopt(M_ARENA_MAX, 2);
+    ::mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+  }
   return Stat::run(options);
 }
 
