@@ -11,7 +11,10 @@
 //   answer to a method other than GET or HEAD closes the connection (its
 //   body is never read).
 // - A request line or header section larger than a connection's 16 KiB
-//   buffer: 414 or 431, then the connection is closed.
+//   buffer: 414 or 431, then the connection is closed without reading the
+//   rest, so a client still sending may see a reset instead. A malformed
+//   Content-Length: 400 or 413 (the library sends that status line and its
+//   headers twice), then the connection is closed.
 // - Connections are served by one event loop: an idle or slow connection
 //   costs a small buffer, never a thread. A connection silent for 10 s is
 //   closed, and so is one whose request headers are not complete 10 s
