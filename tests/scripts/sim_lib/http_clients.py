@@ -22,6 +22,9 @@ import sys
 import threading
 import time
 
+# Nothing is written beside the sources (http_fuzz imports this module).
+sys.dont_write_bytecode = True
+
 STATUS_LINE = re.compile(rb"HTTP/1\.[01] ([1-5][0-9][0-9]) [^\r\n]*\r\n")
 
 
