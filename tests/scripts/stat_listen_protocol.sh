@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# heron-stat --listen and HTTP: pipelined requests answered in order, an
+# heron-stat --listen and HTTP: a request of 8 MiB answered 414 or 431
+# while it is still being sent, pipelined requests answered in order, an
 # answer that closes the connection says "Connection: close" and no
 # Keep-Alive, requests on a kept-alive connection answered without the
 # delayed-ACK wait, 503 beyond the connection limit; --help says what

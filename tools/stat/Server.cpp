@@ -3,6 +3,7 @@
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,7 +16,9 @@
 #include <ostream>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
+#include "Linger.h"
 #include "SignalWatch.h"
 
 namespace Stat {
@@ -34,8 +37,7 @@ constexpr unsigned kIdleSeconds = 10;
 // The whole header section must arrive within this, however slowly it
 // trickles in: the idle timeout alone is reset by every byte.
 constexpr std::chrono::seconds kHeaderDeadline{10};
-// How often stalled connections are looked for, and a stop signal at the
-// latest noticed.
+// How often at least stalled connections are looked for.
 constexpr int kSweepMilliseconds = 200;
 
 const char* const kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
@@ -53,9 +55,17 @@ class Connections {
     open_[connection] = Tracked{fd, Clock::now(), false, false};
   }
 
-  void closed(const MHD_Connection* connection) {
+  // The connection's descriptor, still open until the caller returns to
+  // the library, or -1.
+  int closed(const MHD_Connection* connection) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    open_.erase(connection);
+    const auto found = open_.find(connection);
+    if (found == open_.end()) {
+      return -1;
+    }
+    const int fd = found->second.fd;
+    open_.erase(found);
+    return fd;
   }
 
   std::size_t count() {
@@ -122,6 +132,7 @@ struct Request {
 struct Context {
   Sampler& sampler;
   Connections& connections;
+  Linger& linger;
 };
 
 // Queues `request`'s answer; `close` ends the connection after it.
@@ -228,14 +239,19 @@ void onCompleted(void* cls, MHD_Connection* connection, void** state, MHD_Reques
 }
 
 void onConnection(void* cls, MHD_Connection* connection, void** /*socket*/, MHD_ConnectionNotificationCode what) {
-  Connections& connections = static_cast<Context*>(cls)->connections;
+  Context& context = *static_cast<Context*>(cls);
   if (what == MHD_CONNECTION_NOTIFY_STARTED) {
     const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
     if (info != nullptr) {
-      connections.opened(connection, info->connect_fd);
+      context.connections.opened(connection, info->connect_fd);
     }
-  } else {
-    connections.closed(connection);
+    return;
+  }
+  // The library has shut down the writing side and closes the descriptor
+  // once this returns.
+  const int fd = context.connections.closed(connection);
+  if (fd >= 0) {
+    context.linger.add(fd);
   }
 }
 
@@ -262,6 +278,22 @@ class Daemon {
   MHD_Daemon* daemon_;
 };
 
+// Serves until SIGTERM or SIGINT: drops connections whose headers are
+// overdue and drains the lingering ones meanwhile.
+void serveUntilStopped(SignalWatch& signals, Connections& connections, Linger& linger) {
+  std::vector<pollfd> fds;
+  for (;;) {
+    fds.assign(1, pollfd{signals.fd(), POLLIN, 0});
+    linger.watch(fds);
+    ::poll(fds.data(), fds.size(), kSweepMilliseconds);
+    if (signals.wait(0)) {
+      return;
+    }
+    linger.drain();
+    connections.dropStalled();
+  }
+}
+
 }  // namespace
 
 int serve(const ListenAddress& where, const Endpoints& endpoints, std::ostream& out, std::ostream& err) {
@@ -286,16 +318,15 @@ int serve(const ListenAddress& where, const Endpoints& endpoints, std::ostream& 
   }
   Sampler sampler(endpoints);
   Connections connections;
-  Context context{sampler, connections};
+  Linger linger;  // outlives the daemon, which adds to it until it stops
+  Context context{sampler, connections, linger};
   Daemon daemon(listening, context);  // owns `listening` once started
   if (!daemon.ok()) {
     ::close(listening);
     err << "heron-stat: cannot start the HTTP server on " << formatListenAddress(where) << '\n';
     return 1;
   }
-  while (!signals.wait(kSweepMilliseconds)) {
-    connections.dropStalled();
-  }
+  serveUntilStopped(signals, connections, linger);
   // Every suspended request is resumed before the daemon stops.
   sampler.stop();
   return 0;

@@ -11,8 +11,9 @@
 //   answer to a method other than GET or HEAD closes the connection (its
 //   body is never read).
 // - A request line or header section larger than a connection's 16 KiB
-//   buffer: 414 or 431, then the connection is closed without reading the
-//   rest, so a client still sending may see a reset instead. A malformed
+//   buffer: 414 or 431, then the connection is closed; what the client
+//   still sends is read and discarded for up to 2 s (64 such connections at
+//   most), so that the answer is not destroyed by a reset. A malformed
 //   Content-Length: 400 or 413 (the library sends that status line and its
 //   headers twice), then the connection is closed.
 // - Connections are served by one event loop: an idle or slow connection

@@ -21,9 +21,12 @@ class SignalWatch {
   // False when the signals could not be blocked or watched (errno says why).
   bool ok() const { return fd_ >= 0; }
 
-  // Waits up to `milliseconds`; true once SIGTERM or SIGINT has come (and
-  // from then on, without waiting).
+  // Waits up to `milliseconds` (0: not at all); true once SIGTERM or SIGINT
+  // has come (and from then on, without waiting).
   bool wait(int milliseconds);
+
+  // Readable when a signal is pending, for a caller's own poll().
+  int fd() const { return fd_; }
 
  private:
   sigset_t previous_{};

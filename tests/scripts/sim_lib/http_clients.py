@@ -314,8 +314,31 @@ def check_overload(port):
     print("beyond the connection limit: 503 with Connection: close; 200 again once they close")
 
 
+def check_oversized_answered(port):
+    """A request line or header of 8 MiB is answered 414 or 431 while the
+    client is still sending (more than the sockets' buffers hold): the
+    answer must reach it, not a reset."""
+    got = {}
+    big = b"a" * (8 << 20)
+    for attempt in range(10):
+        request = (b"GET /metrics?" + big + b" HTTP/1.1\r\nHost: x\r\n\r\n" if attempt % 2 else
+                   b"GET /metrics HTTP/1.1\r\nHost: x\r\nX-Big: " + big + b"\r\n\r\n")
+        sock = connect(port)
+        try:
+            sock.sendall(request)
+            status = Reader(sock).response(time.monotonic() + 10)[0]
+        except OSError as error:
+            status = type(error).__name__
+        sock.close()
+        got[status] = got.get(status, 0) + 1
+    if set(got) - {414, 431}:
+        fail("10 requests of 8 MiB were answered %r" % got)
+    print("10 requests of 8 MiB: %r" % got)
+
+
 def protocol(stat):
     server = Server(stat)
+    check_oversized_answered(server.port)
     check_pipelining(server.port)
     check_connection_close(server.port)
     check_kept_alive_is_fast(server.port)
