@@ -1,8 +1,6 @@
 #include "Server.h"
 
 #include <microhttpd.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -47,10 +45,6 @@ const char* const kTextType = "text/plain; charset=utf-8";
 class Connections {
  public:
   void opened(const MHD_Connection* connection, int fd) {
-    // Each answer goes out in one write; without this, the second answer on
-    // a kept-alive connection waits for the client's delayed ACK.
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const std::lock_guard<std::mutex> lock(mutex_);
     open_[connection] = Tracked{fd, Clock::now(), false, false};
   }
