@@ -1,6 +1,7 @@
 // heron-stat's HTTP server: serve() runs in a child process with a fake
 // sample and is driven over real sockets.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -690,6 +691,43 @@ TEST(StatServerTest, SigtermWithManyConnectionsHeldStopsCleanly) {
     EXPECT_EQ(::recv(fd, &probe, 1, MSG_DONTWAIT), 0);
     ::close(fd);
   }
+}
+
+// A stop while a sample is in progress and more requests wait for theirs:
+// the sample finishes, the waiting requests are answered or closed, and
+// the server ends with status 0 (the library refuses to stop with a
+// request still suspended).
+TEST(StatServerTest, SigtermWhileSamplingStopsCleanly) {
+  char dir[] = "/tmp/heron-server-test.XXXXXX";
+  ASSERT_NE(::mkdtemp(dir), nullptr);
+  const std::string started = std::string(dir) + "/sampling";
+  Stat::Endpoints endpoints = fakeEndpoints();
+  endpoints.metrics = [started] {
+    const int fd = ::open(started.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ::close(fd);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return Stat::Answer{200, "slow\n"};
+  };
+  ServerChild server("127.0.0.1:0", endpoints);
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  const std::vector<int> waiting = holdConnections(port, 5, "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_EQ(waiting.size(), 5u);
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (::access(started.c_str(), F_OK) != 0 && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_EQ(::access(started.c_str(), F_OK), 0) << "no sample started";
+  ::kill(server.pid(), SIGTERM);
+  EXPECT_EQ(server.wait(20), 0);
+  for (const int fd : waiting) {
+    const std::string raw = readAll(fd, 5);
+    EXPECT_TRUE(raw.empty() || raw.compare(0, 12, "HTTP/1.1 200") == 0 || raw.compare(0, 12, "HTTP/1.1 503") == 0)
+        << raw;
+    ::close(fd);
+  }
+  ::unlink(started.c_str());
+  ::rmdir(dir);
 }
 
 }  // namespace
