@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ g++-multilib make
   libfmt-dev googletest libgtest-dev libbenchmark-dev
-  libcli11-dev libcpp-httplib-dev nlohmann-json3-dev pkg-config
+  libcli11-dev libmicrohttpd-dev nlohmann-json3-dev pkg-config
   clang clang-tidy cppcheck clang-format binutils
   psmisc lsof strace util-linux procps man-db
   prometheus tmux curl jq python3-jsonschema systemd

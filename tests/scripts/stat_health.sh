@@ -81,6 +81,25 @@ run_stat 1 --check kept
   fail "region under --check: $OUT"
 echo "region: $(sed -n 2p <<<"$OUT")"
 
+# --listen with a wrong root keeps serving: /healthz 503 with the reason,
+# /metrics 200 with heron_stat_root_ok 0. A root that appears makes it well.
+real_root=$HERON_ROOT
+export HERON_ROOT=$WORK/no-such-root
+start_stat_listen
+status=$(curl -s -o "$WORK/health" -w '%{http_code}' "$URL/healthz")
+[[ $status == 503 ]] || fail "/healthz with a missing root answered $status"
+matches -xF "collection root $WORK/no-such-root does not exist" "$WORK/health" || fail "/healthz said: $(cat "$WORK/health")"
+curl -fsS "$URL/metrics" >"$WORK/metrics" || fail "/metrics with a missing root failed"
+matches -x 'heron_stat_root_ok 0' "$WORK/metrics" || fail "no heron_stat_root_ok 0: $(grep root_ok "$WORK/metrics")"
+mkdir -p "$WORK/no-such-root"
+status=$(curl -s -o "$WORK/health" -w '%{http_code}' "$URL/healthz")
+[[ $status == 200 ]] || fail "/healthz once the root exists answered $status: $(cat "$WORK/health")"
+curl -fsS "$URL/metrics" | matches -x 'heron_stat_root_ok 1' || fail "no heron_stat_root_ok 1 once the root exists"
+kill -TERM "$STAT_PID"
+wait "$STAT_PID" || fail "heron-stat --listen ended with $?"
+export HERON_ROOT=$real_root
+echo "listen: /healthz 503 and root_ok 0 for a missing root, 200 once it exists"
+
 # Not root: one line says that clients are unknown.
 if [[ $(id -u) -eq 0 ]] && command -v setpriv >/dev/null; then
   chmod 755 "$WORK"

@@ -612,6 +612,35 @@ void assess(Sample& sample, const Thresholds& thresholds) {
   }
 }
 
+Sample probe(const CollectOptions& options) {
+  Sample sample;
+  const Mem::OrbRootPath rootPath(handler(), std::string(), false);
+  sample.root = rootPath.path();
+  sample.expr = options.expr;
+  sample.rootOk = rootListable(sample.root, sample.rootError);
+  if (!sample.rootOk || options.expr.empty()) {
+    return sample;
+  }
+  Mem::TableFinder finder(handler(), rootPath);
+  finder.findOwned(options.expr.c_str());
+  for (const std::string& name : finder.matches()) {
+    if (excluded(options.exclude, name)) {
+      continue;
+    }
+    SharedMem::OwnerFile owner(handler(), Mem::RootPath(rootPath.fullPath(name)), false);
+    SharedMem::OwnerFile::Header header{};
+    if (!owner.header(header) || listedType(header.sharedMemType)) {
+      Table table;
+      table.identity.name = name;
+      sample.tables.push_back(std::move(table));
+    }
+  }
+  if (sample.tables.empty()) {
+    sample.rootTables = countTables(rootPath);
+  }
+  return sample;
+}
+
 std::string noMatchText(const Sample& sample) {
   return fmt::format("no table matches {} under {} ({} table{} there)", sample.expr, sample.root, sample.rootTables,
                      sample.rootTables == 1 ? "" : "s");

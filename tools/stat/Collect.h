@@ -37,6 +37,12 @@ struct Thresholds {
 // assess(). File errors become Table::problems via assess as well.
 Sample collect(const CollectOptions& options);
 
+// What /healthz needs, without reading any table's files beyond its owner:
+// the root's state and, for an EXPR, whether any table matches (each
+// matching table is in the result with its name only). Cheap enough to
+// answer every probe.
+Sample probe(const CollectOptions& options);
+
 // Finds the process of a writer whose ember has been read into `writer` and
 // sets liveness, hostPid, alive and mapsTable. In our own PID namespace (or
 // with no namespace in the ember) the ember pid is judged as it stands;

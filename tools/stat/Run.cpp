@@ -17,6 +17,7 @@
 #include "Mem/RootPath.h"
 #include "Output.h"
 #include "Render.h"
+#include "ScrapeRates.h"
 #include "Server.h"
 #include "Stat.h"
 
@@ -216,14 +217,23 @@ int run(const Options& options) {
       std::cerr << "heron-stat: " << printable(error) << " (see heron-stat --help)" << std::endl;
       return 2;
     }
-    return serve(
-        where,
-        [&options]() {
-          Sample sample = collect(options.collect);
-          assess(sample, options.thresholds);
-          return renderPrometheus(sample);
-        },
-        std::cout, std::cerr);
+    ScrapeRates rates;
+    Endpoints endpoints;
+    endpoints.metrics = [&options, &rates]() {
+      Sample sample = collect(options.collect);
+      // Counters stay raw; gauges derived from two moments (seconds to
+      // switch) come from the previous scrape.
+      rates.derive(sample);
+      assess(sample, options.thresholds);
+      return Answer{200, renderPrometheus(sample)};
+    };
+    // A wrong root or an EXPR that matches nothing is said here with 503,
+    // while /metrics goes on answering (heron_stat_root_ok 0).
+    endpoints.health = [&options] {
+      const HealthAnswer answer = health(probe(options.collect));
+      return Answer{answer.status, answer.body};
+    };
+    return serve(where, endpoints, std::cout, std::cerr);
   }
   StopSignals signals;
   Emitter emitter(options, signals);

@@ -6,6 +6,7 @@
 // listed, or EXPR matches no table), 2 usage error, and for --check the
 // verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN (a usage error too).
 #include <fmt/format.h>
+#include <malloc.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
@@ -135,7 +136,8 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
   auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
   auto* listen = app.add_option("--listen", options.listen,
-                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; port 0 picks one)");
+                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; :PORT listens on "
+                                "every IPv4 address; port 0 picks one)");
   listen->type_name("ADDR:PORT")->check(notEmpty());
   auto* output = app.add_option("-o,--output", options.output,
                                 "Write the report to FILE atomically (a temporary beside it, then renamed); never "
@@ -212,6 +214,13 @@ int statMain(int argc, char** argv) {
     return usageError(wrong, checkMode);
   }
   options.collect.walkProcesses = !options.noClients;
+  if (!options.listen.empty()) {
+    // A server runs for months: two arenas and a fixed mapping threshold
+    // give the blocks a large request or sample needed back to the system
+    // when they are freed, instead of each thread's arena keeping them.
+    ::mallopt(M_ARENA_MAX, 2);
+    ::mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+  }
   return Stat::run(options);
 }
 

@@ -1,6 +1,7 @@
 // heron-stat's HTTP server: serve() runs in a child process with a fake
 // sample and is driven over real sockets.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <iostream>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,11 +88,18 @@ bool readUntil(int fd, std::string& into, Clock::time_point deadline, Done done)
   return true;
 }
 
+Stat::Endpoints fakeEndpoints() {
+  Stat::Endpoints endpoints;
+  endpoints.metrics = [] { return Stat::Answer{200, fakeSample()}; };
+  endpoints.health = [] { return Stat::Answer{200, "ok\n"}; };
+  return endpoints;
+}
+
 // serve() in a child process; stopped with SIGKILL if a test leaves it
 // running.
 class ServerChild {
  public:
-  explicit ServerChild(const std::string& listen) {
+  explicit ServerChild(const std::string& listen, const Stat::Endpoints& endpoints = fakeEndpoints()) {
     int out[2];
     int err[2];
     if (::pipe(out) != 0 || ::pipe(err) != 0) {
@@ -108,7 +117,7 @@ class ServerChild {
         std::cerr << error << '\n';
         ::_exit(2);
       }
-      const int status = Stat::serve(where, fakeSample, std::cout, std::cerr);
+      const int status = Stat::serve(where, endpoints, std::cout, std::cerr);
       std::cout.flush();
       std::cerr.flush();
       ::_exit(status);
@@ -524,6 +533,201 @@ TEST(StatServerTest, BusyPortFailsWithOneLine) {
   const std::string err = second.errText();
   EXPECT_NE(err.find("cannot listen on 127.0.0.1:" + std::to_string(port)), std::string::npos) << err;
   EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
+}
+
+// Everything `fd` sends until it closes or `seconds` pass.
+std::string readAll(int fd, int seconds) {
+  std::string raw;
+  readUntil(fd, raw, Clock::now() + std::chrono::seconds(seconds), [](const std::string&) { return false; });
+  return raw;
+}
+
+std::size_t countOf(const std::string& text, const std::string& what) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// `count` connections that sent `start`, or fewer when one fails.
+std::vector<int> holdConnections(int port, int count, const std::string& start) {
+  std::vector<int> held;
+  for (int i = 0; i < count; ++i) {
+    const int fd = connectTo(port);
+    if (fd < 0) {
+      break;
+    }
+    sendAll(fd, start);
+    held.push_back(fd);
+  }
+  return held;
+}
+
+// GET /healthz on fresh connections until it answers `status` or the
+// deadline passes; the last answer.
+Response healthUntil(int port, int status, Clock::time_point deadline) {
+  Response answer;
+  do {
+    answer = request(port, "GET", "/healthz");
+  } while (answer.status != status && Clock::now() < deadline);
+  return answer;
+}
+
+TEST(StatServerTest, CallbackExceptionAnswers500) {
+  Stat::Endpoints endpoints = fakeEndpoints();
+  endpoints.metrics = []() -> Stat::Answer { throw std::runtime_error("no sample"); };
+  ServerChild server("127.0.0.1:0", endpoints);
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  EXPECT_EQ(request(port, "GET", "/metrics").status, 500);
+  EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
+}
+
+TEST(StatServerTest, HealthAnswersWhatItsCallbackSays) {
+  Stat::Endpoints endpoints = fakeEndpoints();
+  endpoints.health = [] { return Stat::Answer{503, "collection root missing\n"}; };
+  ServerChild server("127.0.0.1:0", endpoints);
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  const Response response = request(port, "GET", "/healthz");
+  EXPECT_EQ(response.status, 503);
+  EXPECT_EQ(response.body, "collection root missing\n");
+  EXPECT_EQ(response.header("Content-Type"), "text/plain; charset=utf-8");
+}
+
+TEST(StatServerTest, PipelinedRequestsAreAnsweredInOrder) {
+  ServerChild server("127.0.0.1:0");
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  const int fd = connectTo(port);
+  ASSERT_GE(fd, 0);
+  const std::string get = "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n";
+  sendAll(fd, get + "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n" + "GET /nowhere HTTP/1.1\r\nHost: x\r\n\r\n" + get +
+                  "GET /healthz HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+  const std::string raw = readAll(fd, 15);
+  ::close(fd);
+  EXPECT_EQ(countOf(raw, "HTTP/1.1 "), 5u) << raw;
+  const std::size_t first = raw.find("HTTP/1.1 200 OK");
+  const std::size_t metrics = raw.find("fake_samples_total 1\n");
+  const std::size_t missing = raw.find("HTTP/1.1 404 ");
+  const std::size_t last = raw.rfind("HTTP/1.1 200 OK");
+  ASSERT_NE(metrics, std::string::npos) << raw;
+  ASSERT_NE(missing, std::string::npos) << raw;
+  EXPECT_LT(first, metrics);
+  EXPECT_LT(metrics, missing);
+  EXPECT_LT(missing, last);
+  EXPECT_EQ(raw.substr(raw.size() - 3), "ok\n");
+}
+
+TEST(StatServerTest, ClosingAnswerSaysSoWithoutKeepAlive) {
+  ServerChild server("127.0.0.1:0");
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  for (const char* method : {"GET", "POST"}) {
+    const Response response = request(port, method, "/healthz", "Content-Length: 0\r\n");
+    EXPECT_EQ(response.header("Connection"), "close") << method << ' ' << response.head;
+    EXPECT_EQ(response.head.find("Keep-Alive"), std::string::npos) << response.head;
+  }
+  // Kept alive when the client does not ask otherwise.
+  const int fd = connectTo(port);
+  ASSERT_GE(fd, 0);
+  sendAll(fd, "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n");
+  const Response kept = readResponse(fd);
+  EXPECT_EQ(kept.status, 200);
+  EXPECT_EQ(kept.header("Connection"), "");
+  sendAll(fd, "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_EQ(readResponse(fd).status, 200);
+  ::close(fd);
+}
+
+TEST(StatServerTest, BeyondTheConnectionLimitRequestsGet503) {
+  ServerChild server("127.0.0.1:0");
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  const std::vector<int> held = holdConnections(port, 400, "");
+  ASSERT_EQ(held.size(), 400u);
+  // The server sees the connections in its own time: ask until it does.
+  const Response refused = healthUntil(port, 503, Clock::now() + std::chrono::seconds(10));
+  EXPECT_EQ(refused.status, 503);
+  EXPECT_EQ(refused.header("Connection"), "close");
+  for (const int fd : held) {
+    ::close(fd);
+  }
+  EXPECT_EQ(healthUntil(port, 200, Clock::now() + std::chrono::seconds(10)).status, 200);
+}
+
+TEST(StatServerTest, ListensOnIpv6Loopback) {
+  ServerChild server("[::1]:0");
+  const std::string line = server.firstLine();
+  EXPECT_EQ(line.compare(0, 19, "listening on [::1]:"), 0) << line << server.errText();
+}
+
+TEST(StatServerTest, UnresolvableHostSaysWhy) {
+  ServerChild server("no-such-host.invalid:0");
+  EXPECT_EQ(server.wait(30), 1);
+  const std::string err = server.errText();
+  EXPECT_NE(err.find("cannot listen on no-such-host.invalid:0: cannot resolve no-such-host.invalid: "),
+            std::string::npos)
+      << err;
+  EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
+}
+
+TEST(StatServerTest, SigtermWithManyConnectionsHeldStopsCleanly) {
+  ServerChild server("127.0.0.1:0");
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  std::vector<int> held = holdConnections(port, 50, "");
+  const std::vector<int> halfway = holdConnections(port, 50, "GET /metrics HTTP/1.1\r\nHo");
+  held.insert(held.end(), halfway.begin(), halfway.end());
+  ASSERT_EQ(held.size(), 100u);
+  EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
+  ::kill(server.pid(), SIGTERM);
+  EXPECT_EQ(server.wait(20), 0);
+  // Every held connection was closed by the server.
+  for (const int fd : held) {
+    EXPECT_EQ(readAll(fd, 5).find("HTTP/1.1 2"), std::string::npos);
+    char probe = 0;
+    EXPECT_EQ(::recv(fd, &probe, 1, MSG_DONTWAIT), 0);
+    ::close(fd);
+  }
+}
+
+// A stop while a sample is in progress and more requests wait for theirs:
+// the sample finishes, the waiting requests are answered or closed, and
+// the server ends with status 0 (the library refuses to stop with a
+// request still suspended).
+TEST(StatServerTest, SigtermWhileSamplingStopsCleanly) {
+  char dir[] = "/tmp/heron-server-test.XXXXXX";
+  ASSERT_NE(::mkdtemp(dir), nullptr);
+  const std::string started = std::string(dir) + "/sampling";
+  Stat::Endpoints endpoints = fakeEndpoints();
+  endpoints.metrics = [started] {
+    const int fd = ::open(started.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ::close(fd);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return Stat::Answer{200, "slow\n"};
+  };
+  ServerChild server("127.0.0.1:0", endpoints);
+  const int port = server.port();
+  ASSERT_GT(port, 0);
+  const std::vector<int> waiting = holdConnections(port, 5, "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_EQ(waiting.size(), 5u);
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (::access(started.c_str(), F_OK) != 0 && Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_EQ(::access(started.c_str(), F_OK), 0) << "no sample started";
+  ::kill(server.pid(), SIGTERM);
+  EXPECT_EQ(server.wait(20), 0);
+  for (const int fd : waiting) {
+    const std::string raw = readAll(fd, 5);
+    EXPECT_TRUE(raw.empty() || raw.compare(0, 12, "HTTP/1.1 200") == 0 || raw.compare(0, 12, "HTTP/1.1 503") == 0)
+        << raw;
+    ::close(fd);
+  }
+  ::unlink(started.c_str());
+  ::rmdir(dir);
 }
 
 }  // namespace
