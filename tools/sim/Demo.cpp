@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/StopSignals.h"
 #include "DemoProcesses.h"
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
@@ -104,56 +105,6 @@ long long monotonicMs() {
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
-
-// Blocks the signals that stop the demo (and SIGCHLD) and reads them from a
-// descriptor instead, so the main loop can wait on children and signals at
-// once. Restores the mask when it goes.
-class DemoSignals {
- public:
-  DemoSignals() {
-    sigset_t set;
-    ::sigemptyset(&set);
-    ::sigaddset(&set, SIGINT);
-    ::sigaddset(&set, SIGTERM);
-    ::sigaddset(&set, SIGHUP);
-    ::sigaddset(&set, SIGCHLD);
-    ::sigaddset(&set, SIGPIPE);
-    ::sigprocmask(SIG_BLOCK, &set, &saved_);
-    fd_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  }
-  ~DemoSignals() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-    ::sigprocmask(SIG_SETMASK, &saved_, nullptr);
-  }
-  DemoSignals(const DemoSignals&) = delete;
-  DemoSignals& operator=(const DemoSignals&) = delete;
-
-  int fd() const { return fd_; }
-  // The stopping signal that arrived, 0 when none did.
-  int drain() {
-    int stop = 0;
-    struct signalfd_siginfo info {};
-    while (fd_ >= 0 && ::read(fd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-      if (info.ssi_signo != SIGCHLD && info.ssi_signo != SIGPIPE) {
-        stop = static_cast<int>(info.ssi_signo);
-      }
-    }
-    return stop;
-  }
-  // Also stops on a signal already pending before the descriptor existed.
-  bool pendingStop() const {
-    sigset_t pending;
-    ::sigpending(&pending);
-    return ::sigismember(&pending, SIGINT) == 1 || ::sigismember(&pending, SIGTERM) == 1 ||
-           ::sigismember(&pending, SIGHUP) == 1;
-  }
-
- private:
-  sigset_t saved_;
-  int fd_ = -1;
-};
 
 // What the demo created, removed again on every way out unless kept.
 class DemoCollection {
@@ -342,9 +293,9 @@ void printExamples(const std::string& root, pid_t examplePid, unsigned long long
 
 // Serves the children's output until a stop signal or the end of
 // `duration` seconds (0: no end); the signal, or 0.
-int runUntilStopped(DemoSignals& signals, DemoProcesses& processes, unsigned long long duration) {
+int runUntilStopped(Beacon::StopSignals& signals, DemoProcesses& processes, unsigned long long duration) {
   long long deadline = duration != 0 ? monotonicMs() + static_cast<long long>(duration) * 1000 : 0;
-  int stopSignal = signals.pendingStop() ? SIGTERM : 0;
+  int stopSignal = signals.drain();
   while (stopSignal == 0) {
     int timeout = 1000;
     if (deadline != 0) {
@@ -369,8 +320,10 @@ int runUntilStopped(DemoSignals& signals, DemoProcesses& processes, unsigned lon
 }  // namespace
 
 int commandDemo(const DemoSettings& settings) {
-  DemoSignals signals;
-  if (signals.fd() < 0) {
+  // The stopping signals, and SIGCHLD and SIGPIPE of the children, are read
+  // from a descriptor, so the main loop waits on children and signals at once.
+  Beacon::StopSignals signals({SIGINT, SIGTERM, SIGHUP}, {SIGCHLD, SIGPIPE});
+  if (!signals.ok()) {
     std::cerr << "heron-sim demo: signalfd: " << std::strerror(errno) << '\n';
     return 1;
   }

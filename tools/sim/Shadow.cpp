@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/StopSignals.h"
 #include "Beacon/Util.h"
 #include "Sim.h"
 
@@ -90,11 +91,7 @@ int commandShadow(const ShadowSettings& settings) {
   const bool readWrite = settings.readWrite;
   // Block the stop signals before anything else, so none is lost between
   // the announcement and the wait.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGTERM);
-  sigaddset(&stopSignals, SIGINT);
-  sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+  Beacon::StopSignals stop({SIGTERM, SIGINT});
 
   const std::vector<std::string>& names = settings.names;
   std::vector<std::string> paths;
@@ -122,15 +119,8 @@ int commandShadow(const ShadowSettings& settings) {
   }
   std::cout.flush();
 
-  if (duration == 0) {
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-  } else {
-    struct timespec timeout {};
-    timeout.tv_sec = static_cast<time_t>(duration);
-    while (sigtimedwait(&stopSignals, nullptr, &timeout) < 0 && errno == EINTR) {
-    }
-  }
+  constexpr long long kNsPerSecond = 1000000000LL;
+  stop.waitNs(duration == 0 ? -1 : static_cast<long long>(duration) * kNsPerSecond);
   return 0;
 }
 

@@ -19,6 +19,7 @@
 #include <iostream>
 
 #include "Beacon/ProcPid.h"
+#include "Beacon/StopSignals.h"
 #include "Mem/RootPath.h"
 #include "SharedMem/Ember.h"
 #include "Sim.h"
@@ -33,44 +34,6 @@ long long monotonicNs() {
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
 }
-
-// The stopping signals are blocked and polled, so no handler and no global
-// flag are needed; sleeping is a wait for one of them.
-class StopSignals {
- public:
-  StopSignals() {
-    ::sigemptyset(&set_);
-    ::sigaddset(&set_, SIGINT);
-    ::sigaddset(&set_, SIGTERM);
-    ::sigaddset(&set_, SIGHUP);
-    ::sigprocmask(SIG_BLOCK, &set_, &saved_);
-  }
-  ~StopSignals() { ::sigprocmask(SIG_SETMASK, &saved_, nullptr); }
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-
-  // Waits up to `ns` for a stopping signal; true when one arrived.
-  bool waitFor(long long ns) {
-    if (stopped_) {
-      return true;
-    }
-    struct timespec timeout {
-      static_cast<time_t>(ns / 1000000000LL), static_cast<long>(ns % 1000000000LL)
-    };
-    int signal = ::sigtimedwait(&set_, nullptr, &timeout);
-    if (signal > 0) {
-      stopped_ = signal;
-    }
-    return stopped_ != 0;
-  }
-  bool stopRequested() { return waitFor(0); }
-  int signal() const { return stopped_; }
-
- private:
-  sigset_t set_;
-  sigset_t saved_;
-  int stopped_ = 0;
-};
 
 // One writer per table: the previous one counts as alive while its pid runs
 // and its last beat is younger than two seconds (it beats every 100 ms). The
@@ -122,7 +85,7 @@ struct Appended {
 
 // Appends at the settings' rate (or flat out), beating the heartbeat, until
 // a stop signal, the end of the duration or a failed step.
-Appended appendUntilStopped(const WriteSettings& settings, StopSignals& stop, SharedMem::EmberWriter& ember,
+Appended appendUntilStopped(const WriteSettings& settings, Beacon::StopSignals& stop, SharedMem::EmberWriter& ember,
                             WriteTable& table, long long started) {
   constexpr long long kHeartbeatNs = 100000000LL;
   constexpr long long kTickNs = 5000000LL;  // rate mode: catch up at most every 5 ms
@@ -149,13 +112,13 @@ Appended appendUntilStopped(const WriteSettings& settings, StopSignals& stop, Sh
         if (deadline != 0 && deadline - now < wait) {
           wait = deadline - now;
         }
-        if (stop.waitFor(wait)) {
+        if (stop.waitNs(wait) != 0) {
           break;
         }
         continue;
       }
     }
-    if (stop.stopRequested()) {
+    if (stop.waitNs(0) != 0) {
       break;
     }
     for (unsigned long long i = 0; i < due; ++i) {
@@ -173,7 +136,9 @@ Appended appendUntilStopped(const WriteSettings& settings, StopSignals& stop, Sh
 }  // namespace
 
 int commandWrite(const std::string& name, const WriteSettings& settings) {
-  StopSignals stop;
+  // The stopping signals are blocked and read, so no handler and no global
+  // flag are needed; sleeping is a wait for one of them.
+  Beacon::StopSignals stop;
   Mem::OrbRootPath root(handler(), name, false);
   SharedMem::EmberWriter ember(handler(), root);
   WriteTable table(handler(), root, settings);
@@ -193,7 +158,7 @@ int commandWrite(const std::string& name, const WriteSettings& settings) {
   // other processes took the CPU away.
   std::cout << "writer " << ::getpid() << " appended " << appended.count << " notifications in " << seconds << " s ("
             << perSecond(seconds) << "/s, " << perSecond(cpuSeconds) << "/s of cpu)"
-            << (stop.signal() != 0 ? std::string(", stopped by ") + ::strsignal(stop.signal()) : "") << std::endl;
+            << (stop.stopped() != 0 ? std::string(", stopped by ") + ::strsignal(stop.stopped()) : "") << std::endl;
   table.close();
   return appended.failed ? 1 : 0;
 }

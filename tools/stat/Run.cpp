@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "Beacon/Clock.h"
+#include "Beacon/StopSignals.h"
 #include "Deadline.h"
 #include "Health.h"
 #include "Mem/RootPath.h"
@@ -27,57 +28,21 @@ namespace {
 
 double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
 
-// Ctrl-C, SIGTERM and SIGHUP are blocked and waited for, so that a
-// signal ends a wait cleanly between two samples instead of cutting a
-// report short. They stay blocked until the process exits: a second signal
-// (Ctrl-C pressed twice, or `timeout`, which signals the child and then its
-// group) must not kill it while it ends with status 0.
-class StopSignals {
+// Ctrl-C, SIGTERM and SIGHUP are blocked and waited for, so that a signal
+// ends a wait cleanly between two samples instead of cutting a report short;
+// a write that waits for its reader waits for them too. After a stop they
+// stay blocked: a second signal (Ctrl-C pressed twice, or `timeout`, which
+// signals the child and then its group) must not kill a run that ends with
+// status 0.
+class StopSignals : public Beacon::StopSignals {
  public:
-  StopSignals() {
-    ::sigemptyset(&set_);
-    for (int stop : {SIGINT, SIGTERM, SIGHUP}) {
-      ::sigaddset(&set_, stop);
-    }
-    ::sigprocmask(SIG_BLOCK, &set_, nullptr);
-    // Readable while one of them is pending: a write that waits for its
-    // reader waits for this too.
-    fd_ = ::signalfd(-1, &set_, SFD_CLOEXEC | SFD_NONBLOCK);
-  }
-  ~StopSignals() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  StopSignals(const StopSignals&) = delete;
-  StopSignals& operator=(const StopSignals&) = delete;
-
-  int fd() const { return fd_; }
+  StopSignals() { keepBlockedAfterStop(); }
 
   // Waits until the monotonic time `until`; true when a signal came first.
   bool waitUntil(double until) {
-    for (;;) {
-      const double left = until - monotonicNow();
-      if (left <= 0) {
-        return pending();
-      }
-      struct timespec timeout {};
-      timeout.tv_sec = static_cast<time_t>(left);
-      timeout.tv_nsec = static_cast<long>((left - std::floor(left)) * 1e9);
-      const int signal = ::sigtimedwait(&set_, nullptr, &timeout);
-      if (signal > 0) {
-        return true;
-      }
-    }
+    const double left = until - monotonicNow();
+    return waitNs(left > 0 ? static_cast<long long>(left * 1e9) : 0) != 0;
   }
-  bool pending() {
-    struct timespec zero {};
-    return ::sigtimedwait(&set_, nullptr, &zero) > 0;
-  }
-
- private:
-  sigset_t set_;
-  int fd_ = -1;
 };
 
 std::string render(const Options& options, Sample& sample) {

@@ -16,8 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "Beacon/StopSignals.h"
 #include "Linger.h"
-#include "SignalWatch.h"
 
 namespace Stat {
 
@@ -274,13 +274,13 @@ class Daemon {
 
 // Serves until SIGTERM or SIGINT: drops connections whose headers are
 // overdue and drains the lingering ones meanwhile.
-void serveUntilStopped(SignalWatch& signals, Connections& connections, Linger& linger) {
+void serveUntilStopped(Beacon::StopSignals& signals, Connections& connections, Linger& linger) {
   std::vector<pollfd> fds;
   for (;;) {
     fds.assign(1, pollfd{signals.fd(), POLLIN, 0});
     linger.watch(fds);
     ::poll(fds.data(), fds.size(), kSweepMilliseconds);
-    if (signals.wait(0)) {
+    if (signals.drain() != 0) {
       return;
     }
     linger.drain();
@@ -291,7 +291,11 @@ void serveUntilStopped(SignalWatch& signals, Connections& connections, Linger& l
 }  // namespace
 
 int serve(const ListenAddress& where, const Endpoints& endpoints, std::ostream& out, std::ostream& err) {
-  SignalWatch signals;
+  // SIGPIPE is taken quietly: a client that hangs up mid-answer costs an
+  // error return, not the process. After a stop the signals stay blocked,
+  // so a second one cannot kill a server that is ending with status 0.
+  Beacon::StopSignals signals({SIGTERM, SIGINT}, {SIGPIPE});
+  signals.keepBlockedAfterStop();
   if (!signals.ok()) {
     err << "heron-stat: cannot watch for SIGTERM and SIGINT: " << std::strerror(errno) << '\n';
     return 1;
