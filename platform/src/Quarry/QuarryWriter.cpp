@@ -219,21 +219,21 @@ std::unique_ptr<QuarryWriter::Mapping> QuarryWriter::mapNewFile(const std::strin
     error = temporary + ": " + std::strerror(errno);
     return nullptr;
   }
-  auto mapping = std::make_unique<Mapping>();
-  bool ok = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
-  if (ok) {
-    void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ok = base != MAP_FAILED;
-    if (ok) {
-      mapping->base = static_cast<unsigned char*>(base);
-      mapping->size = size;
-    }
+  void* base = MAP_FAILED;
+  if (::ftruncate(fd, static_cast<off_t>(size)) == 0) {
+    base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   }
-  if (!ok) {
+  if (base == MAP_FAILED) {
     error = temporary + ": " + std::strerror(errno);
   }
   ::close(fd);
-  return ok ? std::move(mapping) : nullptr;
+  if (base == MAP_FAILED) {
+    return nullptr;
+  }
+  auto mapping = std::make_unique<Mapping>();
+  mapping->base = static_cast<unsigned char*>(base);
+  mapping->size = size;
+  return mapping;
 }
 
 std::uint32_t QuarryWriter::createRegion(std::uint32_t unitSize, std::uint32_t unitCount, std::string& error) {
