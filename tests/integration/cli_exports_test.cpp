@@ -72,6 +72,10 @@ Scope scopeOf(const std::string& name) {
                                          std::string("VISTC").find(name[at + 1]) != std::string::npos)) {
     at += 2;
   }
+  // A local entity (a function's static) lives where its function does.
+  if (name.compare(at, 1, "Z") == 0) {
+    ++at;
+  }
   bool nested = at < name.size() && name[at] == 'N';
   if (nested) {
     ++at;
@@ -103,6 +107,10 @@ TEST(LibraryExports, ClassifierKnowsWhereNamesLive) {
   EXPECT_EQ(global.outer, "printTable");
   EXPECT_EQ(global.inner, "");
   EXPECT_TRUE(scopeOf("_ZNSt6vectorIiSaIiEE9push_backEv").standard);
+  // A static inside a standard function (std::to_string's digit table in an
+  // unoptimised build) belongs to the library.
+  EXPECT_TRUE(scopeOf("_ZZNSt8__detail18__to_chars_10_implIjEEvPcjT_E8__digits").standard);
+  EXPECT_EQ(scopeOf("_ZZN5Heron4mainEiPPcE5count").outer, "Heron");
   EXPECT_EQ(scopeOf("_ZN3Mem8RootPathC1Ev").outer, "Mem");
   EXPECT_FALSE(scopeOf("_init").cxx);
 }
