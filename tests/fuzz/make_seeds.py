@@ -57,7 +57,7 @@ def relay(ember_instance, epochs, table_version, current, latest, capacity, slot
     head += struct.pack("<QQQ", 0, 0, latest)
     head += struct.pack("<II", 1, capacity)  # notifications: version, capacity
     body = bytearray(88 + 12 * capacity)
-    body[:84] = head
+    body[:80] = head
     struct.pack_into("<I", body, 80, pos)
     for i, (seq, off, size) in enumerate(slots):
         struct.pack_into("<III", body, 84 + 12 * i, seq, off, size)
