@@ -4,12 +4,14 @@ BUILD      ?= build
 ASAN_BUILD ?= build-asan
 M32_BUILD  ?= build-m32
 M32_CLANG_BUILD ?= build-m32-clang
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 30
 JOBS       ?= $(shell nproc)
 CMAKE_GEN  := -G Ninja
 # Benchmarks are built by `make bench` only: no test needs them.
 BENCH      ?= OFF
 
-.PHONY: all build deps test test-native test-asan m32 m32-clang lint format format-check demo bench clean install
+.PHONY: all build deps test test-native test-asan m32 m32-clang lint format format-check demo bench fuzz clean install
 
 all: build
 
@@ -67,6 +69,14 @@ bench: deps
 	cmake --build $(BUILD) -j $(JOBS)
 	bash bench/run.sh $(BUILD)
 
+# libFuzzer targets (clang, ASan, UBSan), each run FUZZ_SECONDS over a copy of
+# its seed corpus in tests/fuzz/corpus; any finding fails.
+fuzz: deps
+	@test -f $(FUZZ_BUILD)/build.ninja || CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_BENCH=OFF -DHERON_FUZZ=ON
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD)
+
 demo: deps build
 	bash scripts/demo.sh $(BUILD)
 
@@ -74,4 +84,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(M32_BUILD) $(M32_CLANG_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(M32_BUILD) $(M32_CLANG_BUILD) $(FUZZ_BUILD)

@@ -8,6 +8,7 @@ packages=(
   libfmt-dev googletest libgtest-dev libbenchmark-dev
   libcli11-dev libmicrohttpd-dev nlohmann-json3-dev pkg-config
   clang clang-tidy cppcheck clang-format binutils
+  libclang-rt-dev  # libFuzzer and the sanitizer runtimes for make fuzz
   psmisc lsof strace util-linux procps man-db
   prometheus tmux curl jq python3-jsonschema systemd
   gnuplot-nox

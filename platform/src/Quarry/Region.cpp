@@ -98,7 +98,9 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
     }
     out.generation = before;
     out.usedUnits = Beacon::Shared::load32Relaxed(&shared, offsetof(RegionHeader, usedUnits));
-    std::memcpy(out.bitmap.data(), base_ + h.bitmapOffset, bitmapBytes);
+    if (bitmapBytes != 0) {  // a region of no units has no bitmap, and data() may be null
+      std::memcpy(out.bitmap.data(), base_ + h.bitmapOffset, bitmapBytes);
+    }
     out.used.clear();
     out.previews.clear();
     for (std::size_t byte = 0; byte < bitmapBytes; ++byte) {

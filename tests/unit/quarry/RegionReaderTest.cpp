@@ -67,3 +67,19 @@ TEST_F(RegionReaderTest, ZeroPageSizeIsRefusedAtAttach) {
   EXPECT_FALSE(scanner.attach(path(id), id, error));
   EXPECT_EQ(error, "inconsistent layout");
 }
+
+// A header of no units is a valid layout: its snapshot is empty and copies
+// no bitmap (under UBSan a copy into an empty vector's null data is an error).
+TEST_F(RegionReaderTest, RegionOfNoUnitsSnapshotsEmpty) {
+  const std::uint32_t id = region(64, 16);
+  poke(id, offsetof(Quarry::RegionHeader, unitCount), 0);
+  Quarry::RegionScanner scanner;
+  std::string error;
+  ASSERT_TRUE(scanner.attach(path(id), id, error)) << error;
+  Quarry::RegionSnapshot copy;
+  scanner.snapshot(copy, 16, 4, true);
+  EXPECT_TRUE(copy.consistent);
+  EXPECT_TRUE(copy.bitmap.empty());
+  EXPECT_TRUE(copy.used.empty());
+  EXPECT_TRUE(copy.previews.empty());
+}
