@@ -205,6 +205,7 @@ Columns fitColumns(const Sample& sample, const std::vector<std::size_t>& tables,
     }
   }
   Columns columns;
+  columns.width = width;
   for (std::size_t i = 0; i < header.size(); ++i) {
     if (keep[i]) {
       columns.shown.push_back(i);
@@ -233,7 +234,7 @@ Line cellsLine(const std::vector<std::string>& cells, const Columns& columns, To
     text += left ? cell + pad : pad + cell;
     total += width + (at != 0 ? kGap : 0);
   }
-  return fitted(text, total, tone);
+  return fitted(text, std::min(total, columns.width), tone);
 }
 
 }  // namespace

@@ -47,6 +47,7 @@ std::vector<Line> problemLines(const Sample& sample, std::size_t width);
 struct Columns {
   std::vector<std::size_t> shown;
   std::vector<std::size_t> widths;  // parallel to shown
+  std::size_t width = 0;            // of the screen: lines are cut to it
 };
 Columns fitColumns(const Sample& sample, const std::vector<std::size_t>& tables, std::size_t width);
 
