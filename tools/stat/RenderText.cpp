@@ -154,9 +154,22 @@ std::vector<std::string> tableCells(const Table& table) {
   return cells;
 }
 
-std::size_t displayWidth(const std::string& text) { return DisplayWidth()(text); }
+namespace {
+
+// Printable ASCII takes a column a byte: no locale needed (the interactive
+// view measures every cell of every frame).
+bool ascii(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0x80U) == 0; });
+}
+
+}  // namespace
+
+std::size_t displayWidth(const std::string& text) { return ascii(text) ? text.size() : DisplayWidth()(text); }
 
 std::string ellipsize(const std::string& text, std::size_t columns) {
+  if (ascii(text) && text.size() <= columns) {
+    return text;
+  }
   const DisplayWidth width;
   if (width(text) <= columns) {
     return text;
