@@ -15,6 +15,10 @@ for i in $(seq -w 1 59); do
   "$SIM" create "idle/t$i" >/dev/null
 done
 "$SIM" create live >/dev/null
+# A name wider than 80 columns, in two-column characters: shortened on the
+# screen by display width.
+LONG="idle/t00-名前-$(printf 'x%.0s' $(seq 1 90))"
+"$SIM" create "$LONG" >/dev/null
 start_writer live --rate 2000
 
 # open NAME WIDTH HEIGHT [ENV...]: the view in a new tmux session.
@@ -36,14 +40,15 @@ shows() { screen "$1" | matches -E "$2"; }
 see() { wait_until 10 shows "$1" "$2" || fail "$3: $(screen "$1")"; }
 
 open v 80 24
-see v '^60 tables: 59 dead, 1 ok' "no summary line first"
+see v '^61 tables: 60 dead, 1 ok' "no summary line first"
 see v '^TABLE +STATE +PID +BEAT' "no header"
-screen v | matches -E '^critical  idle/t01: no writer has started' || fail "problems not under the summary: $(screen v)"
+screen v | matches -E '^critical  idle/t00-名前-x+…$' || fail "problems not under the summary: $(screen v)"
 screen v | matches -E 'more problems' || fail "59 problems were not cut to the room: $(screen v)"
-screen v | tail -1 | matches '^sort: state  60 of 60 tables' || fail "no status line at the bottom: $(screen v)"
+screen v | tail -1 | matches '^sort: state  61 of 61 tables' || fail "no status line at the bottom: $(screen v)"
 [[ $(screen v | wc -l) -eq 24 ]] || fail "not 24 lines: $(screen v)"
 # Nothing wraps: the row of a table holds its figures.
 screen v | matches -E '^idle/t01 +dead +- +- ' || fail "a dead row is not one line: $(screen v)"
+screen v | matches -E '^idle/t00-名前-x*… +dead ' || fail "the long name is not shortened: $(screen v | cat -A | head -20)"
 screen v | matches SEQUENCE && fail "SEQUENCE should be dropped at 80 columns: $(screen v)"
 coloured v | grep ' dead ' | matches $'\e\\[[0-9;]*31m' || fail "dead rows are not red: $(coloured v | cat -v)"
 echo "80x24: summary, problems, header, worst first, dead rows red"
@@ -65,7 +70,7 @@ done
 keys v / l i v
 see v '^filter: liv_' "/ did not open the filter"
 keys v Enter
-see v '1 of 60 tables' "the filter did not apply"
+see v '1 of 61 tables' "the filter did not apply"
 keys v Enter
 see v "^writer +pid $WRITER_PID +heartbeat" "Enter did not open the detail"
 see v '^  queue 1 \[' "no queue with a fill bar in the detail"
@@ -77,7 +82,7 @@ see v '^PAUSED' "p did not pause"
 # The sample time (HH:MM:SS UTC) of the summary moves again once resumed.
 paused=$(screen v | head -1 | grep -oE '[0-9]{2}:[0-9]{2}:[0-9]{2} UTC')
 keys v p
-see v '^60 tables' "p did not resume"
+see v '^61 tables' "p did not resume"
 wait_until 10 bash -c "! tmux -L '$SOCKET' capture-pane -p -t v | head -1 | grep -q '$paused'" ||
   fail "no new sample after resuming: $(screen v | head -1)"
 keys v '?'

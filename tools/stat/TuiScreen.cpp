@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 
 #include "Beacon/Clock.h"
 #include "Tui.h"
@@ -162,6 +163,7 @@ bool waitForInput(int stopFd, double seconds) {
 int run(const Options& options, int stopFd) {
   Terminal terminal;
   if (!terminal.ok()) {
+    std::cerr << "heron-stat: cannot set up the terminal for --watch" << std::endl;
     return 1;
   }
   View view(options);
