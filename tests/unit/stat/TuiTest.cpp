@@ -234,4 +234,32 @@ TEST(TuiView, TinyAndHugeTerminalsStayInside) {
   EXPECT_EQ(Stat::Tui::bar(1.5, 2), "[##]");
 }
 
+TEST(TuiText, CriticalProblemsFirstAndTheRootsTroubleInTheSummary) {
+  Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("a"), deadTable("b")});
+  sample.problems.push_back({Stat::Severity::Warning, "about the collection"});
+  Stat::assess(sample, Stat::Thresholds{});
+  const std::vector<Stat::Tui::Line> problems = Stat::Tui::problemLines(sample, 80);
+  ASSERT_EQ(problems.size(), 2u);
+  EXPECT_EQ(problems[0].text.rfind("critical  b: ", 0), 0u) << problems[0].text;
+  EXPECT_EQ(problems[1].text, "warning   about the collection");
+
+  const Stat::Tui::Line trouble =
+      Stat::Tui::summaryLine(StatTest::unusableRoot("collection root /nowhere does not exist"), false, 80);
+  EXPECT_EQ(trouble.text, "collection root /nowhere does not exist");
+  EXPECT_EQ(trouble.tone, Stat::Tui::Tone::Bad);
+  Stat::Sample unknown = StatTest::sampleOf({StatTest::healthyTable("a")});
+  unknown.clientsKnown = false;
+  EXPECT_NE(Stat::Tui::summaryLine(unknown, false, 200).text.find("clients unknown"), std::string::npos);
+}
+
+TEST(TuiView, TheDetailSaysWhenItsTableIsGone) {
+  Stat::Options options;
+  Stat::Tui::View view(options);
+  view.take(StatTest::sampleOf({StatTest::healthyTable("alpha")}));
+  view.press(Key{KeyKind::Enter});
+  view.take(StatTest::sampleOf({StatTest::healthyTable("beta")}));
+  const std::string text = joined(view.frame(24, 80));
+  EXPECT_NE(text.find("/dev/shm/heron/alpha is no longer in the collection"), std::string::npos) << text;
+}
+
 }  // namespace
