@@ -12,6 +12,7 @@ packages=(
   psmisc lsof strace util-linux procps man-db
   prometheus tmux curl jq python3-jsonschema systemd
   gnuplot-nox
+  libncurses-dev
   qemu-user
 )
 

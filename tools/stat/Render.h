@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Collect.h"
 #include "Model.h"
@@ -14,6 +15,17 @@ namespace Stat {
 // (if any) after a blank line. Every text from a file is shown through
 // printable().
 std::string renderText(const Sample& sample);
+
+// The aligned table's header and one table's cells, in the same order.
+const std::vector<std::string>& tableHeader();
+std::vector<std::string> tableCells(const Table& table);
+
+// Columns a printable() text takes on a terminal (a wide character two, a
+// combining one none).
+std::size_t displayWidth(const std::string& text);
+// `text` (printable) in at most `columns` columns: when longer, cut at a
+// character and ended with an ellipsis.
+std::string ellipsize(const std::string& text, std::size_t columns);
 
 // One JSON document on one line, with a line end (NDJSON-ready). Keys are
 // stable and in snake_case; times are seconds as numbers; figures that could

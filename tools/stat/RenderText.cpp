@@ -122,7 +122,16 @@ std::string pidCell(const Writer& writer) {
 
 std::string percent(double ratio) { return fmt::format("{:.0f}%", std::floor(ratio * 100)); }
 
-std::vector<std::string> row(const Table& table) {
+}  // namespace
+
+const std::vector<std::string>& tableHeader() {
+  static const std::vector<std::string> kHeader = {"TABLE",   "STATE",    "PID",    "BEAT", "RESTARTS",
+                                                   "SHADOWS", "SEQUENCE", "RATE/S", "Q",    "FILL",
+                                                   "SWITCH",  "ALLOC",    "FULLEST"};
+  return kHeader;
+}
+
+std::vector<std::string> tableCells(const Table& table) {
   const Writer& writer = table.writer;
   const Queues& queues = table.queues;
   const Allocator& allocator = table.allocator;
@@ -145,7 +154,47 @@ std::vector<std::string> row(const Table& table) {
   return cells;
 }
 
+namespace {
+
+// Printable ASCII takes a column a byte: no locale needed (the interactive
+// view measures every cell of every frame).
+bool ascii(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0x80U) == 0; });
+}
+
 }  // namespace
+
+std::size_t displayWidth(const std::string& text) { return ascii(text) ? text.size() : DisplayWidth()(text); }
+
+std::string ellipsize(const std::string& text, std::size_t columns) {
+  if (ascii(text) && text.size() <= columns) {
+    return text;
+  }
+  const DisplayWidth width;
+  if (width(text) <= columns) {
+    return text;
+  }
+  if (columns == 0) {
+    return "";
+  }
+  static const std::string kEllipsis = "\u2026";  // one column
+  std::string kept;
+  std::size_t used = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    std::size_t next = at + 1;
+    while (next < text.size() && (static_cast<unsigned char>(text[next]) & 0xC0U) == 0x80U) {
+      ++next;
+    }
+    const std::size_t step = width(text.substr(at, next - at));
+    if (used + step + 1 > columns) {
+      break;
+    }
+    kept.append(text, at, next - at);
+    used += step;
+    at = next;
+  }
+  return kept + kEllipsis;
+}
 
 std::optional<std::uint32_t> hostPid(const Writer& writer) {
   if (writer.hostPid != 0) {
@@ -162,15 +211,13 @@ std::string renderText(const Sample& sample) {
   if (!trouble.empty()) {
     return printable(trouble) + "\n";
   }
-  static const std::vector<std::string> kHeader = {"TABLE",   "STATE",    "PID",    "BEAT", "RESTARTS",
-                                                   "SHADOWS", "SEQUENCE", "RATE/S", "Q",    "FILL",
-                                                   "SWITCH",  "ALLOC",    "FULLEST"};
+  const std::vector<std::string>& kHeader = tableHeader();
   // Name, state and the fullest region are left-aligned; figures right.
-  auto leftAligned = [](std::size_t column) { return column <= 1 || column + 1 == kHeader.size(); };
+  auto leftAligned = [&kHeader](std::size_t column) { return column <= 1 || column + 1 == kHeader.size(); };
   std::vector<std::vector<std::string>> rows;
   rows.push_back(kHeader);
   for (const Table& table : sample.tables) {
-    rows.push_back(row(table));
+    rows.push_back(tableCells(table));
   }
   const DisplayWidth columns;
   std::vector<std::size_t> widths(kHeader.size(), 0);

@@ -21,6 +21,7 @@
 #include "ScrapeRates.h"
 #include "Server.h"
 #include "Stat.h"
+#include "Tui.h"
 
 namespace Stat {
 
@@ -89,9 +90,11 @@ class Emitter {
 };
 
 int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
-  const bool repaint = options.output.empty() && !options.json && !options.prometheus && ::isatty(STDOUT_FILENO) == 1;
   // Machine formats stream one document per sample, with nothing between.
   const bool blocks = options.output.empty() && !options.json && !options.prometheus;
+  if (blocks && Tui::usable()) {
+    return Tui::run(options, signals.fd());
+  }
   Sample previous;
   bool first = true;
   double next = monotonicNow();
@@ -101,20 +104,7 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
       deriveRates(previous, sample);
     }
     std::string text = render(options, sample);
-    if (repaint) {
-      // Home, the frame with each line's rest cleared, then the rest of the
-      // screen cleared; the first frame clears the screen first.
-      std::string frame = first ? "\033[H\033[2J" : "\033[H";
-      const std::string body = watchTitle(options, sample) + text;
-      for (std::size_t at = 0; at < body.size();) {
-        const std::size_t end = body.find('\n', at);
-        frame.append(body, at, end - at);
-        frame += "\033[K\n";
-        at = end + 1;
-      }
-      frame += "\033[J";
-      text = frame;
-    } else if (blocks) {
+    if (blocks) {
       text = (first ? "" : "\n") + watchTitle(options, sample) + text;
     }
     const Written written = emitter.emit(text);

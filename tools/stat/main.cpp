@@ -131,7 +131,7 @@ void addOptions(CLI::App& app, Stat::Options& options) {
       ->type_name("SECONDS")
       ->capture_default_str();
   app.add_flag("--watch", options.watch,
-               "Refresh every interval until Ctrl-C (repaints on a terminal, appends blocks otherwise)");
+               "Refresh every interval until Ctrl-C (an interactive view on a terminal, appended blocks otherwise)");
   auto* json = app.add_flag("--json", options.json, "One JSON document per sample (NDJSON with --watch)");
   auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
   auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
