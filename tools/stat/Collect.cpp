@@ -76,75 +76,65 @@ std::string loadTrouble(SharedMem::LoadStatus status, const std::string& path, s
   }
 }
 
-// The region reader, asked for figures instead of a printed report.
-class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
- public:
-  // Used for one sample and destroyed: it keeps no watch on the directory.
-  explicit AllocatorReader(const Mem::RootPath& root) : QuarryScannerBase(handler(), root, std::string()) {
-    watchDeletions(false);
+// A region as heron-stat shows it: only the units that both the count and
+// the bitmap vouch for are used.
+Region regionRow(const Quarry::RegionStats& stats) {
+  Region row;
+  row.id = stats.id;
+  row.entrySize = stats.unitSize;
+  row.units = stats.units;
+  row.used = stats.confirmedUsed();
+  row.freePages = stats.freePages;
+  row.consistent = stats.copySettled && stats.countsAgree();
+  // A copy that never settled is a busy writer, not evidence of damage.
+  if (stats.copySettled && !stats.countsAgree()) {
+    row.inconsistency = fmt::format("used count {}, bitmap {}, units {}", stats.usedCount, stats.inBitmap, stats.units);
   }
+  return row;
+}
 
-  // Fills `out` from the allocator file and every region, each region
-  // mapped only while it is read; each file that cannot be used adds a line
-  // to `errors`. False when the allocator file itself is unusable or the
-  // table directory cannot be listed (the figures are unknown, not zero).
-  bool read(Allocator& out, std::vector<std::string>& errors) {
-    std::string error;
-    if (!noMapReader_.open(root_.fullPath(Quarry::kQuarryFileName), error)) {
-      errors.push_back(error);
-      return false;
-    }
-    // The allocator file is open, so this only sets up the reader.
-    static_cast<void>(initialize());
-    Quarry::RegionSnapshot copy;
-    visitAndReleaseRegions([&out, &copy](const Quarry::RegionScanner& region) {
-      region.snapshot(copy, 0, kCopyAttempts);
-      const Quarry::RegionHeader& header = region.header();
-      Region row;
-      row.id = region.id();
-      row.entrySize = header.unitSize;
-      row.units = header.unitCount;
-      // A used count above the unit count, or one the bitmap disagrees
-      // with, is damage: the lowest of the figures is taken, so that
-      // garbage never makes a region look fuller than it is.
-      const auto inBitmap = static_cast<std::uint32_t>(copy.used.size());
-      const bool agrees = copy.usedUnits <= header.unitCount && copy.usedUnits == inBitmap;
-      row.used = std::min({copy.usedUnits, inBitmap, header.unitCount});
-      row.freePages = region.numFreePages(copy);
-      row.consistent = copy.consistent && agrees;
-      // A copy that never settled is a busy writer, not evidence of damage.
-      if (copy.consistent && !agrees) {
-        row.inconsistency =
-            fmt::format("used count {}, bitmap {}, units {}", copy.usedUnits, inBitmap, header.unitCount);
-      }
-      out.bytes += static_cast<std::uint64_t>(row.units) * row.entrySize;
-      out.usedBytes += static_cast<std::uint64_t>(row.used) * row.entrySize;
-      out.freePages += row.freePages;
-      out.regions.push_back(row);
-    });
-    if (!listError().empty()) {
-      errors.push_back(listError());
-      return false;
-    }
-    std::sort(out.regions.begin(), out.regions.end(), [](const Region& a, const Region& b) { return a.id < b.id; });
-    for (const Region& row : out.regions) {
-      // used/units compared exactly; the lower id wins a tie.
-      if (!out.fullest || static_cast<std::uint64_t>(row.used) * out.fullest->units >
-                              static_cast<std::uint64_t>(out.fullest->used) * row.units) {
-        out.fullest = row;
-      }
-    }
-    for (const Quarry::BadRegion& bad : badRegions()) {
-      errors.push_back(root_.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
-    }
-    Quarry::QuarryHeader counters{};
-    noMapReader_.copy(counters);
-    out.allocations = counters.allocations;
-    out.releases = counters.releases;
-    out.known = true;
-    return true;
+// Fills `out` from the allocator's figures; each file that cannot be used
+// adds a line to `errors`. False when the allocator file itself is unusable
+// or the table directory cannot be listed (the figures are unknown, not
+// zero). `listing`: the table directory as the caller has just read it, or
+// null.
+bool readAllocator(const Mem::RootPath& root, const Mem::TableFinder::Listing* listing, Allocator& out,
+                   std::vector<std::string>& errors) {
+  Quarry::QuarryScannerBase<Quarry::NoMapScanner> reader(handler(), root, std::string());
+  // Used for one sample and destroyed: it keeps no watch on the directory.
+  reader.watchDeletions(false);
+  if (!reader.initialize()) {
+    errors.push_back(reader.initializeError());
+    return false;
   }
-};
+  reader.useListing(listing);
+  const Quarry::AllocatorStats stats = reader.readStats();
+  if (!reader.listError().empty()) {
+    errors.push_back(reader.listError());
+    return false;
+  }
+  for (const Quarry::RegionStats& region : stats.regions) {
+    out.regions.push_back(regionRow(region));
+  }
+  out.bytes = stats.bytes;
+  out.usedBytes = stats.confirmedUsedBytes;
+  out.freePages = stats.freePages;
+  std::sort(out.regions.begin(), out.regions.end(), [](const Region& a, const Region& b) { return a.id < b.id; });
+  for (const Region& row : out.regions) {
+    // used/units compared exactly; the lower id wins a tie.
+    if (!out.fullest || static_cast<std::uint64_t>(row.used) * out.fullest->units >
+                            static_cast<std::uint64_t>(out.fullest->used) * row.units) {
+      out.fullest = row;
+    }
+  }
+  for (const Quarry::BadRegion& bad : reader.badRegions()) {
+    errors.push_back(root.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
+  }
+  out.allocations = stats.allocations;
+  out.releases = stats.releases;
+  out.known = true;
+  return true;
+}
 
 void readOwner(Table& table) {
   SharedMem::OwnerFile owner(handler(), Mem::RootPath(table.identity.path), false);
@@ -239,13 +229,6 @@ void readQueues(Table& table) {
   const QueueTable& active = queues.tables[queues.active - 1];
   queues.fillRatio =
       active.capacity == 0 ? 0.0 : static_cast<double>(std::min(active.position, active.capacity)) / active.capacity;
-}
-
-// `listing`: the table directory as the caller has just read it, or null.
-void readAllocator(Table& table, const Mem::TableFinder::Listing* listing) {
-  AllocatorReader reader{Mem::RootPath(table.identity.path)};
-  reader.useListing(listing);
-  reader.read(table.allocator, table.fileErrors);
 }
 
 // True when the kernel still has a process with that pid (one we may not
@@ -355,7 +338,7 @@ bool readTable(Table& table, const Mem::TableFinder::Listing* listing) {
     readEmber(table);
     table.readMonotonicSeconds = seconds(SharedMem::monoNs());
     readQueues(table);
-    readAllocator(table, listing);
+    readAllocator(Mem::RootPath(table.identity.path), listing, table.allocator, table.fileErrors);
   } catch (const std::exception& error) {
     table.fileErrors.push_back(table.identity.path + ": " + error.what());
   }
