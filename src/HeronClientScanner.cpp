@@ -17,10 +17,12 @@
 #include <sstream>
 #include <string_view>
 
+#include "Beacon/MapsReader.h"
 #include "Beacon/Trace.h"
 #include "Beacon/Util.h"
 #include "Mem/TableFinder.h"
 #include "SharedMem/OwnerFile.h"
+#include "SharedMem/TableClients.h"
 #include "readers/QuarryHelperScanner.h"
 #include "readers/RelayHelperScanner.h"
 
@@ -34,7 +36,6 @@ constexpr const char* kClass = "HeronClientScanner";
 constexpr std::size_t kTokenStackBuffer = 512;
 
 // Reading buffer of a maps file: the kernel hands out large chunks when asked.
-constexpr std::size_t kMapsReadBuffer = std::size_t{64} * 1024;
 
 // Number of non-empty '/'-separated components of `path`.
 unsigned countComponents(const std::string& path) {
@@ -52,8 +53,6 @@ unsigned countComponents(const std::string& path) {
 }
 
 // The two bytes that mark a writer's mapping.
-bool isReadWrite(const std::string& permissions) { return permissions.compare(0, 2, "rw") == 0; }
-
 bool headerComplete(const Model::HeaderInfo& info) {
   constexpr std::uint64_t na = Model::HeaderInfo::kNotAvailable;
   return info.primaryNotifications != na && info.secondaryNotifications != na && info.numRegions != na &&
@@ -214,110 +213,6 @@ bool openNextMaps(Beacon::DirNode& directory, std::string& mapsPath, std::string
   return false;
 }
 
-// Reads maps files in large chunks into one buffer, kept from one file to
-// the next, and hands out their lines without copying them.
-class MapsReader {
- public:
-  enum class Result { Read, ReadFailed };
-
-  // Calls onLine(line) in file order for every non-empty line when
-  // `everyLine`, else only for the lines that contain "relay.1" or "ember"
-  // (every line that can name a heron file does; most processes map none).
-  // A last line without a newline counts. onLine returns false to stop.
-  // ReadFailed when the first read fails; a later failure keeps what was
-  // read, as for a process that exits while its file is read.
-  template <typename OnLine>
-  Result forEachLine(int fd, bool everyLine, OnLine&& onLine) {
-    std::size_t kept = 0;  // an unfinished line, moved to the buffer's start
-    bool readAny = false;
-    for (;;) {
-      if (kept == buffer_.size()) {
-        buffer_.resize(buffer_.size() * 2);  // a line longer than the buffer
-      }
-      const ssize_t n = ::read(fd, buffer_.data() + kept, buffer_.size() - kept);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n < 0) {
-        return readAny ? Result::Read : Result::ReadFailed;
-      }
-      if (n == 0) {
-        if (kept != 0) {
-          onLine(std::string_view(buffer_.data(), kept));
-        }
-        return Result::Read;
-      }
-      readAny = true;
-      const char* begin = buffer_.data();
-      const std::size_t filled = kept + static_cast<std::size_t>(n);
-      const void* lastNewline = ::memrchr(begin + kept, '\n', static_cast<std::size_t>(n));
-      if (lastNewline == nullptr) {
-        kept = filled;
-        continue;
-      }
-      const char* complete = static_cast<const char*>(lastNewline) + 1;
-      const bool goOn = everyLine ? eachLine(begin, complete, onLine) : candidateLines(begin, complete, onLine);
-      if (!goOn) {
-        return Result::Read;
-      }
-      kept = filled - static_cast<std::size_t>(complete - begin);
-      std::memmove(buffer_.data(), complete, kept);
-    }
-  }
-
-  // Room for one line, reused from one line to the next.
-  std::string& line() { return line_; }
-
- private:
-  // [begin, end) holds whole lines, the last one ending in '\n'.
-  template <typename OnLine>
-  static bool eachLine(const char* begin, const char* end, OnLine& onLine) {
-    while (begin < end) {
-      const char* newline = static_cast<const char*>(std::memchr(begin, '\n', static_cast<std::size_t>(end - begin)));
-      if (newline != begin && !onLine(std::string_view(begin, static_cast<std::size_t>(newline - begin)))) {
-        return false;
-      }
-      begin = newline + 1;
-    }
-    return true;
-  }
-
-  static const char* find(const char* from, const char* end, std::string_view needle) {
-    return static_cast<const char*>(::memmem(from, static_cast<std::size_t>(end - from), needle.data(), needle.size()));
-  }
-
-  template <typename OnLine>
-  static bool candidateLines(const char* begin, const char* end, OnLine& onLine) {
-    constexpr std::string_view relay = "relay.1";
-    constexpr std::string_view ember = "ember";
-    const char* from = begin;
-    const char* nextRelay = find(from, end, relay);
-    const char* nextEmber = find(from, end, ember);
-    while (nextRelay != nullptr || nextEmber != nullptr) {
-      const char* hit = nextRelay == nullptr   ? nextEmber
-                        : nextEmber == nullptr ? nextRelay
-                                               : std::min(nextRelay, nextEmber);
-      const void* before = ::memrchr(from, '\n', static_cast<std::size_t>(hit - from));
-      const char* start = before == nullptr ? from : static_cast<const char*>(before) + 1;
-      const char* newline = static_cast<const char*>(std::memchr(hit, '\n', static_cast<std::size_t>(end - hit)));
-      if (!onLine(std::string_view(start, static_cast<std::size_t>(newline - start)))) {
-        return false;
-      }
-      from = newline + 1;
-      if (nextRelay != nullptr && nextRelay < from) {
-        nextRelay = find(from, end, relay);
-      }
-      if (nextEmber != nullptr && nextEmber < from) {
-        nextEmber = find(from, end, ember);
-      }
-    }
-    return true;
-  }
-
-  std::vector<char> buffer_ = std::vector<char>(kMapsReadBuffer);
-  std::string line_;
-};
-
 // By process: the mappings of the scanner's own two files, compared by full
 // path, appended to one list.
 class ProcessForm {
@@ -409,8 +304,8 @@ class TableForm {
 // processes without heron mappings cost one open and the reads of their
 // maps file.
 template <typename Form>
-void extractProcess(const HeronClientScanner& scanner, MapsReader& reader, Form& form, const std::string& pidText,
-                    const MapsSource& source) {
+void extractProcess(const HeronClientScanner& scanner, Beacon::Proc::MapsReader& reader, Form& form,
+                    const std::string& pidText, const MapsSource& source) {
   const Beacon::Platform::DebugHandler& handler = scanner.debugHandler();
   // The line callback below is a lambda; its traces name this function.
   const char* const function = __func__;
@@ -439,33 +334,34 @@ void extractProcess(const HeronClientScanner& scanner, MapsReader& reader, Form&
     return;
   }
   std::string& line = reader.line();
-  const MapsReader::Result result = reader.forEachLine(fd, handler.enabled(9), [&](std::string_view text) {
-    line.assign(text.data(), text.size());
-    const std::string region = scanner.getToken(line, 6, " ");
-    if (region.empty()) {
-      return true;
-    }
-    Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "mmapRegion: {}", region);
-    std::size_t slash = 0;
-    const int code = form.classify(region, slash);
-    if (code < 0) {
-      return true;
-    }
-    if (!named) {
-      procName = scanner.getProcNameForPid(pidText);
-      named = true;
-    }
-    if (procName.empty()) {
-      return false;  // gone, or no name to show: the process contributes nothing
-    }
-    Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "heronFileType: {}",
-                    HeronClientScanner::heronFileTypes[code]);
-    std::string permissions = scanner.getToken(line, 2, " ");
-    Beacon::fmassert(!permissions.empty(), __FILE__, function, __LINE__, kClass, "!permissions.empty()");
-    form.add(static_cast<int>(pid), procName, std::move(permissions), code, region, slash);
-    return true;
-  });
-  if (result == MapsReader::Result::ReadFailed) {
+  const Beacon::Proc::MapsReader::Result result =
+      reader.forEachLine(fd, handler.enabled(9), [&](std::string_view text) {
+        line.assign(text.data(), text.size());
+        const std::string region = scanner.getToken(line, 6, " ");
+        if (region.empty()) {
+          return true;
+        }
+        Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "mmapRegion: {}", region);
+        std::size_t slash = 0;
+        const int code = form.classify(region, slash);
+        if (code < 0) {
+          return true;
+        }
+        if (!named) {
+          procName = scanner.getProcNameForPid(pidText);
+          named = true;
+        }
+        if (procName.empty()) {
+          return false;  // gone, or no name to show: the process contributes nothing
+        }
+        Beacon::fmtrace(handler, 9, __FILE__, function, __LINE__, kClass, "heronFileType: {}",
+                        HeronClientScanner::heronFileTypes[code]);
+        std::string permissions = scanner.getToken(line, 2, " ");
+        Beacon::fmassert(!permissions.empty(), __FILE__, function, __LINE__, kClass, "!permissions.empty()");
+        form.add(static_cast<int>(pid), procName, std::move(permissions), code, region, slash);
+        return true;
+      });
+  if (result == Beacon::Proc::MapsReader::Result::ReadFailed) {
     Beacon::fmtrace(handler, 0, __FILE__, __func__, __LINE__, kClass,
                     "file {} error: eofbit: {} failbit: {} badbit: {}", source.path, false, true, true);
   }
@@ -476,7 +372,7 @@ template <typename Form>
 void walkProcesses(const HeronClientScanner& scanner, const std::string& procRoot, Form& form) {
   Beacon::DirNode directory(scanner.debugHandler(), procRoot);
   Beacon::fmassert(directory.isOpen(), __FILE__, __func__, __LINE__, kClass, "Couldn't open /proc");
-  MapsReader reader;
+  Beacon::Proc::MapsReader reader;
   std::string mapsPath;
   std::string pidText;
   int fd = -1;
@@ -502,7 +398,7 @@ bool HeronClientScanner::readNextMmap(Beacon::DirNode& directory, std::string& m
 }
 
 void HeronClientScanner::extractMmapInfo(const std::string& mapsPath, std::vector<MmapInfo>& out) const {
-  MapsReader reader;
+  Beacon::Proc::MapsReader reader;
   ProcessForm form(debugHandler(), rootPath, out);
   extractProcess(*this, reader, form, getToken(mapsPath, pidTokenIndex, "/"), MapsSource{mapsPath, false, -1});
 }
@@ -515,7 +411,7 @@ void HeronClientScanner::extractMmapInfo(std::vector<MmapInfo>& out) const {
 }
 
 void HeronClientScanner::extractMmapInfoByTable(const std::string& mapsPath, TableToInfoMap& tables) const {
-  MapsReader reader;
+  Beacon::Proc::MapsReader reader;
   TableForm form(debugHandler(), rootPath, tables);
   extractProcess(*this, reader, form, getToken(mapsPath, pidTokenIndex, "/"), MapsSource{mapsPath, false, -1});
 }
@@ -543,7 +439,7 @@ bool HeronClientScanner::categorizeClient(const MmapInfo& info, Model::HeronTabl
     }
     return true;
   }
-  if (isReadWrite(info.permissions)) {
+  if (SharedMem::mapsForWriting(info.permissions)) {
     if (!writerFound) {
       Beacon::fmtrace(handler, 9, __FILE__, __func__, __LINE__, kClass, "adding writer: {}-{}", info.procName,
                       info.pid);
@@ -699,6 +595,8 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
     Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "Analyzing heron {} with mmapInfo.size: {}", path,
                     mappings.size());
     std::string name;
+    // Deliberate: the root is looked for anywhere in the path, not only as
+    // its prefix, and the name is what follows its length from the front.
     if (path.find(root) != std::string::npos) {
       name = path.substr(root.size() + 1);
     } else {
@@ -716,6 +614,8 @@ int HeronClientScanner::getAllClients(std::set<Model::HeronTable>& tables) const
     }
     Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "SharedMem table:{} lookup found table type:{}",
                     name, type);
+    // Deliberate: types 0 and 2 both go on (bit 1 masked off); every other
+    // type is skipped without a message.
     if ((type & ~2U) != 0) {
       continue;
     }
@@ -792,6 +692,8 @@ void HeronClientScanner::printClientTables(int pid, const std::set<Model::HeronT
 // Reports
 
 int HeronClientScanner::doGetClientInfo(bool json) const {
+  // Deliberate: getClients() warns as well, so a user who is not root sees
+  // the warning twice on standard output.
   warnRunAsRoot();
   Model::HeronTable table("");
   if (getClients(table) != 0) {

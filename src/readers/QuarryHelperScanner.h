@@ -1,10 +1,15 @@
 // The utility's region reader: adds the capacity summary of a table.
 #pragma once
 
+#include "Quarry/AllocatorStats.h"
 #include "Quarry/QuarryReader.h"
 #include "model/Model.h"
 
 namespace Heron {
+
+// The capacity line's region figures (numRegions, totalSize, pagesFree,
+// occupancyRate) from the allocator's figures.
+void capacityFromStats(const Quarry::AllocatorStats& stats, Model::HeaderInfo& info);
 
 class QuarryHelperScanner : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
  public:

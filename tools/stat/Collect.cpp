@@ -1,8 +1,8 @@
 // The collectors. Each table is read through the runtime's readers: the
 // owner file and the ember (pread), the queue reader (both headers, mapped
 // read-only) and the region reader (allocator file and region files, mapped
-// read-only); the processes attached come from HeronClientScanner's /proc
-// walk, made once per sample.
+// read-only); the processes attached come from the runtime's walk of every
+// process's maps, made once per sample.
 #include "Collect.h"
 
 #include <dirent.h>
@@ -24,20 +24,22 @@
 #include "Beacon/Platform.h"
 #include "Beacon/ProcPid.h"
 #include "Beacon/Util.h"
-#include "HeronClientScanner.h"
 #include "Mem/RootPath.h"
 #include "Mem/TableFinder.h"
 #include "Quarry/QuarryReader.h"
 #include "Quarry/Region.h"
+#include "Relay/RelayReaderGeneric.h"
 #include "SharedMem/Ember.h"
 #include "SharedMem/OwnerFile.h"
-#include "readers/RelayHelperScanner.h"
+#include "SharedMem/TableClients.h"
 
 namespace Stat {
 
 namespace {
 
 constexpr double kNsPerSecond = 1e9;
+
+using QueueReader = Relay::RelayReaderGeneric<Relay::RelaySlot>;
 
 Beacon::Platform::DebugHandler& handler() {
   static std::shared_ptr<Beacon::Platform::DebugHandler> instance =
@@ -76,75 +78,65 @@ std::string loadTrouble(SharedMem::LoadStatus status, const std::string& path, s
   }
 }
 
-// The region reader, asked for figures instead of a printed report.
-class AllocatorReader : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
- public:
-  // Used for one sample and destroyed: it keeps no watch on the directory.
-  explicit AllocatorReader(const Mem::RootPath& root) : QuarryScannerBase(handler(), root, std::string()) {
-    watchDeletions(false);
+// A region as heron-stat shows it: only the units that both the count and
+// the bitmap vouch for are used.
+Region regionRow(const Quarry::RegionStats& stats) {
+  Region row;
+  row.id = stats.id;
+  row.entrySize = stats.unitSize;
+  row.units = stats.units;
+  row.used = stats.confirmedUsed();
+  row.freePages = stats.freePages;
+  row.consistent = stats.copySettled && stats.countsAgree();
+  // A copy that never settled is a busy writer, not evidence of damage.
+  if (stats.copySettled && !stats.countsAgree()) {
+    row.inconsistency = fmt::format("used count {}, bitmap {}, units {}", stats.usedCount, stats.inBitmap, stats.units);
   }
+  return row;
+}
 
-  // Fills `out` from the allocator file and every region, each region
-  // mapped only while it is read; each file that cannot be used adds a line
-  // to `errors`. False when the allocator file itself is unusable or the
-  // table directory cannot be listed (the figures are unknown, not zero).
-  bool read(Allocator& out, std::vector<std::string>& errors) {
-    std::string error;
-    if (!noMapReader_.open(root_.fullPath(Quarry::kQuarryFileName), error)) {
-      errors.push_back(error);
-      return false;
-    }
-    // The allocator file is open, so this only sets up the reader.
-    static_cast<void>(initialize());
-    Quarry::RegionSnapshot copy;
-    visitAndReleaseRegions([&out, &copy](const Quarry::RegionScanner& region) {
-      region.snapshot(copy, 0, kCopyAttempts);
-      const Quarry::RegionHeader& header = region.header();
-      Region row;
-      row.id = region.id();
-      row.entrySize = header.unitSize;
-      row.units = header.unitCount;
-      // A used count above the unit count, or one the bitmap disagrees
-      // with, is damage: the lowest of the figures is taken, so that
-      // garbage never makes a region look fuller than it is.
-      const auto inBitmap = static_cast<std::uint32_t>(copy.used.size());
-      const bool agrees = copy.usedUnits <= header.unitCount && copy.usedUnits == inBitmap;
-      row.used = std::min({copy.usedUnits, inBitmap, header.unitCount});
-      row.freePages = region.numFreePages(copy);
-      row.consistent = copy.consistent && agrees;
-      // A copy that never settled is a busy writer, not evidence of damage.
-      if (copy.consistent && !agrees) {
-        row.inconsistency =
-            fmt::format("used count {}, bitmap {}, units {}", copy.usedUnits, inBitmap, header.unitCount);
-      }
-      out.bytes += static_cast<std::uint64_t>(row.units) * row.entrySize;
-      out.usedBytes += static_cast<std::uint64_t>(row.used) * row.entrySize;
-      out.freePages += row.freePages;
-      out.regions.push_back(row);
-    });
-    if (!listError().empty()) {
-      errors.push_back(listError());
-      return false;
-    }
-    std::sort(out.regions.begin(), out.regions.end(), [](const Region& a, const Region& b) { return a.id < b.id; });
-    for (const Region& row : out.regions) {
-      // used/units compared exactly; the lower id wins a tie.
-      if (!out.fullest || static_cast<std::uint64_t>(row.used) * out.fullest->units >
-                              static_cast<std::uint64_t>(out.fullest->used) * row.units) {
-        out.fullest = row;
-      }
-    }
-    for (const Quarry::BadRegion& bad : badRegions()) {
-      errors.push_back(root_.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
-    }
-    Quarry::QuarryHeader counters{};
-    noMapReader_.copy(counters);
-    out.allocations = counters.allocations;
-    out.releases = counters.releases;
-    out.known = true;
-    return true;
+// Fills `out` from the allocator's figures; each file that cannot be used
+// adds a line to `errors`. False when the allocator file itself is unusable
+// or the table directory cannot be listed (the figures are unknown, not
+// zero). `listing`: the table directory as the caller has just read it, or
+// null.
+bool readAllocator(const Mem::RootPath& root, const Mem::TableFinder::Listing* listing, Allocator& out,
+                   std::vector<std::string>& errors) {
+  Quarry::QuarryScannerBase<Quarry::NoMapScanner> reader(handler(), root, std::string());
+  // Used for one sample and destroyed: it keeps no watch on the directory.
+  reader.watchDeletions(false);
+  if (!reader.initialize()) {
+    errors.push_back(reader.initializeError());
+    return false;
   }
-};
+  reader.useListing(listing);
+  const Quarry::AllocatorStats stats = reader.readStats();
+  if (!reader.listError().empty()) {
+    errors.push_back(reader.listError());
+    return false;
+  }
+  for (const Quarry::RegionStats& region : stats.regions) {
+    out.regions.push_back(regionRow(region));
+  }
+  out.bytes = stats.bytes;
+  out.usedBytes = stats.confirmedUsedBytes;
+  out.freePages = stats.freePages;
+  std::sort(out.regions.begin(), out.regions.end(), [](const Region& a, const Region& b) { return a.id < b.id; });
+  for (const Region& row : out.regions) {
+    // used/units compared exactly; the lower id wins a tie.
+    if (!out.fullest || static_cast<std::uint64_t>(row.used) * out.fullest->units >
+                            static_cast<std::uint64_t>(out.fullest->used) * row.units) {
+      out.fullest = row;
+    }
+  }
+  for (const Quarry::BadRegion& bad : reader.badRegions()) {
+    errors.push_back(root.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
+  }
+  out.allocations = stats.allocations;
+  out.releases = stats.releases;
+  out.known = true;
+  return true;
+}
 
 void readOwner(Table& table) {
   SharedMem::OwnerFile owner(handler(), Mem::RootPath(table.identity.path), false);
@@ -197,7 +189,7 @@ void readEmber(Table& table) {
 
 void readQueues(Table& table) {
   const Mem::RootPath root(table.identity.path);
-  Heron::RelayHelperScanner relay(handler(), root, false);
+  QueueReader relay(handler(), root, false);
   // The reader's complaint becomes the table's reason instead of reaching
   // the terminal.
   relay.reportErrorsTo(nullptr);
@@ -213,7 +205,7 @@ void readQueues(Table& table) {
     if (said.empty()) {
       for (const char* file : {"relay.1", "relay.2"}) {
         const std::string path = root.fullPath(file);
-        const std::string trouble = fileTrouble(path, Heron::RelayHelperScanner::kHeaderSize);
+        const std::string trouble = fileTrouble(path, QueueReader::kHeaderSize);
         if (trouble != "cannot be read") {
           said = path + ": " + trouble;
           break;
@@ -223,14 +215,14 @@ void readQueues(Table& table) {
     table.fileErrors.push_back(said.empty() ? root.fullPath("relay.1") + ": cannot be used" : said);
     return;
   }
-  const Heron::RelayHelperScanner::Header primary = relay.header(Heron::RelayHelperScanner::PRIMARY);
-  const Heron::RelayHelperScanner::Header secondary = relay.header(Heron::RelayHelperScanner::SECONDARY);
+  const QueueReader::Header primary = relay.header(QueueReader::PRIMARY);
+  const QueueReader::Header secondary = relay.header(QueueReader::SECONDARY);
   Queues& queues = table.queues;
   queues.known = true;
   queues.active = primary.currentTable != 0 ? 2 : 1;
   queues.tableVersion = primary.tableVersion;
   queues.sequence = primary.latestWriterSequence;
-  const Heron::RelayHelperScanner::Header* headers[2] = {&primary, &secondary};
+  const QueueReader::Header* headers[2] = {&primary, &secondary};
   for (unsigned i = 0; i < 2; ++i) {
     queues.tables[i].capacity = headers[i]->notifications.value;
     queues.tables[i].position = headers[i]->currentPos;
@@ -239,13 +231,6 @@ void readQueues(Table& table) {
   const QueueTable& active = queues.tables[queues.active - 1];
   queues.fillRatio =
       active.capacity == 0 ? 0.0 : static_cast<double>(std::min(active.position, active.capacity)) / active.capacity;
-}
-
-// `listing`: the table directory as the caller has just read it, or null.
-void readAllocator(Table& table, const Mem::TableFinder::Listing* listing) {
-  AllocatorReader reader{Mem::RootPath(table.identity.path)};
-  reader.useListing(listing);
-  reader.read(table.allocator, table.fileErrors);
 }
 
 // True when the kernel still has a process with that pid (one we may not
@@ -355,7 +340,7 @@ bool readTable(Table& table, const Mem::TableFinder::Listing* listing) {
     readEmber(table);
     table.readMonotonicSeconds = seconds(SharedMem::monoNs());
     readQueues(table);
-    readAllocator(table, listing);
+    readAllocator(Mem::RootPath(table.identity.path), listing, table.allocator, table.fileErrors);
   } catch (const std::exception& error) {
     table.fileErrors.push_back(table.identity.path + ": " + error.what());
   }
@@ -396,7 +381,7 @@ void judgeWriter(Writer& writer, Beacon::Proc::PidNamespaceIndex& namespaces, co
 
 // Every table's writer, with the pids the walk saw mapping the table
 // read-write where it saw every process.
-void judgeWriters(std::vector<Table>& tables, const Heron::HeronClientScanner::TableToInfoMap& mapped,
+void judgeWriters(std::vector<Table>& tables, const SharedMem::TableMappings& mapped,
                   Beacon::Proc::PidNamespaceIndex& namespaces, bool readProc) {
   for (Table& table : tables) {
     if (!table.writer.known) {
@@ -406,9 +391,9 @@ void judgeWriters(std::vector<Table>& tables, const Heron::HeronClientScanner::T
     if (table.clients.known) {
       auto found = mapped.find(table.identity.path);
       if (found != mapped.end()) {
-        for (const Heron::MmapInfo& info : found->second) {
-          if (info.permissions.compare(0, 2, "rw") == 0) {
-            readWrite.push_back(info.pid);
+        for (const SharedMem::TableMapping& mapping : found->second) {
+          if (mapping.readWrite) {
+            readWrite.push_back(mapping.pid);
           }
         }
       }
@@ -416,6 +401,68 @@ void judgeWriters(std::vector<Table>& tables, const Heron::HeronClientScanner::T
     judgeWriter(table.writer, namespaces, table.clients.known ? &readWrite : nullptr, readProc);
   }
 }
+
+namespace {
+
+// The tables of a sample as the walk meets them, each path once; each
+// table's files are read when it is added.
+class TableSet {
+ public:
+  explicit TableSet(const CollectOptions& options) : options_(options) {}
+
+  // `listing`: the table directory as the caller has just read it, or null.
+  void add(const std::string& name, const std::string& path, const Mem::TableFinder::Listing* listing) {
+    if (excluded(options_.exclude, name) || !paths_.insert(path).second) {
+      return;
+    }
+    Table table;
+    table.identity.name = name;
+    table.identity.path = path;
+    if (readTable(table, listing)) {
+      tables.push_back(std::move(table));
+    }
+  }
+
+  std::vector<Table> tables;
+
+ private:
+  const CollectOptions& options_;
+  std::unordered_set<std::string> paths_;
+};
+
+// Tables outside the root that a process maps and EXPR names, by path.
+void addOutsideTables(const Sample& sample, const SharedMem::TableMappings& mapped, TableSet& set) {
+  std::vector<std::string> outside;
+  const std::string prefix = sample.root + "/";
+  for (const auto& group : mapped) {
+    if (group.first.compare(0, prefix.size(), prefix) != 0 && Mem::TableFinder::nameMatches(sample.expr, group.first)) {
+      outside.push_back(group.first);
+    }
+  }
+  std::sort(outside.begin(), outside.end());
+  for (const std::string& path : outside) {
+    set.add(path, path, nullptr);
+  }
+}
+
+// Each table's writer and shadows as the walk saw them; our own process is
+// no client.
+void fillClients(std::vector<Table>& tables, const SharedMem::TableMappings& mapped, bool complete) {
+  const int self = static_cast<int>(::getpid());
+  for (Table& table : tables) {
+    table.clients.known = complete;
+    auto found = mapped.find(table.identity.path);
+    if (found == mapped.end()) {
+      continue;
+    }
+    SharedMem::TableClients clients = SharedMem::tableClients(found->second, self);
+    table.clients.writers = std::move(clients.writers);
+    table.clients.shadows = std::move(clients.shadows);
+    std::sort(table.clients.shadows.begin(), table.clients.shadows.end());
+  }
+}
+
+}  // namespace
 
 Sample collect(const CollectOptions& options) {
   Sample sample;
@@ -436,22 +483,10 @@ Sample collect(const CollectOptions& options) {
   // Each table's files are read as the walk meets it, the regions from the
   // listing the walk has just made: one read of each table directory.
   // Tables are sorted by name at the end.
-  std::vector<Table> tables;
-  std::unordered_set<std::string> paths;
-  auto addTable = [&](const std::string& name, const std::string& path, const Mem::TableFinder::Listing* listing) {
-    if (excluded(options.exclude, name) || !paths.insert(path).second) {
-      return;
-    }
-    Table table;
-    table.identity.name = name;
-    table.identity.path = path;
-    if (readTable(table, listing)) {
-      tables.push_back(std::move(table));
-    }
-  };
+  TableSet set(options);
   Mem::TableFinder finder(handler(), rootPath);
   finder.visitOwned(options.expr.c_str(), [&](const std::string& name, const Mem::TableFinder::Listing* listing) {
-    addTable(name, name.front() == '/' ? name : rootPath.fullPath(name), listing);
+    set.add(name, name.front() == '/' ? name : rootPath.fullPath(name), listing);
   });
 
   // The walk comes after the embers were read: a writer named there that
@@ -459,62 +494,26 @@ Sample collect(const CollectOptions& options) {
   // Namespaces are looked up only for embers that name another one: one
   // walk of /proc for the sample, made on first need.
   Beacon::Proc::PidNamespaceIndex namespaces(handler());
-  Heron::HeronClientScanner::TableToInfoMap mapped;
+  SharedMem::TableMappings mapped;
   if (options.walkProcesses) {
-    std::ostream discard(nullptr);
-    const Heron::HeronClientScanner scanner(&discard, rootPath, "");
-    mapped = scanner.extractMmapInfoByTable();
+    mapped = SharedMem::findTableMappings();
     sample.clientsWalked = true;
     // Inside a container the walk sees its own processes only.
     sample.clientsKnown = seesEveryProcess() && namespaces.own() == Beacon::Proc::kInitialPidNamespace;
     if (options.allRoots) {
-      std::vector<std::string> outside;
-      const std::string prefix = sample.root + "/";
-      for (const auto& group : mapped) {
-        if (group.first.compare(0, prefix.size(), prefix) != 0 &&
-            Mem::TableFinder::nameMatches(options.expr, group.first)) {
-          outside.push_back(group.first);
-        }
-      }
-      std::sort(outside.begin(), outside.end());
-      for (const std::string& path : outside) {
-        addTable(path, path, nullptr);
-      }
+      addOutsideTables(sample, mapped, set);
     }
-    const bool complete = sample.clientsKnown;
-    const int self = static_cast<int>(::getpid());
-    for (Table& table : tables) {
-      table.clients.known = complete;
-      auto found = mapped.find(table.identity.path);
-      if (found == mapped.end()) {
-        continue;
-      }
-      Heron::Model::HeronTable model(table.identity.name);
-      bool writerFound = false;
-      std::unordered_set<int> shadowPids;
-      for (const Heron::MmapInfo& info : found->second) {
-        if (info.pid != self) {
-          scanner.categorizeClient(info, model, writerFound, shadowPids);
-        }
-      }
-      for (const Heron::Model::HeronClient& client : model.clients.at(Heron::Writer)) {
-        table.clients.writers.push_back(client.pid);
-      }
-      for (const Heron::Model::HeronClient& client : model.clients.at(Heron::Shadow)) {
-        table.clients.shadows.push_back(client.pid);
-      }
-      std::sort(table.clients.shadows.begin(), table.clients.shadows.end());
-    }
+    fillClients(set.tables, mapped, sample.clientsKnown);
   }
 
-  judgeWriters(tables, mapped, namespaces, options.walkProcesses);
-  std::sort(tables.begin(), tables.end(),
+  judgeWriters(set.tables, mapped, namespaces, options.walkProcesses);
+  std::sort(set.tables.begin(), set.tables.end(),
             [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
-  if (tables.empty() && !options.expr.empty()) {
+  if (set.tables.empty() && !options.expr.empty()) {
     sample.rootTables = countTables(rootPath);
     sample.problems.push_back({Severity::Warning, noMatchText(sample)});
   }
-  sample.tables = std::move(tables);
+  sample.tables = std::move(set.tables);
   sample.perRegionSeries = options.perRegionSeries;
   sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
   return sample;

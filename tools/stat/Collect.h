@@ -4,7 +4,7 @@
 // A sample reads, for each table: the owner file and the ember (pread), the
 // two queue headers and the allocator (mapped read-only, unmapped before the
 // next table), and once for all tables the memory maps of every process
-// (HeronClientScanner's walk). Nothing is kept open between samples.
+// (the runtime's walk of every process's maps). Nothing is kept open between samples.
 #pragma once
 
 #include <string>

@@ -26,6 +26,7 @@
 #include "Beacon/MappingGuard.h"
 #include "Mem/Inotify.h"
 #include "Mem/RootPath.h"
+#include "Quarry/AllocatorStats.h"
 #include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
@@ -165,8 +166,15 @@ class QuarryScannerBase : public Reader<Scanner> {
   ~QuarryScannerBase() override;
 
   // Maps and validates the `quarry` file and watches the table directory.
-  // False when the allocator file is missing or invalid.
+  // False when the allocator file is missing or invalid; initializeError()
+  // then says why.
   bool initialize();
+  const std::string& initializeError() const { return initializeError_; }
+  // The allocator's figures: every region read once, each held only while
+  // it is read (none stays attached), and the allocator file's counters.
+  // When the table directory cannot be listed (listError()) no region is in
+  // them.
+  AllocatorStats readStats();
   // Totals; with `detail` or `sortByOccupancy` one row per region, sorted by
   // entry size then id, or entry size then occupancy.
   void printStats(bool detail, bool sortByOccupancy);
@@ -185,6 +193,7 @@ class QuarryScannerBase : public Reader<Scanner> {
  protected:
   std::string outputFile_;
   int outputError_ = 0;
+  std::string initializeError_;
 };
 
 }  // namespace Quarry

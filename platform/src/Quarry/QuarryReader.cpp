@@ -311,41 +311,38 @@ class Output {
   std::ofstream file_;
 };
 
-// Whole percent, truncated, never above 100; 0 for an empty total.
-unsigned percent(std::uint64_t part, std::uint64_t whole) {
-  return whole == 0 ? 0U : static_cast<unsigned>(std::min<std::uint64_t>(part, whole) * 100 / whole);
+// "  inconsistent: used count N, bitmap M", or "" when the counts agree.
+std::string countMark(const RegionStats& row) {
+  return row.countsAgree() ? std::string()
+                           : fmt::format("  inconsistent: used count {}, bitmap {}", row.usedCount, row.inBitmap);
 }
 
-// A region's used count checked against its unit count and its bitmap. A
-// count above the unit count, or one the bitmap disagrees with, is damage
-// (or a writer that broke the protocol): the region is marked inconsistent
-// and its used figure is clamped to the unit count.
-struct UsedCount {
-  UsedCount(const RegionSnapshot& copy, std::uint32_t units)
-      : counted(copy.usedUnits),
-        inBitmap(static_cast<std::uint32_t>(copy.used.size())),
-        used(std::min(copy.usedUnits, units)),
-        agrees(copy.usedUnits <= units && copy.usedUnits == copy.used.size()) {}
-  // "  inconsistent: used count N, bitmap M", or "" when the counts agree.
-  std::string mark() const {
-    return agrees ? std::string() : fmt::format("  inconsistent: used count {}, bitmap {}", counted, inBitmap);
+// One row per region, sorted by entry size and then by id, or by entry
+// size and then by occupancy.
+void appendRegionRows(std::string& text, std::vector<RegionStats>& rows, bool sortByOccupancy) {
+  if (sortByOccupancy) {
+    std::sort(rows.begin(), rows.end(), [](const RegionStats& a, const RegionStats& b) {
+      if (a.unitSize != b.unitSize) {
+        return a.unitSize < b.unitSize;
+      }
+      // used/units compared exactly; an empty region counts as 0.
+      const std::uint64_t left = static_cast<std::uint64_t>(a.used()) * (b.units == 0 ? 1 : b.units);
+      const std::uint64_t right = static_cast<std::uint64_t>(b.used()) * (a.units == 0 ? 1 : a.units);
+      return left != right ? left < right : a.id < b.id;
+    });
+  } else {
+    std::sort(rows.begin(), rows.end(), [](const RegionStats& a, const RegionStats& b) {
+      return a.unitSize != b.unitSize ? a.unitSize < b.unitSize : a.id < b.id;
+    });
   }
-
-  std::uint32_t counted;
-  std::uint32_t inBitmap;
-  std::uint32_t used;
-  bool agrees;
-};
-
-struct Row {
-  std::uint32_t id;
-  std::uint32_t unitSize;
-  std::uint32_t units;
-  std::uint32_t used;
-  std::uint32_t freePages;
-  bool consistent;
-  std::string countMark;
-};
+  auto out = std::back_inserter(text);
+  fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>11}{:>12}{:>14}\n", "region", "entry size", "units", "used",
+                 "occupancy", "free pages", "bytes");
+  for (const RegionStats& row : rows) {
+    fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>10}%{:>12}{:>14}{}\n", row.id, row.unitSize, row.units, row.used(),
+                   row.usedPercent(), row.freePages, row.bytes(), row.copySettled ? countMark(row) : "  inconsistent");
+  }
+}
 
 constexpr unsigned kPreviewBytes = 16;
 
@@ -376,9 +373,9 @@ QuarryScannerBase<Scanner>::~QuarryScannerBase() = default;
 
 template <typename Scanner>
 bool QuarryScannerBase<Scanner>::initialize() {
-  std::string error;
-  if (!this->noMapReader_.isOpen() && !this->noMapReader_.open(this->root_.fullPath(kQuarryFileName), error)) {
-    Beacon::fmtrace(this->debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "{}", error);
+  if (!this->noMapReader_.isOpen() &&
+      !this->noMapReader_.open(this->root_.fullPath(kQuarryFileName), initializeError_)) {
+    Beacon::fmtrace(this->debugHandler(), 0, __FILE__, __func__, __LINE__, "QuarryReader", "{}", initializeError_);
     return false;
   }
   if (this->watchDeletions_ && !this->watch_.enabled() && !this->watch_.enable(this->root_.path(), *this)) {
@@ -390,76 +387,45 @@ bool QuarryScannerBase<Scanner>::initialize() {
 }
 
 template <typename Scanner>
-void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
-  this->attachRegions();
-  std::vector<Row> rows;
-  rows.reserve(this->regions_.size());
+AllocatorStats QuarryScannerBase<Scanner>::readStats() {
+  AllocatorStats stats;
   RegionSnapshot copy;
-  std::uint64_t bytes = 0;
-  std::uint64_t usedBytes = 0;
-  std::uint64_t pagesFree = 0;
-  for (const auto& entry : this->regions_) {
-    const RegionScanner& region = *entry.second;
-    region.snapshot(copy, 0, kCopyAttempts);
-    const RegionHeader& h = region.header();
-    const UsedCount count(copy, h.unitCount);
-    Row row{entry.first, h.unitSize, h.unitCount, count.used, region.numFreePages(copy), copy.consistent, count.mark()};
-    bytes += static_cast<std::uint64_t>(row.units) * row.unitSize;
-    usedBytes += static_cast<std::uint64_t>(row.used) * row.unitSize;
-    pagesFree += row.freePages;
-    rows.push_back(row);
-  }
+  this->visitAndReleaseRegions(
+      [&stats, &copy](const RegionScanner& region) { stats.add(readRegionStats(region, copy, kCopyAttempts)); });
   QuarryHeader counters{};
-  const bool countersConsistent = this->noMapReader_.copy(counters);
+  stats.countersSettled = this->noMapReader_.copy(counters);
+  stats.allocations = counters.allocations;
+  stats.releases = counters.releases;
+  return stats;
+}
 
+template <typename Scanner>
+void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
+  AllocatorStats stats = readStats();
   std::string text;
   auto out = std::back_inserter(text);
   fmt::format_to(out, "Region allocator statistics\n");
   if (!this->listError_.empty()) {
     // No region figure would be true: only the allocator's own counters.
     fmt::format_to(out, "  regions: {}\n", this->listError_);
-    fmt::format_to(out, "  {:<14}{}\n", "allocations", counters.allocations);
-    fmt::format_to(out, "  {:<14}{}{}\n", "releases", counters.releases,
-                   countersConsistent ? "" : "  (counters inconsistent)");
-    Output output(outputFile_, outputError_);
-    output.write(text);
-    return;
+  } else {
+    fmt::format_to(out, "  {:<14}{}\n", "regions", stats.regions.size());
+    fmt::format_to(out, "  {:<14}{}\n", "bytes", stats.bytes);
+    fmt::format_to(out, "  {:<14}{}\n", "used", stats.usedBytes);
+    fmt::format_to(out, "  {:<14}{}\n", "free", stats.freeBytes());
+    fmt::format_to(out, "  {:<14}{}\n", "pages free", stats.freePages);
+    fmt::format_to(out, "  {:<14}{}%\n", "occupancy", stats.occupancyPercent());
   }
-  fmt::format_to(out, "  {:<14}{}\n", "regions", rows.size());
-  fmt::format_to(out, "  {:<14}{}\n", "bytes", bytes);
-  fmt::format_to(out, "  {:<14}{}\n", "used", usedBytes);
-  fmt::format_to(out, "  {:<14}{}\n", "free", bytes - usedBytes);
-  fmt::format_to(out, "  {:<14}{}\n", "pages free", pagesFree);
-  fmt::format_to(out, "  {:<14}{}%\n", "occupancy", percent(usedBytes, bytes));
-  fmt::format_to(out, "  {:<14}{}\n", "allocations", counters.allocations);
-  fmt::format_to(out, "  {:<14}{}{}\n", "releases", counters.releases,
-                 countersConsistent ? "" : "  (counters inconsistent)");
-  if (detail || sortByOccupancy) {
-    if (sortByOccupancy) {
-      std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-        if (a.unitSize != b.unitSize) {
-          return a.unitSize < b.unitSize;
-        }
-        // used/units compared exactly; an empty region counts as 0.
-        const std::uint64_t left = static_cast<std::uint64_t>(a.used) * (b.units == 0 ? 1 : b.units);
-        const std::uint64_t right = static_cast<std::uint64_t>(b.used) * (a.units == 0 ? 1 : a.units);
-        return left != right ? left < right : a.id < b.id;
-      });
-    } else {
-      std::sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-        return a.unitSize != b.unitSize ? a.unitSize < b.unitSize : a.id < b.id;
-      });
+  fmt::format_to(out, "  {:<14}{}\n", "allocations", stats.allocations);
+  fmt::format_to(out, "  {:<14}{}{}\n", "releases", stats.releases,
+                 stats.countersSettled ? "" : "  (counters inconsistent)");
+  if (this->listError_.empty()) {
+    if (detail || sortByOccupancy) {
+      appendRegionRows(text, stats.regions, sortByOccupancy);
     }
-    fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>11}{:>12}{:>14}\n", "region", "entry size", "units", "used",
-                   "occupancy", "free pages", "bytes");
-    for (const Row& row : rows) {
-      fmt::format_to(out, "{:>8}{:>12}{:>10}{:>10}{:>10}%{:>12}{:>14}{}\n", row.id, row.unitSize, row.units, row.used,
-                     percent(row.used, row.units), row.freePages, static_cast<std::uint64_t>(row.units) * row.unitSize,
-                     row.consistent ? row.countMark : "  inconsistent");
+    for (const BadRegion& bad : this->badRegions_) {
+      fmt::format_to(out, "  region {}: {}; skipped\n", bad.id, bad.reason);
     }
-  }
-  for (const BadRegion& bad : this->badRegions_) {
-    fmt::format_to(out, "  region {}: {}; skipped\n", bad.id, bad.reason);
   }
   Output output(outputFile_, outputError_);
   output.write(text);
@@ -530,9 +496,9 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
       output.write(text);
       continue;
     }
-    const UsedCount count(copy, units);
+    const RegionStats count = regionStatsOf(region, copy);
     fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}{}\n", id, h.unitSize, units,
-                   count.used, copy.generation, count.mark());
+                   count.used(), copy.generation, countMark(count));
     fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
     std::size_t next = 0;  // index into copy.used
     for (std::uint32_t unit = 0; unit < units; ++unit) {

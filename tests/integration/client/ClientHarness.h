@@ -22,6 +22,10 @@
 #include <string>
 #include <vector>
 
+#include "Quarry/AllocatorStats.h"
+#include "model/Model.h"
+#include "readers/QuarryHelperScanner.h"
+
 namespace ClientTest {
 
 inline std::string binDir() {
@@ -203,80 +207,60 @@ inline std::uint32_t u32At(const std::string& bytes, std::size_t offset) {
   return value;
 }
 
-// The capacity summary as the documents define it, computed from the files
-// of table directory `dir`: the queue capacities from both relay headers and
-// the region figures from every region file's header and bitmap. "NA" where
-// a file is missing.
+// One region file's figures read straight from its bytes: the header's
+// counts, the units its bitmap marks used, and the pages of its unit area
+// that no used unit touches.
+inline Quarry::RegionStats regionFromBytes(const std::string& bytes) {
+  Quarry::RegionStats region;
+  region.units = u32At(bytes, 12);
+  region.usedCount = u32At(bytes, 16);
+  region.unitSize = u32At(bytes, 20);
+  const std::uint32_t pageSize = u32At(bytes, 28);
+  const std::uint64_t area = static_cast<std::uint64_t>(region.units) * region.unitSize;
+  const std::uint64_t pages = pageSize == 0 ? 0 : (area + pageSize - 1) / pageSize;
+  std::vector<bool> touched(pages, false);
+  const std::uint32_t bitmap = u32At(bytes, 40);
+  for (std::uint32_t unit = 0; unit < region.units && region.unitSize != 0; ++unit) {
+    const std::size_t byte = bitmap + unit / 8;
+    const bool inUse = byte < bytes.size() && ((static_cast<unsigned char>(bytes[byte]) >> (unit % 8)) & 1U) != 0;
+    if (!inUse) {
+      continue;
+    }
+    ++region.inBitmap;
+    const std::uint64_t first = static_cast<std::uint64_t>(unit) * region.unitSize / pageSize;
+    const std::uint64_t last = (static_cast<std::uint64_t>(unit) * region.unitSize + region.unitSize - 1) / pageSize;
+    for (std::uint64_t page = first; page <= last && page < pages; ++page) {
+      touched[page] = true;
+    }
+  }
+  region.freePages = static_cast<std::uint32_t>(std::count(touched.begin(), touched.end(), false));
+  return region;
+}
+
+// The capacity summary computed from the files of table directory `dir`:
+// the queue capacities from both relay headers and the region figures from
+// every region file's header and bitmap, printed by the model. "NA" where a
+// file is missing.
 inline std::string expectedHeader(const std::string& dir) {
-  std::string primary = "NA";
-  std::string secondary = "NA";
+  Heron::Model::HeaderInfo info;
   std::string relay1 = readAll(dir + "/relay.1");
   std::string relay2 = readAll(dir + "/relay.2");
   if (relay1.size() >= 88 && relay2.size() >= 88) {
     // notifications: {version u32 at 72, capacity u32 at 76}
-    primary = std::to_string(u32At(relay1, 76));
-    secondary = std::to_string(u32At(relay2, 76));
+    info.primaryNotifications = u32At(relay1, 76);
+    info.secondaryNotifications = u32At(relay2, 76);
   }
-  std::string regions = "NA";
-  std::string total = "NA";
-  std::string pagesFree = "NA";
-  std::string occupancy = "NA";
   if (exists(dir + "/quarry")) {
-    std::uint64_t count = 0;
-    std::uint64_t used = 0;
-    std::uint64_t freeBytes = 0;
-    std::uint64_t freePages = 0;
+    Quarry::AllocatorStats stats;
     for (unsigned id = 1; id <= 4095; ++id) {
       std::string bytes = readAll(dir + "/region." + std::to_string(id));
-      if (bytes.size() < 64) {
-        continue;
-      }
-      ++count;
-      std::uint32_t units = u32At(bytes, 12);
-      std::uint32_t usedUnits = u32At(bytes, 16);
-      std::uint32_t unitSize = u32At(bytes, 20);
-      std::uint32_t pageSize = u32At(bytes, 28);
-      used += static_cast<std::uint32_t>(usedUnits * unitSize);
-      freeBytes += static_cast<std::uint32_t>((units - usedUnits) * unitSize);
-      std::uint64_t area = static_cast<std::uint64_t>(units) * unitSize;
-      std::uint64_t pages = pageSize == 0 ? 0 : (area + pageSize - 1) / pageSize;
-      std::vector<bool> touched(pages, false);
-      std::uint32_t bitmap = u32At(bytes, 40);
-      for (std::uint32_t unit = 0; unit < units && unitSize != 0; ++unit) {
-        std::size_t byte = bitmap + unit / 8;
-        bool inUse = byte < bytes.size() && ((static_cast<unsigned char>(bytes[byte]) >> (unit % 8)) & 1U) != 0;
-        if (!inUse) {
-          continue;
-        }
-        std::uint64_t first = static_cast<std::uint64_t>(unit) * unitSize / pageSize;
-        std::uint64_t last = (static_cast<std::uint64_t>(unit) * unitSize + unitSize - 1) / pageSize;
-        for (std::uint64_t page = first; page <= last && page < pages; ++page) {
-          touched[page] = true;
-        }
-      }
-      for (bool page : touched) {
-        freePages += page ? 0 : 1;
+      if (bytes.size() >= 64) {
+        stats.add(regionFromBytes(bytes));
       }
     }
-    std::uint64_t totalSize = used + freeBytes;
-    regions = std::to_string(count);
-    char buffer[64];
-    if ((totalSize >> 20) != 0) {
-      std::snprintf(buffer, sizeof buffer, "%.3fMB",
-                    static_cast<double>(static_cast<float>(totalSize) * 9.5367431640625e-07F));
-    } else if ((totalSize >> 10) != 0) {
-      std::snprintf(buffer, sizeof buffer, "%.3fKB",
-                    static_cast<double>(static_cast<float>(totalSize) * 0.0009765625F));
-    } else {
-      std::snprintf(buffer, sizeof buffer, "%lluB", static_cast<unsigned long long>(totalSize));
-    }
-    total = buffer;
-    pagesFree = std::to_string(freePages);
-    occupancy = std::to_string(totalSize == 0 ? 0 : static_cast<std::uint32_t>(used * 100 / totalSize));
+    Heron::capacityFromStats(stats, info);
   }
-  return "Capacity: primaryNotifications:" + primary + " secondaryNotifications:" + secondary +
-         "\nnumRegions:" + regions + " totalSize:" + total + " pagesFree:" + pagesFree + " occupancyRate:" + occupancy +
-         "%\n";
+  return info.print();
 }
 
 }  // namespace ClientTest
