@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -62,6 +63,49 @@ void closeBoth(int fds[2]) {
   }
 }
 
+ChildOptions placed(const std::string& cwd, const std::string& argv0) {
+  ChildOptions options;
+  options.cwd = cwd;
+  options.argv0 = argv0;
+  return options;
+}
+
+// In the forked child, before execve: only async-signal-safe calls.
+bool setUp(const ChildOptions& options, int out, int err) {
+  const int devNull = ::open("/dev/null", O_RDONLY);
+  if (devNull < 0 || ::dup2(devNull, 0) < 0 || ::dup2(err, 2) < 0) {
+    return false;
+  }
+  switch (options.output) {
+    case ChildOptions::Output::Captured:
+      if (::dup2(out, 1) < 0) {
+        return false;
+      }
+      break;
+    case ChildOptions::Output::Closed:
+      ::close(1);
+      break;
+    case ChildOptions::Output::File: {
+      const int file = ::open(options.outputFile.c_str(), O_WRONLY);
+      if (file < 0 || ::dup2(file, 1) < 0) {
+        return false;
+      }
+      break;
+    }
+  }
+  if (options.noFileGrowth) {
+    struct rlimit none {
+      0, 0
+    };
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    if (::setrlimit(RLIMIT_FSIZE, &none) != 0 || ::sigaction(SIGXFSZ, &ignore, nullptr) != 0) {
+      return false;
+    }
+  }
+  return options.cwd.empty() || ::chdir(options.cwd.c_str()) == 0;
+}
+
 }  // namespace
 
 std::string RunResult::describe() const {
@@ -75,12 +119,15 @@ std::string RunResult::describe() const {
 }
 
 Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd,
-             const std::string& argv0) {
+             const std::string& argv0)
+    : Child(argv, env, placed(cwd, argv0)) {}
+
+Child::Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options) {
   if (argv.empty()) {
     error_ = "run: empty argv";
     return;
   }
-  start(argv, env, cwd, argv0);
+  start(argv, env, options);
 }
 
 Child::~Child() {
@@ -92,11 +139,11 @@ Child::~Child() {
   closePipes();
 }
 
-void Child::start(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd,
-                  const std::string& argv0) {
+void Child::start(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                  const ChildOptions& options) {
   std::vector<std::string> args = argv;
-  if (!argv0.empty()) {
-    args[0] = argv0;
+  if (!options.argv0.empty()) {
+    args[0] = options.argv0;
   }
   std::vector<std::string> environment = env;
   for (const char* name : kInherited) {
@@ -121,10 +168,7 @@ void Child::start(const std::vector<std::string>& argv, const std::vector<std::s
   }
   pid_ = ::fork();
   if (pid_ == 0) {
-    // Only async-signal-safe calls from here on.
-    int devNull = ::open("/dev/null", O_RDONLY);
-    if (devNull >= 0 && ::dup2(devNull, 0) >= 0 && ::dup2(outPipe[1], 1) >= 0 && ::dup2(errPipe[1], 2) >= 0 &&
-        (cwd.empty() || ::chdir(cwd.c_str()) == 0)) {
+    if (setUp(options, outPipe[1], errPipe[1])) {
       ::execve(program.c_str(), argPointers.data(), envPointers.data());
     }
     const int failure = errno;

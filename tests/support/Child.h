@@ -29,6 +29,19 @@ struct RunResult {
   std::string describe() const;
 };
 
+// What a child gets beyond the defaults.
+struct ChildOptions {
+  std::string cwd;    // working directory, when not empty
+  std::string argv0;  // what the child sees as argv[0], when not empty
+  // Standard output: the pipe the test reads, closed, or opened (for
+  // writing, not created) on a file such as /dev/full.
+  enum class Output { Captured, Closed, File } output = Output::Captured;
+  std::string outputFile;
+  // No file may grow (RLIMIT_FSIZE 0, SIGXFSZ ignored): every write to a
+  // regular file fails with EFBIG.
+  bool noFileGrowth = false;
+};
+
 class Child {
  public:
   // argv[0] is the program: a path, or a bare name looked up in the test
@@ -38,6 +51,7 @@ class Child {
   // program runs (started()) or could not be started (error()).
   Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd = "",
         const std::string& argv0 = "");
+  Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options);
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -61,8 +75,7 @@ class Child {
   RunResult stop(int signal, double timeoutSeconds = 10);
 
  private:
-  void start(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd,
-             const std::string& argv0);
+  void start(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options);
   // Reads whatever the pipes hold, waiting at most until `deadline`; false
   // once both are closed.
   bool pump(double deadline);

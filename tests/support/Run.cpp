@@ -17,6 +17,12 @@ RunResult run(const std::vector<std::string>& argv, const std::vector<std::strin
   return child.wait(timeoutSeconds);
 }
 
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options,
+              int timeoutSeconds) {
+  Child child(argv, env, options);
+  return child.wait(timeoutSeconds);
+}
+
 std::string binary(const std::string& name) {
   const char* dir = std::getenv("HERON_BIN");
   return std::string(dir != nullptr && *dir != '\0' ? dir : "build/bin") + "/" + name;

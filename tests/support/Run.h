@@ -23,6 +23,8 @@ namespace HeronTest {
 // directory.
 RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd = "",
               const std::string& argv0 = "", int timeoutSeconds = 60);
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options,
+              int timeoutSeconds = 60);
 
 // The build's binaries: $HERON_BIN/<name> (set by ctest), falling back to
 // build/bin relative to the current directory.

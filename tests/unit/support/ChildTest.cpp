@@ -9,6 +9,7 @@
 
 #include "support/Child.h"
 #include "support/Run.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -59,6 +60,34 @@ TEST(SupportRun, AHangIsKilledAtTheTimeLimit) {
   EXPECT_TRUE(result.timedOut);
   EXPECT_FALSE(result.exited());
   EXPECT_EQ(result.describe(), "timed out");
+}
+
+TEST(SupportRun, StandardOutputCanBeClosed) {
+  HeronTest::ChildOptions options;
+  options.output = HeronTest::ChildOptions::Output::Closed;
+  RunResult result = run({"printf", "x"}, {"LC_ALL=C"}, options);
+  EXPECT_NE(result.status, 0) << result.describe();
+  EXPECT_EQ(result.out, "");
+  EXPECT_NE(result.err.find("Bad file descriptor"), std::string::npos) << result.err;
+}
+
+TEST(SupportRun, StandardOutputCanGoToAFullDevice) {
+  HeronTest::ChildOptions options;
+  options.output = HeronTest::ChildOptions::Output::File;
+  options.outputFile = "/dev/full";
+  RunResult result = run({"printf", "x"}, {"LC_ALL=C"}, options);
+  EXPECT_NE(result.status, 0) << result.describe();
+  EXPECT_NE(result.err.find("No space left on device"), std::string::npos) << result.err;
+}
+
+TEST(SupportRun, NoFileGrowthMakesWritesFailWithoutASignal) {
+  HeronTest::TempDir dir("heron-child");
+  HeronTest::ChildOptions options;
+  options.noFileGrowth = true;
+  RunResult result = run({"cp", "/proc/self/cmdline", dir.file("copy")}, {"LC_ALL=C"}, options);
+  EXPECT_TRUE(result.exited()) << result.describe();
+  EXPECT_NE(result.status, 0);
+  EXPECT_NE(result.err.find("File too large"), std::string::npos) << result.err;
 }
 
 TEST(SupportChild, WaitsForTheFirstLinesThenStopsWithTheSignalGiven) {
