@@ -11,6 +11,8 @@ trap 'tmux -L "$SOCKET" kill-server 2>/dev/null || true; cleanup' EXIT
 "$SIM" create live >/dev/null
 start_writer live --rate 2000
 
+# The pane's `sleep 60` only keeps the pane open once heron-stat has ended;
+# the test never waits for it (the server is killed on exit).
 tmux -L "$SOCKET" -f /dev/null new-session -d -s watch -x 160 -y 40 \
   "HERON_ROOT='$HERON_ROOT' '$STAT' --watch -i 0.3 live; echo \"exit status \$?\" >'$WORK/exit'; sleep 60"
 
