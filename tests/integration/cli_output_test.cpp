@@ -19,13 +19,21 @@ class CliOutput : public CliTest {
  protected:
   void SetUp() override { ASSERT_TRUE(root.create("t")); }
 
-  // heron with its standard output redirected by the shell: `redirect` is
-  // the redirection, e.g. ">/dev/full" or ">&-".
-  RunResult heronRedirected(const std::string& redirect, const std::vector<std::string>& args) const {
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" " + redirect, heronBin()};
+  // heron (argv[0] its path) with the standard output or the file size
+  // limit of `options`.
+  RunResult heronWith(const ChildOptions& options, const std::vector<std::string>& args) const {
+    std::vector<std::string> argv = {heronBin()};
     argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv, root.env());
+    return run(argv, root.env(), options);
   }
+  static ChildOptions outputTo(ChildOptions::Output output, const std::string& file = "") {
+    ChildOptions options;
+    options.output = output;
+    options.outputFile = file;
+    return options;
+  }
+  const ChildOptions full_ = outputTo(ChildOptions::Output::File, "/dev/full");
+  const ChildOptions closed_ = outputTo(ChildOptions::Output::Closed);
 };
 
 TEST_F(CliOutput, TableFileAsOutputIsRefusedAndLeftWhole) {
@@ -93,7 +101,7 @@ TEST_F(CliOutput, FileOutsideEveryTableIsWritten) {
 }
 
 TEST_F(CliOutput, FullDeviceOnStandardOutputFails) {
-  RunResult result = heronRedirected(">/dev/full", {"-a", "-e", "t"});
+  RunResult result = heronWith(full_, {"-a", "-e", "t"});
   EXPECT_TRUE(
       same(result, "", std::string(kTableName) + "Error writing standard output: No space left on device\n", 1));
 }
@@ -150,7 +158,11 @@ TEST_F(CliOutput, HardLinkToAFileOfATableOutsideTheRootIsRefused) {
 TEST_F(CliOutput, AnExistingFileIsReplacedByTheReport) {
   TempDir outside("heron-output");
   const std::string file = outside.path() + "/stats";
-  ASSERT_TRUE(same(run({"/bin/sh", "-c", "yes old | head -c 100000 >\"$0\"", file}, {}), "", "", 0));
+  std::string old;
+  while (old.size() < 100000) {
+    old += "old\n";
+  }
+  ASSERT_TRUE(writeFile(file, old));
   EXPECT_TRUE(same(heron({"-f", file, "-s", "t"}), "", kTableName, 0));
   const std::string written = readFile(file);
   EXPECT_EQ(written.find("old"), std::string::npos);
@@ -161,11 +173,9 @@ TEST_F(CliOutput, FailedWriteToTheOutputFileFailsWithOneLine) {
   TempDir outside("heron-output");
   const std::string file = outside.path() + "/out";
   // A file size limit of 0 with SIGXFSZ ignored: every write fails (EFBIG).
-  auto limited = [this](const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {"/bin/sh", "-c", "ulimit -f 0; trap '' XFSZ; exec \"$0\" \"$@\"", heronBin()};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv, root.env());
-  };
+  ChildOptions noGrowth;
+  noGrowth.noFileGrowth = true;
+  auto limited = [this, &noGrowth](const std::vector<std::string>& args) { return heronWith(noGrowth, args); };
   const std::string tooLarge = "Error writing " + file + ": File too large\n";
   for (const char* option : {"-s", "-R", "-q", "-a", "-w"}) {
     SCOPED_TRACE(option);
@@ -177,20 +187,19 @@ TEST_F(CliOutput, FailedWriteToTheOutputFileFailsWithOneLine) {
 
 TEST_F(CliOutput, HelpThatCannotBeWrittenFails) {
   const std::string full = "Error writing standard output: No space left on device\n";
-  EXPECT_TRUE(same(heronRedirected(">/dev/full", {"-h"}), "", full, 1));
-  EXPECT_TRUE(
-      same(heronRedirected(">/dev/full", {"--bogus"}), "", heronBin() + ": unrecognized option '--bogus'\n" + full, 1));
-  EXPECT_TRUE(same(heronRedirected(">&-", {"--help"}), "", "Error writing standard output: Bad file descriptor\n", 1));
+  EXPECT_TRUE(same(heronWith(full_, {"-h"}), "", full, 1));
+  EXPECT_TRUE(same(heronWith(full_, {"--bogus"}), "", heronBin() + ": unrecognized option '--bogus'\n" + full, 1));
+  EXPECT_TRUE(same(heronWith(closed_, {"--help"}), "", "Error writing standard output: Bad file descriptor\n", 1));
 }
 
 TEST_F(CliOutput, ClosedStandardOutputFailsEveryReport) {
   const std::string closed = "Error writing standard output: Bad file descriptor\n";
   for (const char* option : {"-s", "-d", "-R", "-q", "-a", "-w"}) {
     SCOPED_TRACE(option);
-    EXPECT_TRUE(same(heronRedirected(">&-", {option, "t"}), "", std::string(kTableName) + closed, 1));
+    EXPECT_TRUE(same(heronWith(closed_, {option, "t"}), "", std::string(kTableName) + closed, 1));
   }
-  EXPECT_TRUE(same(heronRedirected(">&-", {"-A"}), "", closed, 1));
-  EXPECT_TRUE(same(heronRedirected(">&-", {"-c", std::to_string(::getpid())}), "", closed, 1));
+  EXPECT_TRUE(same(heronWith(closed_, {"-A"}), "", closed, 1));
+  EXPECT_TRUE(same(heronWith(closed_, {"-c", std::to_string(::getpid())}), "", closed, 1));
 }
 
 }  // namespace

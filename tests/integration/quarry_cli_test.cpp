@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -22,27 +23,13 @@
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/Run.h"
 #include "support/TempDir.h"
 
 namespace {
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string binary(const char* name) {
-  const char* dir = std::getenv("HERON_BIN");
-  return std::string(dir != nullptr ? dir : "build/bin") + "/" + name;
-}
+using HeronTest::readFile;
+using Outcome = HeronTest::RunResult;
 
 class QuarryCli : public ::testing::Test {
  protected:
@@ -51,18 +38,16 @@ class QuarryCli : public ::testing::Test {
     ::setenv("HERON_ROOT", root_.c_str(), 1);
   }
 
-  Outcome run(const std::string& arguments) {
-    const std::string out = root_ + "/.stdout";
-    const std::string err = root_ + "/.stderr";
-    const std::string command = "HERON_ROOT='" + root_ + "' " + arguments + " >'" + out + "' 2>'" + err + "'";
-    Outcome result;
-    const int raw = std::system(command.c_str());
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-    result.out = readFile(out);
-    result.err = readFile(err);
-    return result;
+  // A program of the build on this root; a hang ends in a timed-out result.
+  Outcome run(const std::string& program, const std::vector<std::string>& args, int timeoutSeconds = 60) {
+    std::vector<std::string> argv{HeronTest::binary(program)};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return HeronTest::run(argv, {"HERON_ROOT=" + root_}, "", "", timeoutSeconds);
   }
-  Outcome heron(const std::string& arguments) { return run(binary("heron") + " " + arguments); }
+  Outcome heron(const std::vector<std::string>& args, int timeoutSeconds = 60) {
+    return run("heron", args, timeoutSeconds);
+  }
+  Outcome sim(const std::vector<std::string>& args) { return run("heron-sim", args); }
 
   std::string table(const std::string& name) const { return root_ + "/" + name; }
   bool hasRelay(const std::string& name) const {
@@ -73,7 +58,7 @@ class QuarryCli : public ::testing::Test {
   // Table "t": regions 1 (16 x 4: alpha, gamma; beta released) and
   // 2 (8 x 2: 01234567).
   void makeSmallTable() {
-    Outcome created = run(binary("heron-sim") + " create t --regions 16x4,8x2");
+    Outcome created = sim({"create", "t", "--regions", "16x4,8x2"});
     ASSERT_EQ(created.status, 0) << created.err;
     Beacon::Platform::DebugHandler handler("QuarryCli", 0);
     Quarry::QuarryWriter writer(handler, Mem::RootPath(table("t")));
@@ -147,7 +132,7 @@ bool endsWith(const std::string& text, const std::string& tail) {
 }  // namespace
 
 TEST_F(QuarryCli, SimCreateMakesTheAllocatorAndTheRegionsAsked) {
-  Outcome created = run(binary("heron-sim") + " create t --regions 64x256,4096x32");
+  Outcome created = sim({"create", "t", "--regions", "64x256,4096x32"});
   ASSERT_EQ(created.status, 0) << created.err;
   struct stat st {};
   EXPECT_EQ(::stat((table("t") + "/quarry").c_str(), &st), 0);
@@ -160,14 +145,14 @@ TEST_F(QuarryCli, SimCreateMakesTheAllocatorAndTheRegionsAsked) {
 }
 
 TEST_F(QuarryCli, SimCreateMakesADefaultMixOfRegions) {
-  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  ASSERT_EQ(sim({"create", "t"}).status, 0);
   struct stat st {};
   EXPECT_EQ(::stat((table("t") + "/region.3").c_str(), &st), 0);
 }
 
 // A bad region list is a usage error, found before anything is created.
 TEST_F(QuarryCli, SimCreateRefusesABadRegionList) {
-  Outcome created = run(binary("heron-sim") + " create t --regions 64by256");
+  Outcome created = sim({"create", "t", "--regions", "64by256"});
   EXPECT_EQ(created.status, 2);
   EXPECT_NE(created.err.find("--regions"), std::string::npos) << created.err;
   struct stat st {};
@@ -175,31 +160,32 @@ TEST_F(QuarryCli, SimCreateRefusesABadRegionList) {
 }
 
 TEST_F(QuarryCli, MissingAllocatorFailsToInitialize) {
-  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  ASSERT_EQ(sim({"create", "t"}).status, 0);
   ASSERT_EQ(::unlink((table("t") + "/quarry").c_str()), 0);
-  Outcome r = heron("-s t");
+  Outcome r = heron({"-s", "t"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "Table Name: t\n\nFailed to initialize QuarryScanner\n");
   EXPECT_EQ(r.out, "");
 }
 
 TEST_F(QuarryCli, DamagedAllocatorFailsToInitialize) {
-  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  ASSERT_EQ(sim({"create", "t"}).status, 0);
   {
     std::ofstream damaged(table("t") + "/quarry", std::ios::binary | std::ios::trunc);
     damaged << std::string(64, '\x5a');
   }
-  for (const char* options : {"-s", "-R", "-d", "-a", ""}) {
-    Outcome r = heron(std::string(options) + " t");
-    EXPECT_EQ(r.status, 1) << options;
-    EXPECT_EQ(r.err, "Table Name: t\n\nFailed to initialize QuarryScanner\n") << options;
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"-s", "t"}, {"-R", "t"}, {"-d", "t"}, {"-a", "t"}, {"t"}}) {
+    Outcome r = heron(args);
+    EXPECT_EQ(r.status, 1) << args[0];
+    EXPECT_EQ(r.err, "Table Name: t\n\nFailed to initialize QuarryScanner\n") << args[0];
   }
 }
 
 TEST_F(QuarryCli, TruncatedAllocatorFailsToInitialize) {
-  ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+  ASSERT_EQ(sim({"create", "t"}).status, 0);
   ASSERT_EQ(::truncate((table("t") + "/quarry").c_str(), 10), 0);
-  Outcome r = heron("-R t");
+  Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("Failed to initialize QuarryScanner"), std::string::npos);
 }
@@ -207,7 +193,7 @@ TEST_F(QuarryCli, TruncatedAllocatorFailsToInitialize) {
 TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome r = heron("-s t");
+  Outcome r = heron({"-s", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
   EXPECT_NE(r.out.find("Relay headers:"), std::string::npos);
@@ -217,13 +203,13 @@ TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
 TEST_F(QuarryCli, DetailAddsTheRegionRows) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome r = heron("-d t");
+  Outcome r = heron({"-d", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, std::string(kTotals) + kRows)) << r.out;
 }
 
 TEST_F(QuarryCli, SortByOccupancyWithStats) {
-  Outcome created = run(binary("heron-sim") + " create t --regions 64x100,64x100,16x10");
+  Outcome created = sim({"create", "t", "--regions", "64x100,64x100,16x10"});
   ASSERT_EQ(created.status, 0) << created.err;
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   {
@@ -240,10 +226,10 @@ TEST_F(QuarryCli, SortByOccupancyWithStats) {
       "       3          16        10         5        50%           0           160\n"
       "       2          64       100        10        10%           1          6400\n"
       "       1          64       100        50        50%           1          6400\n";
-  Outcome r = heron("-s -O t");
+  Outcome r = heron({"-s", "-O", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, rowsByOccupancy)) << r.out;
-  Outcome d = heron("-d t");
+  Outcome d = heron({"-d", "t"});
   EXPECT_TRUE(endsWith(d.out,
                        "       3          16        10         5        50%           0           160\n"
                        "       1          64       100        50        50%           1          6400\n"
@@ -254,7 +240,7 @@ TEST_F(QuarryCli, SortByOccupancyWithStats) {
 TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome r = heron("-s -q t");
+  Outcome r = heron({"-s", "-q", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
   EXPECT_EQ(r.out.find("Region 1:"), std::string::npos);
@@ -263,7 +249,7 @@ TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
 TEST_F(QuarryCli, RegionsDumpEveryRegion) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome r = heron("-R t");
+  Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOne) + kRegionTwo);
 }
@@ -271,7 +257,7 @@ TEST_F(QuarryCli, RegionsDumpEveryRegion) {
 TEST_F(QuarryCli, RegionsWithEmptyEntries) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome r = heron("-R -e t");
+  Outcome r = heron({"-R", "-e", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOneWithEmpty) + kRegionTwoWithEmpty);
 }
@@ -279,19 +265,19 @@ TEST_F(QuarryCli, RegionsWithEmptyEntries) {
 TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome two = heron("-r 2 t");
+  Outcome two = heron({"-r", "2", "t"});
   EXPECT_EQ(two.status, 0) << two.err;
   EXPECT_EQ(two.out, kRegionTwo);
-  Outcome both = heron("-r 2 -r 1 -r 2 t");
+  Outcome both = heron({"-r", "2", "-r", "1", "-r", "2", "t"});
   EXPECT_EQ(both.out, std::string(kRegionOne) + kRegionTwo);
-  Outcome missing = heron("-r 7 t");
+  Outcome missing = heron({"-r", "7", "t"});
   EXPECT_EQ(missing.out, "Region 7: not found\n");
 }
 
 TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  Outcome r = heron("-a t");
+  Outcome r = heron({"-a", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   const std::string regions = std::string(kRegionOne) + kRegionTwo;
   EXPECT_EQ(r.out.compare(0, regions.size(), regions), 0) << r.out;
@@ -307,10 +293,10 @@ TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
     std::ofstream stale(file);
     stale << std::string(10000, 'x') << '\n';  // truncated by heron first
   }
-  Outcome toFile = heron("-f " + file + " -d t");
+  Outcome toFile = heron({"-f", file, "-d", "t"});
   EXPECT_EQ(toFile.status, 0) << toFile.err;
   EXPECT_EQ(toFile.out, "");
-  Outcome toStdout = heron("-d t");
+  Outcome toStdout = heron({"-d", "t"});
   EXPECT_EQ(readFile(file), toStdout.out);
   EXPECT_TRUE(endsWith(readFile(file), std::string(kTotals) + kRows));
 }
@@ -320,9 +306,9 @@ TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/dump.txt";
-  Outcome toFile = heron("-f " + file + " -a t");
+  Outcome toFile = heron({"-f", file, "-a", "t"});
   EXPECT_EQ(toFile.status, 0) << toFile.err;
-  Outcome toStdout = heron("-a t");
+  Outcome toStdout = heron({"-a", "t"});
   // The queue scan's timing line differs from run to run.
   EXPECT_EQ(withoutTiming(readFile(file)), withoutTiming(toStdout.out));
   const std::string regions = std::string(kRegionOne) + kRegionTwo;
@@ -333,7 +319,7 @@ TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_EQ(::truncate((table("t") + "/region.1").c_str(), 100), 0);
-  Outcome r = heron("-R t");
+  Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string("Region 1: file is 100 bytes, header claims 8192; skipped\n") + kRegionTwo);
 }
@@ -342,30 +328,33 @@ TEST_F(QuarryCli, FifoInPlaceOfARegionIsReportedNotWaitedOn) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_EQ(::mkfifo((table("t") + "/region.9").c_str(), 0644), 0);
-  Outcome stats = run("timeout 20 " + binary("heron") + " -s t");
+  Outcome stats = heron({"-s", "t"}, 20);
   EXPECT_EQ(stats.status, 0) << stats.err;
   EXPECT_TRUE(endsWith(stats.out, "  region 9: not a regular file; skipped\n")) << stats.out;
-  Outcome dump = run("timeout 20 " + binary("heron") + " -R t");
+  Outcome dump = heron({"-R", "t"}, 20);
   EXPECT_EQ(dump.status, 0) << dump.err;
   EXPECT_EQ(dump.out, std::string(kRegionOne) + kRegionTwo + "Region 9: not a regular file; skipped\n");
 }
 
 // Every table file a reader opens: a FIFO there ends the run with a message
-// (or an NA figure), never a hang. `timeout` turns a hang into status 124.
+// (or an NA figure), never a hang: a run still going after 20 s is killed
+// and fails.
 // -w reads the table's figures as -A does, without walking every process on
 // the machine (other tests' deliberately shrinking files end -A with the
 // documented assertion).
 TEST_F(QuarryCli, FifoInPlaceOfATableFileNeverBlocks) {
   for (const char* file : {"quarry", "relay.1", "relay.2", "owner"}) {
-    ASSERT_EQ(run(binary("heron-sim") + " create t").status, 0);
+    ASSERT_EQ(sim({"create", "t"}).status, 0);
     const std::string path = table("t") + "/" + file;
     ASSERT_EQ(::unlink(path.c_str()), 0) << file;
     ASSERT_EQ(::mkfifo(path.c_str(), 0644), 0) << file;
-    for (const char* options : {"-s t", "-a t", "-w t"}) {
-      Outcome r = run("timeout 20 " + binary("heron") + " " + options);
-      EXPECT_TRUE(r.status == 0 || r.status == 1) << file << " " << options << ": " << r.status << " " << r.err;
+    for (const char* option : {"-s", "-a", "-w"}) {
+      Outcome r = heron({option, "t"}, 20);
+      EXPECT_TRUE(r.status == 0 || r.status == 1) << file << " " << option << " t: " << r.describe() << " " << r.err;
     }
-    ASSERT_EQ(run(std::string("rm -rf '") + table("t") + "'").status, 0);
+    std::error_code error;
+    std::filesystem::remove_all(table("t"), error);
+    ASSERT_FALSE(error) << error.message();
   }
 }
 
@@ -414,7 +403,7 @@ std::string livePayload(std::uint32_t sequence) {
 }  // namespace
 
 TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
-  ASSERT_EQ(run(binary("heron-sim") + " create t --regions 16x64,64x64").status, 0);
+  ASSERT_EQ(sim({"create", "t", "--regions", "16x64,64x64"}).status, 0);
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
@@ -424,9 +413,9 @@ TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   unsigned runs = 0;
   unsigned entries = 0;
   int status = 0;
-  const char* options[] = {"-s", "-d", "-R", "-s -O"};
+  const std::vector<std::vector<std::string>> options{{"-s", "t"}, {"-d", "t"}, {"-R", "t"}, {"-s", "-O", "t"}};
   while (::waitpid(child, &status, WNOHANG) == 0) {
-    Outcome r = heron(std::string(options[runs % 4]) + " t");
+    Outcome r = heron(options[runs % 4]);
     ASSERT_EQ(r.status, 0) << r.err;
     std::istringstream lines(r.out);
     std::string line;
@@ -464,7 +453,7 @@ TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 0xFFFFFFFFU));
-  Outcome detail = heron("-d t");
+  Outcome detail = heron({"-d", "t"});
   EXPECT_EQ(detail.status, 0) << detail.err;
   // Region 1 counts as full: 64 + 8 of 80 bytes.
   EXPECT_NE(detail.out.find("  used          72\n"), std::string::npos) << detail.out;
@@ -473,7 +462,7 @@ TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
                        "       1          16         4         4       100%           0            64"
                        "  inconsistent: used count 4294967295, bitmap 2\n"))
       << detail.out;
-  Outcome who = heron("-w t");
+  Outcome who = heron({"-w", "t"});
   EXPECT_EQ(who.status, 0) << who.err;
   EXPECT_NE(who.out.find("numRegions:2 totalSize:80B pagesFree:0 occupancyRate:90%\n"), std::string::npos) << who.out;
 }
@@ -482,13 +471,13 @@ TEST_F(QuarryCli, BitmapThatDisagreesWithTheUsedCountIsMarked) {
   makeSmallTable();
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 1));
-  Outcome detail = heron("-d t");
+  Outcome detail = heron({"-d", "t"});
   EXPECT_EQ(detail.status, 0) << detail.err;
   EXPECT_TRUE(endsWith(detail.out,
                        "       1          16         4         1        25%           0            64"
                        "  inconsistent: used count 1, bitmap 2\n"))
       << detail.out;
-  Outcome dump = heron("-r 1 t");
+  Outcome dump = heron({"-r", "1", "t"});
   EXPECT_EQ(dump.status, 0) << dump.err;
   EXPECT_EQ(dump.out.rfind("Region 1: entry size 16, units 4, used 1, generation 8  inconsistent: used count 1, "
                            "bitmap 2\n",

@@ -14,9 +14,11 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "Quarry/Offset.h"
 #include "Relay/RelayWriter.h"
+#include "support/Run.h"
 #include "unit/relay/RelayBrokenQueues.h"
 #include "unit/relay/RelayTestFiles.h"
 
@@ -25,11 +27,6 @@ namespace {
 using RelayTest::Header;
 using RelayTest::Table;
 
-std::string binary(const char* name) {
-  const char* dir = std::getenv("HERON_BIN");
-  return std::string(dir != nullptr ? dir : "build/bin") + "/" + name;
-}
-
 std::string slurp(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
@@ -37,12 +34,23 @@ std::string slurp(const std::string& path) {
   return text.str();
 }
 
-struct Result {
-  std::string out;
-  std::string err;
-  bool exited = false;  // false: ended by a signal
-  int status = -1;
-};
+using Result = HeronTest::RunResult;
+
+// The reports that read the queues, and the arguments for one table.
+const std::vector<std::vector<std::string>> kQueueReports{{"-s"}, {"-q"}, {"-q", "-e"}};
+
+std::vector<std::string> withTable(std::vector<std::string> options, const std::string& table) {
+  options.push_back(table);
+  return options;
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : " ") + word;
+  }
+  return text;
+}
 
 // The seconds come from the wall clock, which may step back during a scan.
 const std::regex kTimingZero("Relay scanned in -?[0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
@@ -55,7 +63,7 @@ class RelayCli : public ::testing::Test {
     // heron-sim refuses a capacity of 0 (no writer could use it); such queue
     // files are made here, through the runtime, in place of its own.
     const unsigned simCapacity = capacity == 0 ? 1 : capacity;
-    Result made = run(binary("heron-sim") + " create " + name + " --capacity " + std::to_string(simCapacity));
+    Result made = run("heron-sim", {"create", name, "--capacity", std::to_string(simCapacity)});
     EXPECT_EQ(made.status, 0) << made.err;
     if (capacity == 0) {
       std::string error;
@@ -69,19 +77,12 @@ class RelayCli : public ::testing::Test {
   std::string dir(const std::string& name) const { return temp.path() + "/" + name; }
   Mem::RootPath root(const std::string& name) const { return Mem::RootPath(dir(name)); }
 
-  Result run(const std::string& command) {
-    Result result;
-    std::string outFile = temp.path() + "/.out";
-    std::string errFile = temp.path() + "/.err";
-    int raw = std::system(
-        ("HERON_ROOT='" + temp.path() + "' " + command + " >'" + outFile + "' 2>'" + errFile + "'").c_str());
-    result.exited = WIFEXITED(raw) && !(WEXITSTATUS(raw) >= 128);
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    result.out = slurp(outFile);
-    result.err = slurp(errFile);
-    return result;
+  Result run(const std::string& program, const std::vector<std::string>& args) {
+    std::vector<std::string> argv{HeronTest::binary(program)};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return HeronTest::run(argv, {"HERON_ROOT=" + temp.path()});
   }
-  Result heron(const std::string& arguments) { return run(binary("heron") + " " + arguments); }
+  Result heron(const std::vector<std::string>& args) { return run("heron", args); }
 
   // The ember of the file as its header holds it.
   SharedMem::EmberId ember(const std::string& name) {
@@ -124,8 +125,8 @@ constexpr const char* kNoAllocator = "heron-sim create made no quarry file: hero
 
 TEST_F(RelayCli, StatisticsShowTheHeadersOfAFreshTable) {
   ASSERT_TRUE(create("fresh", 3)) << kNoAllocator;
-  Result result = heron("-s fresh");
-  ASSERT_TRUE(result.exited);
+  Result result = heron({"-s", "fresh"});
+  ASSERT_TRUE(result.exited());
   EXPECT_EQ(result.status, 0) << result.err;
   SharedMem::EmberId id = ember("fresh");
   EXPECT_EQ(headersBlock(result.out),
@@ -151,8 +152,8 @@ TEST_F(RelayCli, StatisticsShowVersion0x1fAndTheSecondaryAfterWrites) {
     }
     writer.setConnectedReaders(2);
   }
-  Result result = heron("-s switched");
-  ASSERT_TRUE(result.exited);
+  Result result = heron({"-s", "switched"});
+  ASSERT_TRUE(result.exited());
   EXPECT_EQ(result.status, 0) << result.err;
   SharedMem::EmberId id = ember("switched");
   EXPECT_EQ(headersBlock(result.out),
@@ -170,8 +171,8 @@ TEST_F(RelayCli, StatisticsCallCurrentTableTwoSecondaryAndPrint0x1aZeroFilled) {
   ASSERT_TRUE(create("odd", 2)) << kNoAllocator;
   ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 40, 0x1a));
   ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 44, 2));
-  Result result = heron("-d odd");
-  ASSERT_TRUE(result.exited);
+  Result result = heron({"-d", "odd"});
+  ASSERT_TRUE(result.exited());
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(headersBlock(result.out).find("\tCurrent table: Secondary (version: 0x0000001a)\n\tPrimary:\n"),
             std::string::npos)
@@ -187,7 +188,7 @@ TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
     ASSERT_TRUE(writer.grow(40, error)) << error;
     writer.append(Quarry::Offset::encode(1, 1), 8);
   }
-  Result result = heron("-s grown");
+  Result result = heron({"-s", "grown"});
   SharedMem::EmberId id = ember("grown");
   EXPECT_NE(
       headersBlock(result.out)
@@ -198,7 +199,7 @@ TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
 
 TEST_F(RelayCli, StatisticsWithQueuesPrintNoQueue) {
   ASSERT_TRUE(create("both", 2)) << kNoAllocator;
-  Result result = heron("-s -q both");
+  Result result = heron({"-s", "-q", "both"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.out.find("Relay headers:"), std::string::npos);
   EXPECT_EQ(result.out.find("relay queue"), std::string::npos);
@@ -218,8 +219,8 @@ TEST_F(RelayCli, QueueDumpShowsTheLiveSlotsOfTheActiveTable) {
     }
     ASSERT_TRUE(writer.tombstone(std::uint64_t{6}));
   }
-  Result result = heron("-q live");
-  ASSERT_TRUE(result.exited);
+  Result result = heron({"-q", "live"});
+  ASSERT_TRUE(result.exited());
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
             "Secondary relay queue (active)\n"
@@ -247,8 +248,8 @@ TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
     writer.append(Quarry::Offset::encode(1, 3), 3);
     ASSERT_TRUE(writer.tombstone(std::uint64_t{1}));
   }
-  Result result = heron("-q -e whole");
-  ASSERT_TRUE(result.exited);
+  Result result = heron({"-q", "-e", "whole"});
+  ASSERT_TRUE(result.exited());
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
             "Primary relay queue (backup)\n"
@@ -276,7 +277,7 @@ TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
 
 TEST_F(RelayCli, QueueDumpOfCapacityZeroShowsHeadersOnly) {
   ASSERT_TRUE(create("empty", 0)) << kNoAllocator;
-  Result result = heron("-q -e empty");
+  Result result = heron({"-q", "-e", "empty"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
             "Primary relay queue (active)\n"
@@ -308,7 +309,7 @@ TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
       writer.append(Quarry::Offset::encode(1, i), i);
     }
   }
-  Result result = heron("-q eight");
+  Result result = heron({"-q", "eight"});
   EXPECT_NE(result.out.find("\npos: 7" + std::string(9, ' ') + "  |  seq: 8" + std::string(9, ' ') +
                             "  offset: 0x00100007 (1:7)           size: 7\n"),
             std::string::npos)
@@ -317,7 +318,7 @@ TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
 
 TEST_F(RelayCli, DumpAllEndsWithTheActiveQueue) {
   ASSERT_TRUE(create("all", 2)) << kNoAllocator;
-  Result result = heron("-a all");
+  Result result = heron({"-a", "all"});
   EXPECT_EQ(result.status, 0) << result.err;
   std::size_t queue = result.out.find("Primary relay queue (active)\n");
   ASSERT_NE(queue, std::string::npos) << result.out;
@@ -330,7 +331,7 @@ TEST_F(RelayCli, QueueDumpToAFile) {
   // Outside the collection root: heron refuses to write into it.
   RelayTest::TempDir outputs;
   std::string file = outputs.path() + "/dump.txt";
-  Result result = heron("-q -f '" + file + "' tofile");
+  Result result = heron({"-q", "-f", file, "tofile"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "");
   std::string text = slurp(file);
@@ -348,14 +349,15 @@ class RelayCliBrokenQueue : public RelayCli, public testing::WithParamInterface<
 TEST_P(RelayCliBrokenQueue, IsReportedWithStatusOne) {
   ASSERT_TRUE(create("broken", 2)) << kNoAllocator;
   ASSERT_TRUE(GetParam().apply(dir("broken")));
-  for (const char* options : {"-s", "-q", "-q -e"}) {
-    Result result = heron(std::string(options) + " broken");
-    ASSERT_TRUE(result.exited) << options;
-    EXPECT_EQ(result.status, 1) << options;
-    EXPECT_EQ(result.out, "") << options;
+  for (const std::vector<std::string>& options : kQueueReports) {
+    Result result = heron(withTable(options, "broken"));
+    const std::string shown = joined(options);
+    ASSERT_TRUE(result.exited()) << shown;
+    EXPECT_EQ(result.status, 1) << shown;
+    EXPECT_EQ(result.out, "") << shown;
     EXPECT_EQ(result.err, "Table Name: broken\n\n" + GetParam().expectedMessage(dir("broken")) +
                               "Failed to initialize RelayReaderGeneric\n")
-        << options;
+        << shown;
   }
 }
 
@@ -377,9 +379,9 @@ TEST_F(RelayCli, RandomBytesNeverEndInASignal) {
       std::memcpy(bytes.data(), &header, 12);
     }
     ASSERT_TRUE(RelayTest::writeFile(dir("noise") + (round % 2 == 0 ? "/relay.1" : "/relay.2"), bytes));
-    for (const char* options : {"-s", "-q", "-q -e"}) {
-      Result result = heron(std::string(options) + " noise");
-      ASSERT_TRUE(result.exited) << "round " << round << " " << options << ": " << result.err;
+    for (const std::vector<std::string>& options : kQueueReports) {
+      Result result = heron(withTable(options, "noise"));
+      ASSERT_TRUE(result.exited()) << "round " << round << " " << joined(options) << ": " << result.err;
       EXPECT_TRUE(result.status == 0 || result.status == 1) << result.status;
       if (result.status == 1) {
         EXPECT_NE(result.err.find("Failed to initialize RelayReaderGeneric\n"), std::string::npos) << result.err;

@@ -25,6 +25,7 @@
 #include "Quarry/Offset.h"
 #include "Relay/RelayReaderGeneric.h"
 #include "Relay/RelayWriter.h"
+#include "support/Run.h"
 #include "unit/relay/RelayTestFiles.h"
 
 namespace {
@@ -70,6 +71,8 @@ bool writtenByTheWriter(std::uint32_t sequence, std::uint32_t offset, std::uint3
     if (++bursts % 40 == 0 && writer.capacity() < 6000) {
       writer.grow(writer.capacity() + 500, error);
     }
+    // The pause between bursts is part of the load, not a wait: readers
+    // catch the queue both mid-burst and at rest.
     ::usleep(200 + rng() % 800);
   }
   std::_Exit(0);
@@ -152,37 +155,12 @@ void checkReport(const std::string& report, bool activeOnly, Checked& checked) {
   }
 }
 
-std::string binary(const char* name) {
-  const char* dir = std::getenv("HERON_BIN");
-  return std::string(dir != nullptr ? dir : "build/bin") + "/" + name;
-}
-
-// Runs a shell command, returns its standard output; `status` gets the
-// exit status (-1 when it did not exit normally).
-std::string run(const std::string& command, int& status) {
-  std::string output;
-  FILE* pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) {
-    status = -1;
-    return output;
-  }
-  char buffer[65536];
-  std::size_t n = 0;
-  while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    output.append(buffer, n);
-  }
-  int raw = ::pclose(pipe);
-  status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  return output;
-}
-
 class RelayLive : public ::testing::Test {
  protected:
   void SetUp() override {
-    int status = 0;
-    run("HERON_ROOT='" + temp.path() + "' '" + binary("heron-sim") + "' create live --capacity 1000 >/dev/null",
-        status);
-    ASSERT_EQ(status, 0);
+    HeronTest::RunResult created =
+        HeronTest::run({HeronTest::simBin(), "create", "live", "--capacity", "1000"}, {"HERON_ROOT=" + temp.path()});
+    ASSERT_EQ(created.status, 0) << created.describe() << ": " << created.err;
     struct stat st {};
     ASSERT_EQ(::stat((temp.path() + "/live/relay.1").c_str(), &st), 0);
     cliWorks = ::stat((temp.path() + "/live/quarry").c_str(), &st) == 0;
@@ -236,12 +214,12 @@ TEST_F(RelayLive, HeronQueueDumpPrintsOnlyWrittenSlotsAndRestarts) {
   unsigned runs = 0;
   while (std::chrono::steady_clock::now() < end || checked.restarts == 0) {
     bool activeOnly = (runs % 2) == 0;
-    int status = 0;
-    std::string report = run("HERON_ROOT='" + temp.path() + "' '" + binary("heron") + "' -q " +
-                                 (activeOnly ? "" : "-e ") + "live 2>/dev/null",
-                             status);
-    ASSERT_EQ(status, 0) << "run " << runs;
-    checkReport(report, activeOnly, checked);
+    const std::vector<std::string> argv = activeOnly
+                                              ? std::vector<std::string>{HeronTest::heronBin(), "-q", "live"}
+                                              : std::vector<std::string>{HeronTest::heronBin(), "-q", "-e", "live"};
+    HeronTest::RunResult report = HeronTest::run(argv, {"HERON_ROOT=" + temp.path()});
+    ASSERT_EQ(report.status, 0) << "run " << runs << ": " << report.describe();
+    checkReport(report.out, activeOnly, checked);
     ASSERT_EQ(checked.failure, "") << "run " << runs;
     ++runs;
     ASSERT_LT(runs, 5000U) << "no restart seen";

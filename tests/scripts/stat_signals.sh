@@ -29,6 +29,8 @@ stuck() {
 for signal in TERM INT; do
   rm -f "$WORK/fifo"
   mkfifo "$WORK/fifo"
+  # A reader that opens the pipe and never reads it: heron-stat's writes
+  # fill it and block. Killed by the cleanup.
   sleep 600 <"$WORK/fifo" &
   reader=$!
   STARTED+=("$reader")

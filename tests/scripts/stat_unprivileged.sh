@@ -11,7 +11,7 @@ command -v jq >/dev/null || fail "jq is not installed"
 "$SIM" create watched >/dev/null
 start_writer watched --rate 1000
 start_shadow watched
-sleep 0.2
+wait_until 10 writer_wrote watched || fail "the writer of watched published nothing"
 # The checkout may live under a directory the user cannot enter: run a copy.
 chmod 755 "$WORK"
 mkdir -p "$WORK/bin"

@@ -25,6 +25,8 @@ start_writer live --rate 2000
 open() {
   local name=$1 width=$2 height=$3
   shift 3
+  # The pane's `sleep 60` only keeps the pane open once heron-stat has ended,
+  # so that its exit line can be read; the session is killed before then.
   local command="env HERON_ROOT='$HERON_ROOT' $* '$STAT' --watch -i 1; echo \"exit status \$?\" >'$WORK/exit.$name'; sleep 60"
   if tmux -L "$SOCKET" has-session 2>/dev/null; then
     tmux -L "$SOCKET" new-session -d -s "$name" -x "$width" -y "$height" "$command"

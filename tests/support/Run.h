@@ -1,4 +1,6 @@
-// Runs a program as a child process and captures everything it says.
+// Runs a program as a child process and captures everything it says: the
+// one way tests run programs (see Child.h for one that stays up while the
+// test talks to it).
 //
 // The child gets exactly the environment it is given (plus the sanitizer
 // options of the test process, so that sanitized builds behave), standard
@@ -9,27 +11,20 @@
 #include <string>
 #include <vector>
 
+#include "support/Child.h"
 #include "support/TempDir.h"
 
 namespace HeronTest {
 
-struct RunResult {
-  std::string out;        // standard output, byte for byte
-  std::string err;        // standard error, byte for byte
-  int status = -1;        // exit status when the child exited, else -1
-  int signal = 0;         // the signal that ended the child, else 0
-  bool timedOut = false;  // killed after the time limit
-
-  bool exited() const { return signal == 0 && !timedOut && status >= 0; }
-  // "status N" / "signal N" / "timed out", for failure messages.
-  std::string describe() const;
-};
-
-// argv[0] is the program path; it is also what the child sees as argv[0]
-// unless `argv0` is given. `env` holds "NAME=value" entries. `cwd`, when not
-// empty, is the child's working directory.
+// argv[0] is the program (a path, or a bare name looked up in PATH); it is
+// also what the child sees as argv[0] unless `argv0` is given. A child still
+// running after `timeoutSeconds` is killed and the result says so. `env`
+// holds "NAME=value" entries. `cwd`, when not empty, is the child's working
+// directory.
 RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd = "",
               const std::string& argv0 = "", int timeoutSeconds = 60);
+RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options,
+              int timeoutSeconds = 60);
 
 // The build's binaries: $HERON_BIN/<name> (set by ctest), falling back to
 // build/bin relative to the current directory.

@@ -3,11 +3,7 @@
 // for the capacity figures read straight from the table files.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -25,6 +21,8 @@
 #include "Quarry/AllocatorStats.h"
 #include "model/Model.h"
 #include "readers/QuarryHelperScanner.h"
+#include "support/Child.h"
+#include "support/Run.h"
 
 namespace ClientTest {
 
@@ -45,53 +43,15 @@ inline bool exists(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0;
 }
 
-struct RunResult {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using RunResult = HeronTest::RunResult;
 
-// Runs argv with extra environment entries ("NAME=value"; "-NAME" removes),
-// stdout and stderr into temp files. `prefix` (e.g. setpriv ...) comes first.
-inline RunResult run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {}) {
-  char outName[] = "/tmp/heron-client-out-XXXXXX";
-  char errName[] = "/tmp/heron-client-err-XXXXXX";
-  int outFd = ::mkstemp(outName);
-  int errFd = ::mkstemp(errName);
-  RunResult result;
-  pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(outFd, 1);
-    ::dup2(errFd, 2);
-    if (::chdir("/") != 0) {
-      ::_exit(126);
-    }
-    for (const std::string& entry : env) {
-      if (!entry.empty() && entry[0] == '-') {
-        ::unsetenv(entry.c_str() + 1);
-      } else {
-        std::size_t eq = entry.find('=');
-        ::setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
-      }
-    }
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-      args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  ::close(outFd);
-  ::close(errFd);
-  result.out = readAll(outName);
-  result.err = readAll(errName);
-  ::unlink(outName);
-  ::unlink(errName);
-  return result;
+// Runs argv on the collection root this test process names in HERON_ROOT,
+// with `env` ("NAME=value") added, from "/" (a directory every user may
+// enter).
+inline RunResult run(const std::vector<std::string>& argv, std::vector<std::string> env = {}) {
+  const char* root = std::getenv("HERON_ROOT");
+  env.push_back(std::string("HERON_ROOT=") + (root != nullptr ? root : ""));
+  return HeronTest::run(argv, env, "/");
 }
 
 inline RunResult heron(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
@@ -100,67 +60,37 @@ inline RunResult heron(const std::vector<std::string>& args, const std::vector<s
   return run(argv, env);
 }
 
-// A heron-sim shadow process, stopped with SIGTERM and reaped on destruction.
+// A heron-sim shadow process, killed and reaped on destruction.
 class Shadow {
  public:
   // `names` are table names (or absolute paths); `readWrite` maps as a writer.
-  Shadow(const std::vector<std::string>& names, bool readWrite) {
-    int pipeFds[2];
-    if (::pipe(pipeFds) != 0) {
-      return;
-    }
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(pipeFds[1], 1);
-      ::close(pipeFds[0]);
-      std::vector<std::string> argv{binDir() + "/heron-sim", "shadow"};
-      argv.insert(argv.end(), names.begin(), names.end());
-      if (readWrite) {
-        argv.push_back("--rw");
-      }
-      std::vector<char*> args;
-      for (const std::string& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-      }
-      args.push_back(nullptr);
-      ::execv(args[0], args.data());
-      ::_exit(127);
-    }
-    ::close(pipeFds[1]);
-    // Wait for one announcement per table.
-    std::string text;
-    char buffer[256];
-    std::size_t lines = 0;
-    while (lines < names.size()) {
-      ssize_t n = ::read(pipeFds[0], buffer, sizeof buffer);
-      if (n <= 0) {
-        break;
-      }
-      text.append(buffer, static_cast<std::size_t>(n));
-      lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-    }
-    ::close(pipeFds[0]);
-    attached_ = lines == names.size() && text.rfind("shadow " + std::to_string(pid_) + " attached to ", 0) == 0;
-    announcement_ = text;
+  Shadow(const std::vector<std::string>& names, bool readWrite) : child_(argv(names, readWrite), rootEnv(), "/") {
+    // One announcement per table, within a bounded wait.
+    const bool announced = child_.waitForLines(names.size());
+    attached_ = child_.started() && announced &&
+                child_.out().rfind("shadow " + std::to_string(child_.pid()) + " attached to ", 0) == 0;
   }
-  ~Shadow() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      int status = 0;
-      ::waitpid(pid_, &status, 0);
-    }
-  }
-  Shadow(const Shadow&) = delete;
-  Shadow& operator=(const Shadow&) = delete;
 
-  int pid() const { return pid_; }
+  int pid() const { return child_.pid(); }
   bool attached() const { return attached_; }
-  const std::string& announcement() const { return announcement_; }
+  const std::string& announcement() const { return child_.out(); }
 
  private:
-  pid_t pid_ = -1;
+  static std::vector<std::string> argv(const std::vector<std::string>& names, bool readWrite) {
+    std::vector<std::string> result{binDir() + "/heron-sim", "shadow"};
+    result.insert(result.end(), names.begin(), names.end());
+    if (readWrite) {
+      result.push_back("--rw");
+    }
+    return result;
+  }
+  static std::vector<std::string> rootEnv() {
+    const char* root = std::getenv("HERON_ROOT");
+    return {std::string("HERON_ROOT=") + (root != nullptr ? root : "")};
+  }
+
+  HeronTest::Child child_;
   bool attached_ = false;
-  std::string announcement_;
 };
 
 // The "Heron table" blocks of a report, by table name.

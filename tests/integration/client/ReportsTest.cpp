@@ -1,8 +1,12 @@
 // heron -w, -A and -c against real processes attached to real tables under a
 // private collection root. Other tests on this machine may run their own
 // tables at the same time: assertions look only at this root's tables.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -340,20 +344,20 @@ TEST_F(ClientReportsTest, RootWarningForAnUnprivilegedUser) {
     env.insert(env.end(), libraryPath.begin(), libraryPath.end());
     return ClientTest::run(argv, env);
   };
-  auto all = asNobody({"-A"}, {"-Q7_CHROOT"});
+  auto all = asNobody({"-A"}, {});
   EXPECT_EQ(all.status, 0) << all.err;
   EXPECT_EQ(all.out.rfind(kWarning, 0), 0U) << all.out;
   EXPECT_EQ(all.out.find(kWarning, 1), std::string::npos) << "one warning for who-all";
 
   // Without rights no maps file of another user is readable, so what
   // follows the warning depends on the other processes of the machine.
-  auto what = asNobody({"-c", "1"}, {"-Q7_CHROOT"});
+  auto what = asNobody({"-c", "1"}, {});
   EXPECT_EQ(what.status, 0) << what.err;
   EXPECT_EQ(what.out.rfind(kWarning, 0), 0U) << what.out;
   EXPECT_EQ(what.out.find(kWarning, 1), std::string::npos) << what.out;
 
   // The single-table query warns once more inside the client gathering.
-  auto who = asNobody({"-w", "alpha"}, {"-Q7_CHROOT"});
+  auto who = asNobody({"-w", "alpha"}, {});
   EXPECT_EQ(who.status, 0) << who.err;
   EXPECT_EQ(who.out, std::string(kWarning) + kWarning + "Heron table \"" + root + "/alpha\"\n" +
                          expectedHeader(root + "/alpha") + "Clients: None\n\n");
@@ -419,12 +423,14 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
         OwnMapping mapping(relay, false);
         // Lives 0.2 to 1.2 s: short, but long enough that a slow heron (a
         // sanitizer build on a loaded machine) still finds some alive when
-        // it reaches them, late in its walk of /proc.
+        // it reaches them, late in its walk of /proc. The lifetime is the
+        // churn under test, not a wait.
         ::usleep(static_cast<useconds_t>(200000 + (i * 7919) % 1000000));
         ::_exit(mapping.mapped() ? 0 : 1);
       }
       std::fprintf(pids, "%d\n", client);
       std::fflush(pids);
+      // The pace of the churn: one new client every few milliseconds.
       ::usleep(5000);
       while (::waitpid(-1, nullptr, WNOHANG) > 0) {
       }

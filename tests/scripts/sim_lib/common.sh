@@ -121,6 +121,12 @@ start_shadow() {
   wait_for_line "$log" "^shadow $SHADOW_PID attached to " 10 || fail "shadow of $1 did not attach: $(cat "$log")"
 }
 
+# writer_wrote NAME: true once the writer of table NAME has published a
+# record (heron's relay headers show a sequence above 0).
+writer_wrote() {
+  "$HERON" -s "$1" 2>/dev/null | matches $'^\tLatest writer sequence:[1-9]'
+}
+
 # stop_pid PID: SIGTERM and wait; its exit status.
 stop_pid() {
   kill -TERM "$1" 2>/dev/null || true

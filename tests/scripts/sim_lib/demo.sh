@@ -26,16 +26,21 @@ is_sim() {
   [[ -r /proc/$1/cmdline ]] && tr '\0' ' ' <"/proc/$1/cmdline" 2>/dev/null | matches 'heron-sim'
 }
 
+# none_runs PIDS...: true when none of them is a running heron-sim.
+none_runs() {
+  local pid
+  for pid in "$@"; do
+    is_sim "$pid" && return 1
+  done
+  return 0
+}
+
 # assert_all_gone PIDS...: within 3 s none of them runs any more.
 assert_all_gone() {
-  local pid i left
-  for ((i = 0; i < 60; i++)); do
-    left=""
-    for pid in "$@"; do
-      is_sim "$pid" && left="$left $pid"
-    done
-    [[ -z $left ]] && return 0
-    sleep 0.05
+  local pid left=""
+  wait_until 3 none_runs "$@" && return 0
+  for pid in "$@"; do
+    is_sim "$pid" && left="$left $pid"
   done
   fail "processes left behind:$left"
 }

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include "SharedMem/OwnerFile.h"
@@ -45,8 +46,9 @@ class ReportsTest : public ::testing::Test {
 
   void makeTable(const std::string& name, SharedMem::SharedMemType type = SharedMem::Table) {
     std::string dir = collection.path() + "/" + name;
-    std::string command = "mkdir -p '" + dir + "'";
-    ASSERT_EQ(std::system(command.c_str()), 0);
+    std::error_code made;
+    std::filesystem::create_directories(dir, made);
+    ASSERT_FALSE(made) << dir << ": " << made.message();
     std::string error;
     ASSERT_TRUE(SharedMem::OwnerFile::create(Mem::RootPath(dir), type, "HeronTable", SharedMem::EmberId{1, 0}, error))
         << error;

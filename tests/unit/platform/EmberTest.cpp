@@ -2,10 +2,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "Beacon/Platform.h"
 #include "SharedMem/Ember.h"
@@ -96,7 +98,12 @@ TEST(Ember, HeartbeatMovesForward) {
   ASSERT_TRUE(writer.open(error)) << error;
   EmberHeader before{};
   ASSERT_EQ(SharedMem::readEmber(table, before), LoadStatus::Ok);
-  ::usleep(2000);
+  // The heartbeat is the wall clock: wait until it has moved on from the
+  // start, however coarse it is here.
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (SharedMem::nowNs() <= before.heartbeatNs && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::yield();
+  }
   writer.heartbeat();
   EmberHeader after{};
   ASSERT_EQ(SharedMem::readEmber(table, after), LoadStatus::Ok);

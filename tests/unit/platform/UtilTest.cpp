@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -12,11 +13,13 @@
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "Beacon/Platform.h"
 #include "Beacon/Util.h"
 #include "Mem/VersionedRef.h"
 #include "Tock/Sequence.h"
+#include "support/Child.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -83,20 +86,17 @@ TEST_F(ReadPidCmdline, LongCmdlineIsReadWhole) {
 TEST_F(ReadPidCmdline, MissingPidIsEmpty) { EXPECT_EQ(read(999), ""); }
 
 TEST(ReadPidCmdlineLive, RealProcess) {
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::execl("/bin/sleep", "/bin/sleep", "30", static_cast<char*>(nullptr));
-    ::_exit(127);
+  // Killed by the end of the test, long before its 30 s are up.
+  HeronTest::Child sleeper({"/bin/sleep", "30"}, {});
+  ASSERT_TRUE(sleeper.started()) << sleeper.error();
+  // The child has executed sleep by now; the read is still polled, with a
+  // deadline, in case the kernel shows the new cmdline a little later.
+  std::string text = Beacon::Util::readPidCmdline(handler(), sleeper.pid());
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (text != "/bin/sleep 30" && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::yield();
+    text = Beacon::Util::readPidCmdline(handler(), sleeper.pid());
   }
-  // The cmdline changes from the test binary's to sleep's at exec.
-  std::string text;
-  for (int i = 0; i < 500 && text != "/bin/sleep 30"; ++i) {
-    ::usleep(2000);
-    text = Beacon::Util::readPidCmdline(handler(), child);
-  }
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
   EXPECT_EQ(text, "/bin/sleep 30");
 }
 
