@@ -431,6 +431,78 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
   output.write(text);
 }
 
+namespace {
+
+// The regions a scan prints, in id order: those attached and those refused
+// (all of them, or those asked for), and every id asked for that is neither.
+template <typename Regions>
+std::vector<std::uint32_t> scanOrder(const std::unordered_set<unsigned>& asked, const Regions& regions,
+                                     const std::vector<BadRegion>& bad) {
+  std::vector<std::uint32_t> ids;
+  for (const auto& entry : regions) {
+    if (asked.empty() || asked.count(entry.first) != 0) {
+      ids.push_back(entry.first);
+    }
+  }
+  for (const BadRegion& region : bad) {
+    if (asked.empty() || asked.count(region.id) != 0) {
+      ids.push_back(region.id);
+    }
+  }
+  for (unsigned id : asked) {
+    if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+      ids.push_back(id);
+    }
+  }
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+// One region's heading and its used entries (every entry with
+// `printEmpty`), from a consistent copy; a region that stayed inconsistent
+// says so instead.
+void appendRegionEntries(std::string& text, std::uint32_t id, const RegionScanner& region, RegionSnapshot& copy,
+                         bool printEmpty) {
+  auto out = std::back_inserter(text);
+  const RegionHeader& h = region.header();
+  region.snapshot(copy, kPreviewBytes, kCopyAttempts, printEmpty);
+  const std::uint32_t units = h.unitCount;
+  if (!copy.consistent) {
+    fmt::format_to(out, "Region {}: entry size {}, units {}: inconsistent after {} attempts; entries not shown\n", id,
+                   h.unitSize, units, copy.attempts);
+    return;
+  }
+  const RegionStats count = regionStatsOf(region, copy);
+  fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}{}\n", id, h.unitSize, units,
+                 count.used(), copy.generation, countMark(count));
+  fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
+  std::size_t next = 0;  // index into copy.used
+  for (std::uint32_t unit = 0; unit < units; ++unit) {
+    const bool used = next < copy.used.size() && copy.used[next] == unit;
+    if (!used && !printEmpty) {
+      // Jump to the next used unit.
+      if (next >= copy.used.size()) {
+        break;
+      }
+      unit = copy.used[next] - 1;
+      continue;
+    }
+    fmt::format_to(out, "  0x{:08x} {:>7} {:>7}  ", Offset::encode(id, unit), unit, h.unitSize);
+    // With printEmpty the previews cover every unit: a free one shows what
+    // its last entry left in memory.
+    const std::size_t at = copy.everyUnit ? unit : next;
+    appendPreview(text, copy.previews.data() + at * copy.previewBytes, copy.previewBytes);
+    if (used) {
+      ++next;
+    } else {
+      text += "  free";
+    }
+    text += '\n';
+  }
+}
+
+}  // namespace
+
 template <typename Scanner>
 void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>& regionIds, bool printEmpty) {
   if (regionIds.empty()) {
@@ -440,23 +512,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
     // mapping all of them can exhaust the address space.
     this->attachRegions(regionIds);
   }
-  std::vector<std::uint32_t> ids;
-  for (const auto& entry : this->regions_) {
-    if (regionIds.empty() || regionIds.count(entry.first) != 0) {
-      ids.push_back(entry.first);
-    }
-  }
-  for (const BadRegion& bad : this->badRegions_) {
-    if (regionIds.empty() || regionIds.count(bad.id) != 0) {
-      ids.push_back(bad.id);
-    }
-  }
-  for (unsigned id : regionIds) {
-    if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
-      ids.push_back(id);
-    }
-  }
-  std::sort(ids.begin(), ids.end());
+  const std::vector<std::uint32_t> ids = scanOrder(regionIds, this->regions_, this->badRegions_);
 
   Output output(outputFile_, outputError_);
   if (!this->listError_.empty()) {
@@ -486,43 +542,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
       output.write(text);
       continue;
     }
-    const RegionScanner& region = *found->second;
-    const RegionHeader& h = region.header();
-    region.snapshot(copy, kPreviewBytes, kCopyAttempts, printEmpty);
-    const std::uint32_t units = h.unitCount;
-    if (!copy.consistent) {
-      fmt::format_to(out, "Region {}: entry size {}, units {}: inconsistent after {} attempts; entries not shown\n", id,
-                     h.unitSize, units, copy.attempts);
-      output.write(text);
-      continue;
-    }
-    const RegionStats count = regionStatsOf(region, copy);
-    fmt::format_to(out, "Region {}: entry size {}, units {}, used {}, generation {}{}\n", id, h.unitSize, units,
-                   count.used(), copy.generation, countMark(count));
-    fmt::format_to(out, "  {:<10} {:>7} {:>7}  {}\n", "offset", "unit", "size", "preview");
-    std::size_t next = 0;  // index into copy.used
-    for (std::uint32_t unit = 0; unit < units; ++unit) {
-      const bool used = next < copy.used.size() && copy.used[next] == unit;
-      if (!used && !printEmpty) {
-        // Jump to the next used unit.
-        if (next >= copy.used.size()) {
-          break;
-        }
-        unit = copy.used[next] - 1;
-        continue;
-      }
-      fmt::format_to(out, "  0x{:08x} {:>7} {:>7}  ", Offset::encode(id, unit), unit, h.unitSize);
-      // With printEmpty the previews cover every unit: a free one shows what
-      // its last entry left in memory.
-      const std::size_t at = copy.everyUnit ? unit : next;
-      appendPreview(text, copy.previews.data() + at * copy.previewBytes, copy.previewBytes);
-      if (used) {
-        ++next;
-      } else {
-        text += "  free";
-      }
-      text += '\n';
-    }
+    appendRegionEntries(text, id, *found->second, copy, printEmpty);
     output.write(text);
   }
 }
