@@ -133,7 +133,8 @@ class CliDump : public CliTest {
   void SetUp() override {
     ASSERT_TRUE(root.create("tab"));
     table = root.file("tab");
-    ASSERT_TRUE(exists(table + "/quarry") && exists(table + "/relay.1")) << "heron-sim create made no quarry or relay.1 file";
+    ASSERT_TRUE(exists(table + "/quarry") && exists(table + "/relay.1"))
+        << "heron-sim create made no quarry or relay.1 file";
   }
   // The statistics section up to the region scanner's own part.
   std::string statisticsPrefix() const { return ownerBlock(table) + relayBlock(table); }

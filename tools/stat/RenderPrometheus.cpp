@@ -99,7 +99,8 @@ void renderStates(Exposition& out, const Sample& sample) {
 // writer series at all: it is meant to have none, so neither "up" nor
 // "down" applies.
 void renderWriters(Exposition& out, const Sample& sample) {
-  out.family("heron_writer_up", "gauge", "1 when the table's writer runs and maps the table (out of sight: beats), else 0.");
+  out.family("heron_writer_up", "gauge",
+             "1 when the table's writer runs and maps the table (out of sight: beats), else 0.");
   eachTable(sample, [&out](const Table& table, const Labels& labels) {
     if (!table.keptWithoutWriter()) {
       const Writer& writer = table.writer;

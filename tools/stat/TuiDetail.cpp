@@ -117,6 +117,7 @@ std::vector<Line> detailLines(const Table& table, std::size_t width) {
     text.push_back(fmt::format("{:<8}  {}", severityName(problem.severity), printable(problem.text)));
   }
   std::vector<Line> lines;
+  lines.reserve(text.size());
   for (std::string& line : text) {
     lines.push_back(Line{ellipsize(line, width), Tone::Plain});
   }

@@ -4,6 +4,7 @@
 #include <term.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -25,7 +26,8 @@ bool usable() {
     return false;
   }
   const char* move = ::tigetstr("cup");
-  const bool canMove = move != nullptr && move != reinterpret_cast<char*>(-1);
+  // (char*)-1 is terminfo's "cancelled capability".
+  const bool canMove = move != nullptr && reinterpret_cast<std::intptr_t>(move) != -1;
   ::del_curterm(cur_term);
   return canMove;
 }

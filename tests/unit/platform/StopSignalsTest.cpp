@@ -1,10 +1,10 @@
 // Beacon::StopSignals: stop signals are read from a descriptor, never acted
 // on by default; the mask is restored unless a stop asked to keep it.
-#include "Beacon/StopSignals.h"
-
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+
+#include "Beacon/StopSignals.h"
 
 namespace {
 

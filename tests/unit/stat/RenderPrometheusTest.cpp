@@ -112,8 +112,9 @@ TEST(StatRenderPrometheus, BrokenAndHalfReadTablesRenderWithTheOthers) {
 // default series stay one per table and entry size, whatever the ids.
 Stat::Table churnedTable(std::uint32_t firstId) {
   Stat::Table table = StatTest::healthyTable("churn");
-  table.allocator.regions = {
-      {firstId, 64, 100, 50, 1, true, {}}, {firstId + 1, 64, 100, 95, 0, true, {}}, {firstId + 2, 4096, 10, 1, 9, true, {}}};
+  table.allocator.regions = {{firstId, 64, 100, 50, 1, true, {}},
+                             {firstId + 1, 64, 100, 95, 0, true, {}},
+                             {firstId + 2, 4096, 10, 1, 9, true, {}}};
   return table;
 }
 
