@@ -11,6 +11,7 @@ packages=(
   psmisc lsof strace util-linux procps man-db
   prometheus tmux curl jq systemd
   gnuplot-nox
+  libarchive-dev libssl-dev
   qemu-user
 )
 

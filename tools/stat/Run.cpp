@@ -12,6 +12,8 @@
 #include <optional>
 
 #include "Beacon/Clock.h"
+#include "Bundle.h"
+#include "Capture.h"
 #include "Deadline.h"
 #include "Health.h"
 #include "Mem/RootPath.h"
@@ -191,6 +193,29 @@ int check(const Options& options, Emitter& emitter) {
   return written == Written::All ? verdict.status : (written == Written::Stopped ? 130 : 3);
 }
 
+// --from: the sample a bundle holds, in any mode.
+int fromBundle(const Options& options, Emitter& emitter) {
+  Sample sample;
+  std::string error;
+  if (!fromBundle(options.from, options.collect, options.thresholds, sample, error)) {
+    if (options.check) {
+      std::cout << "HERON UNKNOWN - " << error << std::endl;
+      return 3;
+    }
+    std::cerr << "heron-stat: " << error << std::endl;
+    return 1;
+  }
+  if (options.check) {
+    const Verdict verdict = renderCheck(sample, options.thresholds);
+    return emitter.emit(verdict.text) == Written::All ? verdict.status : 3;
+  }
+  const Written written = emitter.emit(render(options, sample));
+  if (written != Written::All) {
+    return written == Written::Stopped ? 130 : 1;
+  }
+  return sampleTrouble(sample).empty() ? 0 : 1;
+}
+
 }  // namespace
 
 int run(const Options& options) {
@@ -225,8 +250,14 @@ int run(const Options& options) {
         },
         std::cout, std::cerr);
   }
+  if (!options.capture.empty()) {
+    return capture(options);
+  }
   StopSignals signals;
   Emitter emitter(options, signals);
+  if (!options.from.empty()) {
+    return fromBundle(options, emitter);
+  }
   if (options.watch) {
     return watch(options, signals, emitter);
   }

@@ -158,6 +158,14 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   app.add_option("--timeout", options.timeout, "With --check: UNKNOWN when the sample takes longer than SECONDS")
       ->check(numberIn(0, 1e6, true, "a number of seconds above 0"))
       ->type_name("SECONDS");
+  auto* capture = app.add_option("--capture", options.capture,
+                                 "Write a bundle of the selected tables to FILE (tar; zstd when FILE ends in .zst), "
+                                 "for reading anywhere with --from");
+  capture->type_name("FILE")->check(notEmpty());
+  auto* from = app.add_option("--from", options.from, "Render the sample a bundle holds, as at its capture");
+  from->type_name("BUNDLE")->check(notEmpty());
+  capture->excludes(from)->excludes(json)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
+  from->excludes(listen);
   json->excludes(prometheus)->excludes(check)->excludes(listen);
   prometheus->excludes(check)->excludes(listen);
   check->excludes(listen);
@@ -171,6 +179,9 @@ std::string combinationError(const Stat::Options& options) {
   }
   if (options.watch && options.interval <= 0) {
     return "--watch needs an --interval above 0";
+  }
+  if ((!options.capture.empty() || !options.from.empty()) && (options.watch || options.collect.allRoots)) {
+    return "--capture and --from take one sample of the root's tables: no --watch or --all-roots";
   }
   if (options.noClients && options.collect.allRoots) {
     return "--all-roots needs the /proc walk that --no-clients skips";
