@@ -326,7 +326,7 @@ RootOverride::~RootOverride() {
   }
 }
 
-bool overlayLiveSample(const Json& live, Sample& copied, std::string& error) {
+bool overlayLiveSample(const Json& live, const std::string& copiedRoot, Sample& copied, std::string& error) {
   const auto tables = live.find("tables");
   if (!live.is_object() || tables == live.end() || !tables->is_array()) {
     error = "the sample has no table list";
@@ -345,6 +345,12 @@ bool overlayLiveSample(const Json& live, Sample& copied, std::string& error) {
     }
   }
   for (Table& table : copied.tables) {
+    for (std::string& line : table.fileErrors) {
+      for (std::size_t at = line.find(copiedRoot); at != std::string::npos; at = line.find(copiedRoot, at)) {
+        line.replace(at, copiedRoot.size(), copied.root);
+        at += copied.root.size();
+      }
+    }
     const auto found = byName.find(table.identity.name);
     if (found != byName.end()) {
       overlayTable(*found->second, table);
@@ -412,18 +418,9 @@ bool fromBundle(const std::string& path, const CollectOptions& options, const Th
     const RootOverride root(tables);
     sample = collect(offline);
   }
-  if (!overlayLiveSample(manifest["sample"], sample, error)) {
+  if (!overlayLiveSample(manifest["sample"], tables, sample, error)) {
     error = "cannot read the bundle " + printable(path) + ": " + error;
     return false;
-  }
-  // Readers' words name the private copy; the operator knows the root.
-  for (Table& table : sample.tables) {
-    for (std::string& line : table.fileErrors) {
-      for (std::size_t at = line.find(tables); at != std::string::npos; at = line.find(tables, at)) {
-        line.replace(at, tables.size(), sample.root);
-        at += sample.root.size();
-      }
-    }
   }
   if (sample.tables.empty() && !sample.expr.empty()) {
     sample.problems.clear();

@@ -56,8 +56,9 @@ class RootOverride {
 // the live sample `live` (a heron-stat JSON document) knew: the root and the
 // times, the tables' paths, writers' liveness and heartbeat ages, clients
 // and rates. Tables are matched by name. False with `error` set when `live`
-// is not such a document.
-bool overlayLiveSample(const nlohmann::json& live, Sample& copied, std::string& error);
+// is not such a document. The readers' words about files under
+// `copiedRoot` (where the copies are) name the live root instead.
+bool overlayLiveSample(const nlohmann::json& live, const std::string& copiedRoot, Sample& copied, std::string& error);
 
 // Reads the bundle at `path` (the archive itself): extracts its tables/
 // into `into` and returns the manifest, checked for a format version this

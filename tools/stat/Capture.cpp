@@ -138,7 +138,7 @@ bool copiedSample(const std::string& stagedRoot, const Sample& live, const Thres
     copied = collect(offline);
   }
   const nlohmann::json liveJson = nlohmann::json::parse(renderJson(live), nullptr, false);
-  if (!overlayLiveSample(liveJson, copied, error)) {
+  if (!overlayLiveSample(liveJson, stagedRoot, copied, error)) {
     return false;
   }
   copied.expr = live.expr;

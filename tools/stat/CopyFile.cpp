@@ -92,18 +92,20 @@ int createStaged(const std::string& path) {
   return ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
 }
 
-// A file copied once, as it is: owner and ember.
+// A file copied once, as it is: owner, ember, and a file too short for
+// its header.
+bool copyPlain(int in, int out, CopiedFile& file) {
+  if (!copyWhole(in, out)) {
+    return false;
+  }
+  file.size = file.stagedBytes = fileSize(out);
+  return true;
+}
+
 bool stagePlain(CopiedFile& file) {
   const FileHandle in(openTableFile(file.live));
   const FileHandle out(createStaged(file.staged));
-  if (!in.ok() || !out.ok()) {
-    return false;
-  }
-  if (!copyWhole(in.get(), out.get())) {
-    return false;
-  }
-  file.size = file.stagedBytes = fileSize(out.get());
-  return true;
+  return in.ok() && out.ok() && copyPlain(in.get(), out.get(), file);
 }
 
 // Copies `size` bytes of `view` into `into` until the generation word at
@@ -133,7 +135,7 @@ bool stageQuarry(CopiedFile& file) {
   }
   const HeaderView view(in.get(), sizeof(Quarry::QuarryHeader));
   if (!view.ok()) {
-    return stagePlain(file);
+    return copyPlain(in.get(), out.get(), file);
   }
   char copy[sizeof(Quarry::QuarryHeader)];
   const unsigned attempts = copyByGeneration(view, kQuarryGeneration, copy, sizeof copy, file.generation);
@@ -161,7 +163,7 @@ bool stageRegion(CopiedFile& file) {
     const HeaderView header(in.get(), sizeof(Quarry::RegionHeader));
     guarded = header.load32(kRegionDataOffset);
     if (!header.ok() || guarded < sizeof(Quarry::RegionHeader) || guarded > size) {
-      return stagePlain(file);
+      return copyPlain(in.get(), out.get(), file);
     }
   }
   const HeaderView view(in.get(), static_cast<std::size_t>(guarded));
@@ -270,6 +272,16 @@ bool makeDirs(const std::string& path) {
   return ::mkdir(path.c_str(), 0700) == 0 || errno == EEXIST;
 }
 
+// A file that could not be copied (gone since the listing) is left out of
+// the copies as well as of the bundle.
+void keep(bool staged, CopiedFile& file, std::vector<CopiedFile>& files) {
+  if (staged) {
+    files.push_back(std::move(file));
+  } else {
+    ::unlink(file.staged.c_str());
+  }
+}
+
 void stageTable(const Table& table, const std::string& stagedRoot, std::vector<CopiedFile>& files) {
   const std::string& dir = table.identity.path;
   const std::string staged = stagedRoot + "/" + table.identity.name;
@@ -282,31 +294,30 @@ void stageTable(const Table& table, const std::string& stagedRoot, std::vector<C
   };
   for (const char* name : {"owner", "ember"}) {
     CopiedFile copy = file(name);
-    if (exists(copy.live) && stagePlain(copy)) {
-      files.push_back(std::move(copy));
+    if (exists(copy.live)) {
+      keep(stagePlain(copy), copy, files);
     }
   }
   CopiedFile quarry = file(Quarry::kQuarryFileName);
-  if (exists(quarry.live) && stageQuarry(quarry)) {
-    files.push_back(std::move(quarry));
+  if (exists(quarry.live)) {
+    keep(stageQuarry(quarry), quarry, files);
   }
   for (std::uint32_t id : regionIds(dir)) {
     CopiedFile region = file(Quarry::kRegionFilePrefix + std::to_string(id));
-    if (stageRegion(region)) {
-      files.push_back(std::move(region));
-    }
+    keep(stageRegion(region), region, files);
   }
   CopiedFile primary = file("relay.1");
   CopiedFile secondary = file("relay.2");
-  if (exists(primary.live) && exists(secondary.live) && stageQueues(primary, secondary)) {
-    files.push_back(std::move(primary));
-    files.push_back(std::move(secondary));
-  } else {
-    // One queue file alone cannot be checked against the other: as it is.
-    for (CopiedFile* alone : {&primary, &secondary}) {
-      if (exists(alone->live) && stagePlain(*alone)) {
-        files.push_back(std::move(*alone));
-      }
+  if (exists(primary.live) && exists(secondary.live)) {
+    const bool staged = stageQueues(primary, secondary);
+    keep(staged, primary, files);
+    keep(staged, secondary, files);
+    return;
+  }
+  // One queue file alone cannot be checked against the other: as it is.
+  for (CopiedFile* alone : {&primary, &secondary}) {
+    if (exists(alone->live)) {
+      keep(stagePlain(*alone), *alone, files);
     }
   }
 }

@@ -186,6 +186,7 @@ TEST(BundleOverlay, TakesLivenessClientsAndRatesFromTheSample) {
   table.identity.path = "/tmp/private/tables/orders";
   table.writer.alive = Stat::Seen::Unknown;
   table.queues.ratePerSecond.reset();
+  table.fileErrors = {"/tmp/private/tables/orders/region.9: file is 0 bytes"};
   const Json live = Json::parse(R"({
     "time": 1700000200.5, "root": "/dev/shm/heron", "interval_seconds": 1, "clients_known": true,
     "tables": [{"name": "orders", "path": "/dev/shm/heron/orders",
@@ -195,10 +196,11 @@ TEST(BundleOverlay, TakesLivenessClientsAndRatesFromTheSample) {
       "queues": {"rate_per_second": 1234.5, "seconds_to_switch": 3},
       "allocator": {"allocations_per_second": 10, "releases_per_second": null}}]})");
   std::string error;
-  ASSERT_TRUE(Stat::overlayLiveSample(live, copied, error)) << error;
+  ASSERT_TRUE(Stat::overlayLiveSample(live, "/tmp/private/tables", copied, error)) << error;
   EXPECT_EQ(copied.root, "/dev/shm/heron");
   EXPECT_DOUBLE_EQ(copied.timeSeconds, 1700000200.5);
   EXPECT_EQ(table.identity.path, "/dev/shm/heron/orders");
+  EXPECT_EQ(table.fileErrors, (std::vector<std::string>{"/dev/shm/heron/orders/region.9: file is 0 bytes"}));
   EXPECT_EQ(table.writer.hostPid, 900U);
   EXPECT_EQ(table.writer.liveness, Stat::Liveness::Heartbeat);
   EXPECT_EQ(table.writer.alive, Stat::Seen::No);
@@ -209,8 +211,8 @@ TEST(BundleOverlay, TakesLivenessClientsAndRatesFromTheSample) {
   EXPECT_DOUBLE_EQ(*table.allocator.allocationsPerSecond, 10);
   EXPECT_FALSE(table.allocator.releasesPerSecond.has_value());
 
-  EXPECT_FALSE(Stat::overlayLiveSample(Json::parse(R"({"tables": 3})"), copied, error));
-  EXPECT_FALSE(Stat::overlayLiveSample(Json::parse("[1, 2]"), copied, error));
+  EXPECT_FALSE(Stat::overlayLiveSample(Json::parse(R"({"tables": 3})"), "/x", copied, error));
+  EXPECT_FALSE(Stat::overlayLiveSample(Json::parse("[1, 2]"), "/x", copied, error));
 }
 
 }  // namespace
