@@ -62,6 +62,19 @@ status=0
 [[ $status == 2 ]] && matches '^HERON CRITICAL - 1 of 2 tables dead: md/eu/quotes' "$WORK/mode.out" ||
   fail "--from --check: status $status, $(cat "$WORK/mode.out")"
 
+# --diff of two bundles: the advance is the difference of their sequences.
+sequence_of() { tar -xOf "$1" manifest.json | jq '.sample.tables[] | select(.name == "orders") | .queues.sequence'; }
+first=$WORK/capture.1.tar
+"$STAT" --diff "$first" "$bundle" --json >"$WORK/diff.json" || fail "--diff failed"
+expected=$(($(sequence_of "$bundle") - $(sequence_of "$first")))
+jq -e --argjson n "$expected" '.tables[] | select(.name == "orders") | .queues.advance == $n and .queues.rate_per_second > 0
+  and .writer_changed == false' "$WORK/diff.json" >/dev/null || fail "--diff advance is not $expected: $(cat "$WORK/diff.json")"
+"$STAT" --diff "$first" "$bundle" >"$WORK/diff.txt" || fail "--diff text failed"
+matches -x 'md/eu/quotes  dead, no change' "$WORK/diff.txt" || fail "--diff of the quiet table: $(cat "$WORK/diff.txt")"
+"$STAT" --diff "$bundle" - >"$WORK/diff.txt" || fail "--diff against the live root failed"
+matches -E "^  sequence $(sequence_of "$bundle") -> [0-9]+ \\(\\+[1-9]" "$WORK/diff.txt" ||
+  fail "--diff against the live root: $(cat "$WORK/diff.txt")"
+
 # Read-only toward the tables, whatever runs meanwhile.
 if command -v strace >/dev/null; then
   strace -f -e trace=open,openat,creat,truncate -o "$WORK/strace.log" "$STAT" --capture "$WORK/traced.tar" -i 0 \
@@ -95,6 +108,9 @@ for cut in 100 $((size / 2)) $((size - 1500)); do
   [[ $status == 1 && $(wc -l <"$WORK/err") == 1 && ! -s $WORK/out ]] ||
     fail "a bundle cut at $cut: status $status, $(cat "$WORK/err")"
 done
+status=0
+"$STAT" --diff "$WORK/cut.tar" - 2>"$WORK/err" || status=$?
+[[ $status == 1 && $(wc -l <"$WORK/err") == 1 ]] || fail "--diff of a cut bundle: status $status"
 status=0
 "$STAT" --from "$WORK/no-such.tar" 2>"$WORK/err" || status=$?
 [[ $status == 1 ]] || fail "a missing bundle: status $status"

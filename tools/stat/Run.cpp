@@ -15,6 +15,7 @@
 #include "Bundle.h"
 #include "Capture.h"
 #include "Deadline.h"
+#include "Diff.h"
 #include "Health.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
@@ -252,6 +253,9 @@ int run(const Options& options) {
   }
   if (!options.capture.empty()) {
     return capture(options);
+  }
+  if (!options.diff.empty()) {
+    return diff(options);
   }
   StopSignals signals;
   Emitter emitter(options, signals);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Collect.h"
 
@@ -16,11 +17,12 @@ struct Options {
   bool prometheus = false;
   bool check = false;
   bool noClients = false;
-  double timeout = 0;   // --check: seconds a sample may take; 0: no limit
-  std::string listen;   // ADDR:PORT
-  std::string output;   // -o FILE
-  std::string capture;  // --capture FILE: write a bundle
-  std::string from;     // --from BUNDLE: render the sample a bundle holds
+  double timeout = 0;             // --check: seconds a sample may take; 0: no limit
+  std::string listen;             // ADDR:PORT
+  std::string output;             // -o FILE
+  std::string capture;            // --capture FILE: write a bundle
+  std::string from;               // --from BUNDLE: render the sample a bundle holds
+  std::vector<std::string> diff;  // --diff OLD NEW: two bundles, NEW "-" for live
 };
 
 // Runs the command the options describe; returns the exit status.

@@ -164,6 +164,11 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   capture->type_name("FILE")->check(notEmpty());
   auto* from = app.add_option("--from", options.from, "Render the sample a bundle holds, as at its capture");
   from->type_name("BUNDLE")->check(notEmpty());
+  auto* diff = app.add_option("--diff", options.diff,
+                              "What changed between two bundles, per table (NEW - for the live root); text or --json")
+                   ->expected(2)
+                   ->type_name("OLD NEW");
+  diff->excludes(capture)->excludes(from)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
   capture->excludes(from)->excludes(json)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
   from->excludes(listen);
   json->excludes(prometheus)->excludes(check)->excludes(listen);
@@ -180,8 +185,9 @@ std::string combinationError(const Stat::Options& options) {
   if (options.watch && options.interval <= 0) {
     return "--watch needs an --interval above 0";
   }
-  if ((!options.capture.empty() || !options.from.empty()) && (options.watch || options.collect.allRoots)) {
-    return "--capture and --from take one sample of the root's tables: no --watch or --all-roots";
+  if ((!options.capture.empty() || !options.from.empty() || !options.diff.empty()) &&
+      (options.watch || options.collect.allRoots)) {
+    return "--capture, --from and --diff take one sample of the root's tables: no --watch or --all-roots";
   }
   if (options.noClients && options.collect.allRoots) {
     return "--all-roots needs the /proc walk that --no-clients skips";
