@@ -60,6 +60,11 @@ class RootOverride {
 // `copiedRoot` (where the copies are) name the live root instead.
 bool overlayLiveSample(const nlohmann::json& live, const std::string& copiedRoot, Sample& copied, std::string& error);
 
+// A whole Sample from a heron-stat JSON document (a recorded one), ready
+// for assess(): a broken table's reasons become its file errors again.
+// False with `error` when it is not such a document.
+bool sampleFromJson(const std::string& text, const Thresholds& thresholds, Sample& sample, std::string& error);
+
 // Reads the bundle at `path` (the archive itself): extracts its tables/
 // into `into` and returns the manifest, checked for a format version this
 // reader knows. False with `error` (one line) for a damaged, truncated or

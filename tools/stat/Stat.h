@@ -1,6 +1,7 @@
 // heron-stat's settings, as the command line gives them, and its main loop.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@ struct Options {
   std::string capture;            // --capture FILE: write a bundle
   std::string from;               // --from BUNDLE: render the sample a bundle holds
   std::vector<std::string> diff;  // --diff OLD NEW: two bundles, NEW "-" for live
+  std::string record;             // --record DIR: the flight recorder
+  std::uint64_t recordMaxBytes = 64ULL << 20;
+  std::string at;  // --from DIR --at TIME: the recorded sample nearest TIME
 };
 
 // Runs the command the options describe; returns the exit status.

@@ -169,6 +169,21 @@ void addOptions(CLI::App& app, Stat::Options& options) {
                    ->expected(2)
                    ->type_name("OLD NEW");
   diff->excludes(capture)->excludes(from)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
+  auto* record = app.add_option("--record", options.record,
+                                "Append one sample per --interval to compressed NDJSON files in DIR, oldest removed "
+                                "beyond --record-max-bytes");
+  record->type_name("DIR")->check(notEmpty());
+  app.add_option("--record-max-bytes", options.recordMaxBytes, "What --record's files may take in all")
+      ->type_name("BYTES")
+      ->check(CLI::Range(std::uint64_t{4096}, std::uint64_t{1} << 50))
+      ->capture_default_str();
+  app.add_option("--at", options.at,
+                 "With --from DIR: the recorded sample nearest TIME (epoch seconds or UTC "
+                 "'YYYY-MM-DD HH:MM:SS'); default the latest")
+      ->type_name("TIME")
+      ->check(notEmpty());
+  record->excludes(capture)->excludes(from)->excludes(diff)->excludes(json)->excludes(prometheus)->excludes(check);
+  record->excludes(listen)->excludes(output);
   capture->excludes(from)->excludes(json)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
   from->excludes(listen);
   json->excludes(prometheus)->excludes(check)->excludes(listen);
@@ -188,6 +203,12 @@ std::string combinationError(const Stat::Options& options) {
   if ((!options.capture.empty() || !options.from.empty() || !options.diff.empty()) &&
       (options.watch || options.collect.allRoots)) {
     return "--capture, --from and --diff take one sample of the root's tables: no --watch or --all-roots";
+  }
+  if (!options.record.empty() && (options.interval <= 0 || options.watch)) {
+    return "--record needs an --interval above 0, and no --watch";
+  }
+  if (!options.at.empty() && options.from.empty()) {
+    return "--at is for --from DIR";
   }
   if (options.noClients && options.collect.allRoots) {
     return "--all-roots needs the /proc walk that --no-clients skips";
