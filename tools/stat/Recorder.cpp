@@ -227,9 +227,11 @@ bool Recorder::append(const std::string& line, double timeSeconds, std::string& 
       currentBytes_ += frame.size();
       return true;
     }
-    error = current_ + ": " + (wrote < 0 ? std::strerror(errno) : "short write");
+    // A short write is the disk filling up: the next one says ENOSPC.
+    const int why = wrote < 0 ? errno : ENOSPC;
+    error = current_ + ": " + std::strerror(why);
     // A part of a frame would make the rest of the file unreadable.
-    if (::ftruncate(fd_, static_cast<off_t>(currentBytes_)) != 0 || errno != ENOSPC) {
+    if (::ftruncate(fd_, static_cast<off_t>(currentBytes_)) != 0 || why != ENOSPC) {
       break;
     }
     // A full disk: the oldest recordings make room for the newest.
