@@ -16,9 +16,9 @@ root=$(cd "$HERON_ROOT" && pwd -P)
 quiet_sums() { (cd "$root/md/eu/quotes" && sha256sum -- *); }
 quiet_before=$(quiet_sums)
 
-# check_bundle BUNDLE: the bundle against its own manifest and heron.
-check_bundle() {
-  local bundle=$1 out=$WORK/x
+# check_bundle_of TABLE BUNDLE: the bundle against its own manifest and heron.
+check_bundle_of() {
+  local table=$1 bundle=$2 out=$WORK/x
   rm -rf "$out" && mkdir "$out"
   tar -xf "$bundle" -C "$out" || fail "tar cannot extract $bundle"
   jq -e '.format_version == 1 and (.capture.end >= .capture.start) and (.host | length > 0)' \
@@ -30,18 +30,19 @@ check_bundle() {
   jq -r '.files[] | "\(.sha256)  \(.path)"' "$out/manifest.json" >"$WORK/sums"
   (cd "$out" && sha256sum --quiet -c "$WORK/sums") || fail "manifest sums differ from $bundle's files"
   local report
-  report=$(HERON_ROOT=$out/tables "$HERON" -q -e orders) || fail "heron -q -e on the copy failed: $report"
+  report=$(HERON_ROOT=$out/tables "$HERON" -q -e "$table") || fail "heron -q -e on the copy failed: $report"
   matches -x 'Restarted 0 times' <<<"$report" || fail "the copied queue needed restarts: $(tail -2 <<<"$report")"
   local copied manifest
-  copied=$(HERON_ROOT=$out/tables "$HERON" -s orders | sed -n 's/^\tLatest writer sequence:\([0-9]*\)$/\1/p')
-  manifest=$(jq '.sample.tables[] | select(.name == "orders") | .queues.sequence' "$out/manifest.json")
+  copied=$(HERON_ROOT=$out/tables "$HERON" -s "$table" | sed -n 's/^\tLatest writer sequence:\([0-9]*\)$/\1/p')
+  manifest=$(jq --arg t "$table" '.sample.tables[] | select(.name == $t) | .queues.sequence' "$out/manifest.json")
   [[ -n $copied && $copied == "$manifest" ]] || fail "manifest sequence $manifest, copied queue $copied"
-  jq -e '.tables[] | select(.name == "orders") | .processes[] | select(.maps | length > 0) | .command |
-    test("heron-sim write orders")' "$out/manifest.json" >/dev/null || fail "the writer is not among the processes"
+  jq -e --arg t "$table" '.tables[] | select(.name == $t) | .processes[] | select(.maps | length > 0) | .command |
+    test("heron-sim write " + $t)' "$out/manifest.json" >/dev/null || fail "the writer is not among the processes"
   # --from renders the very sample the manifest holds.
   diff <("$STAT" --from "$bundle" --json | jq -S .) <(jq -S .sample "$out/manifest.json") >"$WORK/from.diff" ||
     fail "--from differs from the manifest's sample: $(head -20 "$WORK/from.diff")"
 }
+check_bundle() { check_bundle_of orders "$1"; }
 
 for ((round = 1; round <= ROUNDS; round++)); do
   bundle=$WORK/capture.$round.tar
@@ -74,6 +75,28 @@ matches -x 'md/eu/quotes  dead, no change' "$WORK/diff.txt" || fail "--diff of t
 "$STAT" --diff "$bundle" - >"$WORK/diff.txt" || fail "--diff against the live root failed"
 matches -E "^  sequence $(sequence_of "$bundle") -> [0-9]+ \\(\\+[1-9]" "$WORK/diff.txt" ||
   fail "--diff against the live root: $(cat "$WORK/diff.txt")"
+
+# Elsewhere, later: another root, and the writer gone since; the bundle
+# still says what was.
+"$STAT" --from "$bundle" --json | jq -S . >"$WORK/here.json"
+stop_pid "$WRITER_PID" || true
+HERON_ROOT=/nonexistent/root "$STAT" --from "$bundle" --json | jq -S . >"$WORK/elsewhere.json" ||
+  fail "--from under another root failed"
+diff "$WORK/here.json" "$WORK/elsewhere.json" >/dev/null || fail "--from depends on the live root or writer"
+start_writer orders --flat-out --region-every 5000
+
+# A 32-bit writer's table reads the same (needs the 32-bit build).
+M32=${HERON_M32_BIN:-${HERON_SOURCE:-$(cd "$(dirname "$0")/../.." && pwd)}/build-m32/bin}
+if [[ -x $M32/heron-sim ]]; then
+  "$M32/heron-sim" create narrow >/dev/null
+  "$M32/heron-sim" write narrow --rate 5000 >"$WORK/narrow.log" 2>&1 &
+  STARTED+=($!)
+  wait_for_line "$WORK/narrow.log" '^writer .* attached' 10 || fail "the 32-bit writer did not attach"
+  "$STAT" --capture "$WORK/narrow.tar" -i 0.1 narrow 2>"$WORK/capture.err" || fail "$(cat "$WORK/capture.err")"
+  check_bundle_of narrow "$WORK/narrow.tar"
+else
+  echo "no 32-bit build at $M32: the 32-bit writer's case is skipped"
+fi
 
 # Read-only toward the tables, whatever runs meanwhile.
 if command -v strace >/dev/null; then
