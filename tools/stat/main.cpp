@@ -27,6 +27,9 @@ constexpr const char* kExamples = R"(Examples:
   heron-stat --listen 127.0.0.1:9464 serve /metrics and /healthz
   heron-stat --check --stale 10      a verdict for Nagios or Icinga
   heron-stat --check --timeout 5 --exclude 'scratch/*'
+  heron-stat --capture incident.tar.zst    a bundle of every table, read anywhere with --from
+  heron-stat --diff incident.tar.zst -     what moved since the capture
+  heron-stat --record /var/lib/heron-stat -i 10   the flight recorder
 
 States, worst first: broken (a file is missing or invalid), dead (the
 writer is gone or no longer maps the table), stale (its heartbeat is older
@@ -162,7 +165,9 @@ void addOptions(CLI::App& app, Stat::Options& options) {
                                  "Write a bundle of the selected tables to FILE (tar; zstd when FILE ends in .zst), "
                                  "for reading anywhere with --from");
   capture->type_name("FILE")->check(notEmpty());
-  auto* from = app.add_option("--from", options.from, "Render the sample a bundle holds, as at its capture");
+  auto* from =
+      app.add_option("--from", options.from,
+                     "Render the sample a bundle holds, as at its capture; or one a --record DIR holds (--at)");
   from->type_name("BUNDLE")->check(notEmpty());
   auto* diff = app.add_option("--diff", options.diff,
                               "What changed between two bundles, per table (NEW - for the live root); text or --json")
@@ -175,7 +180,7 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   record->type_name("DIR")->check(notEmpty());
   app.add_option("--record-max-bytes", options.recordMaxBytes, "What --record's files may take in all")
       ->type_name("BYTES")
-      ->check(CLI::Range(std::uint64_t{4096}, std::uint64_t{1} << 50))
+      ->check(numberIn(4096, 1e15, false, "a number of bytes from 4096"))
       ->capture_default_str();
   app.add_option("--at", options.at,
                  "With --from DIR: the recorded sample nearest TIME (epoch seconds or UTC "
