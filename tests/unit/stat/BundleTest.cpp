@@ -17,6 +17,7 @@
 
 #include "Bundle.h"
 #include "SampleFixture.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -75,13 +76,10 @@ std::vector<Entry> goodEntries() {
 class BundleTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/heron-bundle-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    dir_ = name;
+    ASSERT_FALSE(dir_.empty());
     into_ = dir_ + "/into";
     ASSERT_EQ(::mkdir(into_.c_str(), 0700), 0);
   }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
 
   // Writes `bytes` as a bundle and reads it into a fresh directory.
   bool read(const std::string& bytes, Json& manifest, std::string& error) {
@@ -93,7 +91,8 @@ class BundleTest : public ::testing::Test {
     return Stat::readBundle(path, into, manifest, error);
   }
 
-  std::string dir_;
+  StatTest::TempDir temp_{"heron-bundle-test"};
+  const std::string dir_ = temp_.path();
   std::string into_;
 };
 

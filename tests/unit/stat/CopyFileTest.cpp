@@ -11,18 +11,16 @@
 
 #include "CopyFile.h"
 #include "Quarry/QuarryFormat.h"
+#include "TempDir.h"
 
 namespace {
 
 class CopyFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/heron-copy-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    dir_ = name;
+    ASSERT_FALSE(dir_.empty());
     ASSERT_EQ(std::system(("mkdir -p '" + dir_ + "/live/t' '" + dir_ + "/staged'").c_str()), 0);
   }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
 
   void write(const std::string& name, const std::string& bytes) {
     std::ofstream(dir_ + "/live/t/" + name, std::ios::binary) << bytes;
@@ -39,7 +37,8 @@ class CopyFileTest : public ::testing::Test {
     return files;
   }
 
-  std::string dir_;
+  StatTest::TempDir temp_{"heron-copy-test"};
+  const std::string dir_ = temp_.path();
 };
 
 std::string quarryWithGeneration(std::uint64_t generation) {

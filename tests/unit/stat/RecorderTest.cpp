@@ -13,17 +13,13 @@
 #include "Recorder.h"
 #include "Render.h"
 #include "SampleFixture.h"
+#include "TempDir.h"
 
 namespace {
 
 class RecorderTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/heron-recorder-test.XXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    dir_ = name;
-  }
-  void TearDown() override { ASSERT_EQ(std::system(("rm -rf '" + dir_ + "'").c_str()), 0); }
+  void SetUp() override { ASSERT_FALSE(dir_.empty()); }
 
   static std::string line(double time) {
     Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("orders")});
@@ -39,7 +35,8 @@ class RecorderTest : public ::testing::Test {
     return bytes;
   }
 
-  std::string dir_;
+  StatTest::TempDir temp_{"heron-recorder-test"};
+  const std::string dir_ = temp_.path();
 };
 
 TEST_F(RecorderTest, StaysWithinItsBudgetAcrossRestartsOldestFirst) {
