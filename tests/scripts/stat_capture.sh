@@ -134,6 +134,20 @@ done
 status=0
 "$STAT" --diff "$WORK/cut.tar" - 2>"$WORK/err" || status=$?
 [[ $status == 1 && $(wc -l <"$WORK/err") == 1 ]] || fail "--diff of a cut bundle: status $status"
+# Damage inside the copied files (tar still reads them): the readers of the
+# copies say what is wrong, nothing crashes.
+RANDOM=20261125
+for ((i = 0; i < ${HERON_CAPTURE_DAMAGE:-25}; i++)); do
+  cp "$WORK/capture.1.tar" "$WORK/damaged.tar"
+  for ((j = 0; j < 8; j++)); do
+    offset=$(((RANDOM * 32768 + RANDOM) % size))
+    printf "\\x$(printf %02x $((RANDOM % 256)))" | dd of="$WORK/damaged.tar" bs=1 seek="$offset" conv=notrunc 2>/dev/null
+  done
+  status=0
+  "$STAT" --from "$WORK/damaged.tar" --json >/dev/null 2>"$WORK/err" || status=$?
+  ((status <= 1)) || fail "--from a damaged bundle ended with status $status: $(head -2 "$WORK/err")"
+done
+
 status=0
 "$STAT" --from "$WORK/no-such.tar" 2>"$WORK/err" || status=$?
 [[ $status == 1 ]] || fail "a missing bundle: status $status"
