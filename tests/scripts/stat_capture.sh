@@ -98,6 +98,14 @@ else
   echo "no 32-bit build at $M32: the 32-bit writer's case is skipped"
 fi
 
+# Several EXPRs: each table once; one that matches nothing is said.
+"$STAT" --capture "$WORK/some.tar" -i 0 orders 'md/*' orders nomatch 2>"$WORK/capture.err" ||
+  fail "capture of several EXPRs: $(cat "$WORK/capture.err")"
+[[ $(tar -xOf "$WORK/some.tar" manifest.json | jq -c '[.sample.tables[].name]') == '["md/eu/quotes","orders"]' ]] ||
+  fail "several EXPRs captured: $(tar -xOf "$WORK/some.tar" manifest.json | jq -c '[.sample.tables[].name]')"
+"$STAT" --from "$WORK/some.tar" >"$WORK/some.txt" || true
+matches '^warning   no table matches nomatch under ' "$WORK/some.txt" || fail "the unmatched EXPR: $(cat "$WORK/some.txt")"
+
 # Read-only toward the tables, whatever runs meanwhile.
 if command -v strace >/dev/null; then
   strace -f -e trace=open,openat,creat,truncate -o "$WORK/strace.log" "$STAT" --capture "$WORK/traced.tar" -i 0 \

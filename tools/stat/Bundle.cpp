@@ -455,6 +455,8 @@ bool overlayLiveSample(const Json& live, const std::string& copiedRoot, Sample& 
   copied.durationSeconds = number(live, "sample_duration_seconds", 0);
   copied.clientsKnown = live.value("clients_known", false);
   copied.clientsWalked = copied.clientsKnown;
+  // About the collection as sampled (an EXPR that matched nothing).
+  copied.problems = problemsOf(live);
   std::unordered_map<std::string, const Json*> byName;
   for (const Json& table : *tables) {
     if (table.is_object()) {

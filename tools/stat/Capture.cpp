@@ -9,6 +9,8 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <openssl/evp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -57,12 +59,45 @@ void sleepUntil(double monotonic) {
   }
 }
 
+// One sample of the tables every EXPR selects (each table once); an EXPR
+// that matches nothing is said as for one.
+Sample collectAll(const Options& options) {
+  if (options.exprs.size() <= 1) {
+    return collect(options.collect);
+  }
+  Sample all;
+  std::vector<std::string> paths;
+  for (std::size_t i = 0; i < options.exprs.size(); ++i) {
+    CollectOptions one = options.collect;
+    one.expr = options.exprs[i];
+    Sample part = collect(one);
+    std::vector<Table> tables = std::move(part.tables);
+    std::vector<Problem> problems = std::move(part.problems);
+    if (i == 0) {
+      all = std::move(part);
+      all.tables.clear();
+      all.problems.clear();
+      all.expr = fmt::format("{}", fmt::join(options.exprs, " "));
+    }
+    for (Table& table : tables) {
+      if (std::find(paths.begin(), paths.end(), table.identity.path) == paths.end()) {
+        paths.push_back(table.identity.path);
+        all.tables.push_back(std::move(table));
+      }
+    }
+    all.problems.insert(all.problems.end(), problems.begin(), problems.end());
+  }
+  std::sort(all.tables.begin(), all.tables.end(),
+            [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
+  return all;
+}
+
 // The live sample: with an interval, rates from a second one.
 Sample liveSample(const Options& options) {
-  Sample sample = collect(options.collect);
+  Sample sample = collectAll(options);
   if (options.interval > 0 && sampleTrouble(sample).empty()) {
     sleepUntil(sample.monotonicSeconds + options.interval);
-    Sample later = collect(options.collect);
+    Sample later = collectAll(options);
     deriveRates(sample, later);
     sample = std::move(later);
   }

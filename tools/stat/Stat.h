@@ -10,7 +10,8 @@
 namespace Stat {
 
 struct Options {
-  CollectOptions collect;
+  CollectOptions collect;          // its expr: the first of exprs
+  std::vector<std::string> exprs;  // EXPR...: several for --capture only
   Thresholds thresholds;
   double interval = 1;  // seconds; 0: one sample, no rates
   bool watch = false;

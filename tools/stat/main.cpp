@@ -112,8 +112,9 @@ bool asksForCheck(int argc, char** argv) {
 }
 
 void addOptions(CLI::App& app, Stat::Options& options) {
-  app.add_option("EXPR", options.collect.expr,
-                 "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix");
+  app.add_option("EXPR", options.exprs,
+                 "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix; "
+                 "--capture takes several");
   app.add_option("--exclude", options.collect.exclude,
                  "Leave out the tables whose name matches GLOB (* may cross /); may be repeated")
       ->type_name("GLOB")
@@ -209,6 +210,9 @@ std::string combinationError(const Stat::Options& options) {
       (options.watch || options.collect.allRoots)) {
     return "--capture, --from and --diff take one sample of the root's tables: no --watch or --all-roots";
   }
+  if (options.exprs.size() > 1 && options.capture.empty()) {
+    return "one EXPR only (--capture takes several): '" + options.exprs[1] + "' is one too many";
+  }
   if (!options.record.empty() && (options.interval <= 0 || options.watch)) {
     return "--record needs an --interval above 0, and no --watch";
   }
@@ -255,6 +259,7 @@ int statMain(int argc, char** argv) {
     return usageError(wrong, checkMode);
   }
   options.collect.walkProcesses = !options.noClients;
+  options.collect.expr = options.exprs.empty() ? std::string() : options.exprs.front();
   return Stat::run(options);
 }
 
