@@ -26,7 +26,7 @@ _heron_stat() {
   local cur=${COMP_WORDS[COMP_CWORD]}
   local prev=${COMP_WORDS[COMP_CWORD-1]}
   case $prev in
-    -o|--output)
+    -o|--output|--capture|--from|--diff|--record)
       COMPREPLY=($(compgen -f -- "$cur"))
       return
       ;;
@@ -51,7 +51,8 @@ _heron_stat() {
   esac
   if [[ $cur == -* ]]; then
     COMPREPLY=($(compgen -W "--all-roots --no-clients --exclude --per-region -i --interval --watch --json --prometheus
-      -o --output --listen --check --timeout --stale --warn-alloc --crit-alloc --version -h --help" -- "$cur"))
+      -o --output --listen --check --timeout --stale --warn-alloc --crit-alloc --capture --from --at --diff --record
+      --record-max-bytes --version -h --help" -- "$cur"))
     return
   fi
   if _heron_stat_load_tables; then

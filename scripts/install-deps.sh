@@ -13,6 +13,7 @@ packages=(
   prometheus tmux curl jq python3-jsonschema systemd
   gnuplot-nox
   libncurses-dev
+  libarchive-dev libssl-dev
   qemu-user
 )
 

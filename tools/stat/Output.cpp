@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <vector>
 
 #include "ReportOutput.h"
@@ -103,6 +104,11 @@ std::string directoryOf(const std::string& path) {
 }  // namespace
 
 bool replaceFile(const std::string& path, const std::string& text, std::string& error) {
+  return replaceFileBy(
+      path, [&text](int fd, std::string& why) { return writeAll(fd, text, why); }, error);
+}
+
+bool replaceFileBy(const std::string& path, const std::function<bool(int, std::string&)>& write, std::string& error) {
   const std::size_t slash = path.rfind('/');
   const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
   std::string temporary = directoryOf(path) + "/." + base + ".tmp.XXXXXX";
@@ -114,7 +120,7 @@ bool replaceFile(const std::string& path, const std::string& text, std::string& 
     return false;
   }
   temporary = name.data();
-  bool ok = writeAll(fd, text, error);
+  bool ok = write(fd, error);
   if (ok && ::fchmod(fd, 0644) != 0) {
     error = std::strerror(errno);
     ok = false;

@@ -3,6 +3,7 @@
 // never sees half of it.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace Stat {
@@ -28,6 +29,9 @@ Written writeUnlessStopped(int fd, const std::string& text, int stopFd, std::str
 // `path`, unless `path` has become something other than a regular file. The
 // temporary is removed on failure.
 bool replaceFile(const std::string& path, const std::string& text, std::string& error);
+// The same with the content written by `write` into the temporary's
+// descriptor (false with its own error to leave `path` as it was).
+bool replaceFileBy(const std::string& path, const std::function<bool(int, std::string&)>& write, std::string& error);
 
 // `path` made absolute, with the symbolic links of its longest existing
 // prefix resolved and ".", ".." and repeated slashes in the rest taken out

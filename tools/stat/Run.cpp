@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -13,10 +14,14 @@
 
 #include "Beacon/Clock.h"
 #include "Beacon/StopSignals.h"
+#include "Bundle.h"
+#include "Capture.h"
 #include "Deadline.h"
+#include "Diff.h"
 #include "Health.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
+#include "Recorder.h"
 #include "Render.h"
 #include "ScrapeRates.h"
 #include "Server.h"
@@ -147,6 +152,82 @@ int check(const Options& options, Emitter& emitter) {
   return written == Written::All ? verdict.status : (written == Written::Stopped ? 130 : 3);
 }
 
+// --record: one sample per interval into the recorder's files, until a
+// stop signal; a sample that cannot be written is said and the next tried.
+int record(const Options& options, StopSignals& signals) {
+  if (insideRoot(options.record, Mem::OrbRootPath::collectionRoot())) {
+    std::cerr << "heron-stat: refusing to record into " << printable(options.record)
+              << " inside the collection root (see heron-stat --help)" << std::endl;
+    return 2;
+  }
+  Recorder recorder(options.record, options.recordMaxBytes);
+  std::string error;
+  if (!recorder.open(error)) {
+    std::cerr << "heron-stat: cannot record: " << printable(error) << std::endl;
+    return 1;
+  }
+  Sample previous;
+  bool first = true;
+  bool failing = false;
+  for (double next = monotonicNow();; next = std::max(next + options.interval, monotonicNow())) {
+    Sample sample = collect(options.collect);
+    if (!first) {
+      deriveRates(previous, sample);
+    }
+    assess(sample, options.thresholds);
+    const bool written = recorder.append(renderJson(sample), sample.timeSeconds, error);
+    if (written == failing) {
+      // Said once when it starts failing and once when it works again.
+      std::cerr << "heron-stat: " << (written ? "recording again" : "cannot record a sample: " + printable(error))
+                << std::endl;
+      failing = !written;
+    }
+    previous = std::move(sample);
+    first = false;
+    if (signals.waitUntil(next + options.interval)) {
+      return 0;
+    }
+  }
+}
+
+// A sample from SOURCE: a bundle, or a recorder's directory (--at).
+bool sourceSample(const Options& options, Sample& sample, std::string& error) {
+  struct stat st {};
+  if (::stat(options.from.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    return fromBundle(options.from, options.collect, options.thresholds, sample, error);
+  }
+  double at = -1;
+  if (!options.at.empty() && !parseTime(options.at, at)) {
+    error = "--at " + printable(options.at) + " is not a time (epoch seconds or 'YYYY-MM-DD HH:MM:SS' UTC)";
+    return false;
+  }
+  std::string line;
+  return recordedSample(options.from, at, line, error) && sampleFromJson(line, options.thresholds, sample, error);
+}
+
+// --from: the sample a bundle or a recording holds, in any mode.
+int fromSource(const Options& options, Emitter& emitter) {
+  Sample sample;
+  std::string error;
+  if (!sourceSample(options, sample, error)) {
+    if (options.check) {
+      std::cout << "HERON UNKNOWN - " << error << std::endl;
+      return 3;
+    }
+    std::cerr << "heron-stat: " << error << std::endl;
+    return 1;
+  }
+  if (options.check) {
+    const Verdict verdict = renderCheck(sample, options.thresholds);
+    return emitter.emit(verdict.text) == Written::All ? verdict.status : 3;
+  }
+  const Written written = emitter.emit(render(options, sample));
+  if (written != Written::All) {
+    return written == Written::Stopped ? 130 : 1;
+  }
+  return sampleTrouble(sample).empty() ? 0 : 1;
+}
+
 }  // namespace
 
 int run(const Options& options) {
@@ -190,8 +271,20 @@ int run(const Options& options) {
     };
     return serve(where, endpoints, std::cout, std::cerr);
   }
+  if (!options.capture.empty()) {
+    return capture(options);
+  }
+  if (!options.diff.empty()) {
+    return diff(options);
+  }
   StopSignals signals;
   Emitter emitter(options, signals);
+  if (!options.from.empty()) {
+    return fromSource(options, emitter);
+  }
+  if (!options.record.empty()) {
+    return record(options, signals);
+  }
   if (options.watch) {
     return watch(options, signals, emitter);
   }

@@ -28,6 +28,9 @@ constexpr const char* kExamples = R"(Examples:
   heron-stat --listen 127.0.0.1:9464 serve /metrics and /healthz
   heron-stat --check --stale 10      a verdict for Nagios or Icinga
   heron-stat --check --timeout 5 --exclude 'scratch/*'
+  heron-stat --capture incident.tar.zst    a bundle of every table, read anywhere with --from
+  heron-stat --diff incident.tar.zst -     what moved since the capture
+  heron-stat --record /var/lib/heron-stat -i 10   the flight recorder
 
 States, worst first: broken (a file is missing or invalid), dead (the
 writer is gone or no longer maps the table), stale (its heartbeat is older
@@ -110,8 +113,9 @@ bool asksForCheck(int argc, char** argv) {
 }
 
 void addOptions(CLI::App& app, Stat::Options& options) {
-  app.add_option("EXPR", options.collect.expr,
-                 "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix");
+  app.add_option("EXPR", options.exprs,
+                 "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix; "
+                 "--capture takes several");
   app.add_option("--exclude", options.collect.exclude,
                  "Leave out the tables whose name matches GLOB (* may cross /); may be repeated")
       ->type_name("GLOB")
@@ -160,6 +164,36 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   app.add_option("--timeout", options.timeout, "With --check: UNKNOWN when the sample takes longer than SECONDS")
       ->check(numberIn(0, 1e6, true, "a number of seconds above 0"))
       ->type_name("SECONDS");
+  auto* capture = app.add_option("--capture", options.capture,
+                                 "Write a bundle of the selected tables to FILE (tar; zstd when FILE ends in .zst), "
+                                 "for reading anywhere with --from");
+  capture->type_name("FILE")->check(notEmpty());
+  auto* from =
+      app.add_option("--from", options.from,
+                     "Render the sample a bundle holds, as at its capture; or one a --record DIR holds (--at)");
+  from->type_name("BUNDLE")->check(notEmpty());
+  auto* diff = app.add_option("--diff", options.diff,
+                              "What changed between two bundles, per table (NEW - for the live root); text or --json")
+                   ->expected(2)
+                   ->type_name("OLD NEW");
+  diff->excludes(capture)->excludes(from)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
+  auto* record = app.add_option("--record", options.record,
+                                "Append one sample per --interval to compressed NDJSON files in DIR, oldest removed "
+                                "beyond --record-max-bytes");
+  record->type_name("DIR")->check(notEmpty());
+  app.add_option("--record-max-bytes", options.recordMaxBytes, "What --record's files may take in all")
+      ->type_name("BYTES")
+      ->check(numberIn(4096, 1e15, false, "a number of bytes from 4096"))
+      ->capture_default_str();
+  app.add_option("--at", options.at,
+                 "With --from DIR: the recorded sample nearest TIME (epoch seconds or UTC "
+                 "'YYYY-MM-DD HH:MM:SS'); default the latest")
+      ->type_name("TIME")
+      ->check(notEmpty());
+  record->excludes(capture)->excludes(from)->excludes(diff)->excludes(json)->excludes(prometheus)->excludes(check);
+  record->excludes(listen)->excludes(output);
+  capture->excludes(from)->excludes(json)->excludes(prometheus)->excludes(check)->excludes(listen)->excludes(output);
+  from->excludes(listen);
   json->excludes(prometheus)->excludes(check)->excludes(listen);
   prometheus->excludes(check)->excludes(listen);
   check->excludes(listen);
@@ -173,6 +207,19 @@ std::string combinationError(const Stat::Options& options) {
   }
   if (options.watch && options.interval <= 0) {
     return "--watch needs an --interval above 0";
+  }
+  if ((!options.capture.empty() || !options.from.empty() || !options.diff.empty()) &&
+      (options.watch || options.collect.allRoots)) {
+    return "--capture, --from and --diff take one sample of the root's tables: no --watch or --all-roots";
+  }
+  if (options.exprs.size() > 1 && options.capture.empty()) {
+    return "one EXPR only (--capture takes several): '" + options.exprs[1] + "' is one too many";
+  }
+  if (!options.record.empty() && (options.interval <= 0 || options.watch)) {
+    return "--record needs an --interval above 0, and no --watch";
+  }
+  if (!options.at.empty() && options.from.empty()) {
+    return "--at is for --from DIR";
   }
   if (options.noClients && options.collect.allRoots) {
     return "--all-roots needs the /proc walk that --no-clients skips";
@@ -214,6 +261,7 @@ int statMain(int argc, char** argv) {
     return usageError(wrong, checkMode);
   }
   options.collect.walkProcesses = !options.noClients;
+  options.collect.expr = options.exprs.empty() ? std::string() : options.exprs.front();
   if (!options.listen.empty()) {
     // A server runs for months: two arenas and a fixed mapping threshold
     // give the blocks a large request or sample needed back to the system
