@@ -51,7 +51,11 @@ double wallNow() {
 double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
 
 void sleepUntil(double monotonic) {
-  for (double left = monotonic - monotonicNow(); left > 0; left = monotonic - monotonicNow()) {
+  for (;;) {
+    const double left = monotonic - monotonicNow();
+    if (left <= 0) {
+      return;
+    }
     struct timespec wait {};
     wait.tv_sec = static_cast<time_t>(left);
     wait.tv_nsec = static_cast<long>((left - std::floor(left)) * 1e9);

@@ -102,6 +102,7 @@ int tableOf(const std::string& line, const std::vector<std::string>& prefixes) {
 std::vector<std::vector<MappingProcess>> mappingProcesses(const std::vector<std::string>& tableDirs) {
   std::vector<std::vector<MappingProcess>> out(tableDirs.size());
   std::vector<std::string> prefixes;
+  prefixes.reserve(tableDirs.size());
   for (const std::string& dir : tableDirs) {
     prefixes.push_back(dir + "/");
   }

@@ -112,7 +112,8 @@ bool asksForCheck(int argc, char** argv) {
   return false;
 }
 
-void addOptions(CLI::App& app, Stat::Options& options) {
+// What to show and how often.
+void addSelectionOptions(CLI::App& app, Stat::Options& options) {
   app.add_option("EXPR", options.exprs,
                  "Tables to show: empty for every table of the root, a glob (* may cross /), or a name prefix; "
                  "--capture takes several");
@@ -136,17 +137,10 @@ void addOptions(CLI::App& app, Stat::Options& options) {
       ->capture_default_str();
   app.add_flag("--watch", options.watch,
                "Refresh every interval until Ctrl-C (an interactive view on a terminal, appended blocks otherwise)");
-  auto* json = app.add_flag("--json", options.json, "One JSON document per sample (NDJSON with --watch)");
-  auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
-  auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
-  auto* listen = app.add_option("--listen", options.listen,
-                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; :PORT listens on "
-                                "every IPv4 address; port 0 picks one)");
-  listen->type_name("ADDR:PORT")->check(notEmpty());
-  auto* output = app.add_option("-o,--output", options.output,
-                                "Write the report to FILE atomically (a temporary beside it, then renamed); never "
-                                "inside the collection root");
-  output->type_name("FILE")->check(notEmpty());
+}
+
+// What turns facts into verdicts.
+void addThresholdOptions(CLI::App& app, Stat::Options& options) {
   app.add_option("--stale", options.thresholds.staleSeconds, "Seconds without a heartbeat after which a table is stale")
       ->check(numberIn(0, 1e9, true, "a number of seconds above 0"))
       ->type_name("SECONDS")
@@ -164,6 +158,22 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   app.add_option("--timeout", options.timeout, "With --check: UNKNOWN when the sample takes longer than SECONDS")
       ->check(numberIn(0, 1e6, true, "a number of seconds above 0"))
       ->type_name("SECONDS");
+}
+
+void addOptions(CLI::App& app, Stat::Options& options) {
+  addSelectionOptions(app, options);
+  auto* json = app.add_flag("--json", options.json, "One JSON document per sample (NDJSON with --watch)");
+  auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
+  auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
+  auto* listen = app.add_option("--listen", options.listen,
+                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; :PORT listens on "
+                                "every IPv4 address; port 0 picks one)");
+  listen->type_name("ADDR:PORT")->check(notEmpty());
+  auto* output = app.add_option("-o,--output", options.output,
+                                "Write the report to FILE atomically (a temporary beside it, then renamed); never "
+                                "inside the collection root");
+  output->type_name("FILE")->check(notEmpty());
+  addThresholdOptions(app, options);
   auto* capture = app.add_option("--capture", options.capture,
                                  "Write a bundle of the selected tables to FILE (tar; zstd when FILE ends in .zst), "
                                  "for reading anywhere with --from");
