@@ -26,6 +26,11 @@ namespace Util {
 // thread, no rights). `procRoot` lets tests point it at a fake /proc.
 std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot = "/proc");
 
+// The whole of a small file that is read, not mapped (a /proc file, whose
+// size stat() does not tell), opened with O_RDONLY | O_CLOEXEC | `flags`;
+// false when it cannot be opened.
+bool readWholeFile(const std::string& path, std::string& text, int flags = 0);
+
 // Opens `path` read-only for reading or mapping a table file and returns the
 // descriptor (the caller closes it), or -1 with `error` set. O_NONBLOCK keeps
 // a FIFO or device left in place of a table file from blocking the open; such

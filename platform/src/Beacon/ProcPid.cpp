@@ -10,14 +10,12 @@
 
 #include "Beacon/DirNode.h"
 #include "Beacon/Trace.h"
+#include "Beacon/Util.h"
 
 namespace Beacon {
 namespace Proc {
 
 namespace {
-
-// A status file is about 1.5 KiB; the lines we need come in its first half.
-constexpr std::size_t kStatusBuffer = 4096;
 
 // "pid:[4026531836]" -> 4026531836; 0 for any other text.
 std::uint64_t namespaceInode(std::string_view link) {
@@ -93,23 +91,10 @@ std::uint64_t readPidNamespace(const std::string& pid, const std::string& procRo
 bool readPidStatus(int pid, PidStatus& out, const std::string& procRoot) {
   out = PidStatus{};
   const std::string path = procRoot + "/" + std::to_string(pid) + "/status";
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
+  std::string text;
+  if (!Util::readWholeFile(path, text, O_NOFOLLOW)) {
     return false;
   }
-  std::string text;
-  char buffer[kStatusBuffer];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      break;
-    }
-    text.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fd);
   std::vector<std::uint32_t> pidLine;
   std::string_view rest(text);
   while (!rest.empty()) {

@@ -42,17 +42,14 @@ int openRegularFile(const std::string& path, std::string& error, struct stat* st
   return fd;
 }
 
-std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot) {
-  std::string path = fmt::format("{}/{}/cmdline", procRoot, pid);
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+bool readWholeFile(const std::string& path, std::string& text, int flags) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
   if (fd < 0) {
-    fmtrace(handler, 5, __FILE__, __func__, __LINE__, "Util", "cannot open {}", path);
-    return "";
+    return false;
   }
-  std::string text;
   char buffer[4096];
   for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) {
       continue;
     }
@@ -62,6 +59,16 @@ std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::
     text.append(buffer, static_cast<std::size_t>(n));
   }
   ::close(fd);
+  return true;
+}
+
+std::string readPidCmdline(Platform::DebugHandler& handler, int pid, const std::string& procRoot) {
+  std::string path = fmt::format("{}/{}/cmdline", procRoot, pid);
+  std::string text;
+  if (!readWholeFile(path, text)) {
+    fmtrace(handler, 5, __FILE__, __func__, __LINE__, "Util", "cannot open {}", path);
+    return "";
+  }
   for (char& c : text) {
     if (c == '\0') {
       c = ' ';
