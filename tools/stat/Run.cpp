@@ -21,6 +21,7 @@
 #include "Health.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
+#include "PageSample.h"
 #include "Recorder.h"
 #include "Render.h"
 #include "ScrapeRates.h"
@@ -269,6 +270,9 @@ int run(const Options& options) {
       const HealthAnswer answer = health(probe(options.collect));
       return Answer{answer.status, answer.body};
     };
+    PageSample page([&options] { return collect(options.collect); }, options.thresholds, options.interval);
+    endpoints.sample = [&page] { return Answer{200, page.document(monotonicNow())}; };
+    endpoints.refreshSeconds = page.refreshSeconds();
     return serve(where, endpoints, std::cout, std::cerr);
   }
   if (!options.capture.empty()) {

@@ -376,8 +376,11 @@ TEST(StatServerTest, UnknownPathIsNotFound) {
   ServerChild server("127.0.0.1:0");
   const int port = server.port();
   ASSERT_GT(port, 0);
-  EXPECT_EQ(request(port, "GET", "/").status, 404);
+  EXPECT_EQ(request(port, "GET", "/nothing").status, 404);
   EXPECT_EQ(request(port, "GET", "/metrics/x").status, 404);
+  EXPECT_EQ(request(port, "GET", "/index.html").status, 404);
+  EXPECT_EQ(request(port, "GET", "/api/v1/sample/").status, 404);
+  EXPECT_EQ(request(port, "GET", "//app.js").status, 404);
   EXPECT_EQ(request(port, "GET", "/Metrics").status, 404);
   EXPECT_EQ(request(port, "POST", "/nothing", "Content-Length: 0\r\n").status, 404);
 }
