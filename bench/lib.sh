@@ -6,6 +6,7 @@
 # directory under BASE, removed at exit with every process listed in PIDS),
 # and compiles each HELPER.c of this directory into $WORK/HELPER.
 # bench_shm prints a base on tmpfs (/dev/shm) where there is one.
+# bench_tables creates the 100 tables the heron-stat benches read.
 
 bench_shm() {
   if [[ -d /dev/shm && -w /dev/shm ]]; then
@@ -33,5 +34,20 @@ bench_init() {
   trap bench_cleanup EXIT
   for helper in "$@"; do
     cc -O2 -o "$WORK/${helper%.c}" "$HERE/$helper"
+  done
+}
+
+# bench_tables: HERON_ROOT=$WORK/root with 100 tables, t00 to t99; ten of
+# them (t00 to t09) have a writer at 100 notifications a second.
+bench_tables() {
+  local i
+  export HERON_ROOT="$WORK/root"
+  mkdir -p "$HERON_ROOT"
+  for i in $(seq -w 0 99); do
+    "$BIN/heron-sim" create "t$i" >/dev/null
+  done
+  for i in $(seq -w 0 9); do
+    "$BIN/heron-sim" write "t0$i" --rate 100 >/dev/null 2>&1 &
+    PIDS+=($!)
   done
 }

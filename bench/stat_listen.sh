@@ -22,16 +22,8 @@ SCRAPES=${3:-1000}
 source "$(dirname "$0")/lib.sh"
 bench_init "$BUILD" /tmp heron-stat-bench client_mapper.c client_time.c
 
-export HERON_ROOT="$WORK/root"
-mkdir -p "$HERON_ROOT" "$WORK/scratch"
-for i in $(seq -w 0 99); do
-  "$BIN/heron-sim" create "t$i" >/dev/null
-done
-# Ten tables have a writer at 100 notifications a second.
-for i in $(seq -w 0 9); do
-  "$BIN/heron-sim" write "t0$i" --rate 100 >/dev/null 2>&1 &
-  PIDS+=($!)
-done
+bench_tables
+mkdir -p "$WORK/scratch"
 for i in $(seq -w 0 29); do head -c 4096 /dev/zero >"$WORK/scratch/lib$i.so"; done
 ROOT=$(realpath "$HERON_ROOT")
 
