@@ -27,16 +27,7 @@ bench_tables
 # one before; sets STAT_PID and URL (its sample).
 start_stat() {
   [[ -n ${STAT_PID:-} ]] && kill "$STAT_PID" && wait "$STAT_PID" || true
-  : >"$WORK/stat.out"
-  "$BIN/heron-stat" --listen 127.0.0.1:0 -i 1 "$@" >"$WORK/stat.out" 2>&1 &
-  STAT_PID=$!
-  PIDS+=("$STAT_PID")
-  local i
-  for ((i = 0; i < 200; i++)); do
-    grep -q '^listening on ' "$WORK/stat.out" && break
-    sleep 0.05
-  done
-  URL="http://$(sed -n 's/^listening on //p' "$WORK/stat.out")/api/v1/sample"
+  bench_listen api/v1/sample -i 1 "$@"
   curl -fsS -o /dev/null "$URL"
 }
 start_stat
