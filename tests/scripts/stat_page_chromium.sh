@@ -4,9 +4,9 @@
 # every table with its state and the hostile name as text (no element made
 # from it); in one page left open, a writer's row says dead within two
 # refreshes of its SIGKILL, headers sort, a click opens the detail, and the
-# page says its data is stale once the server is gone. The screenshot is
-# saved as $BUILD/test-artifacts/stat-page.png. Skipped (77) without
-# chromium.
+# page says its data is stale while the server hangs and once it is gone.
+# The screenshot is saved as $BUILD/test-artifacts/stat-page.png. Skipped
+# (77) without chromium.
 source "$(dirname "$0")/sim_lib/common.sh"
 STAT=$BIN/heron-stat
 CHROMIUM=$(command -v chromium || true)

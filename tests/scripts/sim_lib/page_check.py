@@ -9,7 +9,8 @@ STATE_FILE (lines "NAME<TAB>STATE", names as the page must show them) is on
 it with its state; VICTIM_PID gets SIGKILL and its row must say dead within
 two of the page's refreshes; a click on that row opens its detail; a click
 on a header sorts; the screenshot goes to SHOT; then heron-stat (STAT_PID)
-gets SIGTERM and the page must say that its data is stale. Prints what it
+hangs (SIGSTOP) and the page must say that its data is stale, and no more
+once it answers again (SIGCONT), and again once it is gone (SIGTERM). Prints what it
 saw; exits 1 with a line saying what went wrong.
 """
 
@@ -207,12 +208,26 @@ def live(port, state_file, victim, victim_pid, shot, stat_pid):
     with open(shot, "wb") as out:
         out.write(base64.b64decode(image))
     print("screenshot: %s" % shot)
+    check_stale(page, stat_pid)
+
+
+BANNER = "[document.getElementById('stale').hidden, document.getElementById('stale').textContent]"
+
+
+def check_stale(page, stat_pid):
     if page.evaluate("document.body.dataset.stale") != "false":
         fail("stale while the server answers")
+    # A server that hangs: its answers stop coming, nothing fails outright.
+    os.kill(stat_pid, signal.SIGSTOP)
+    try:
+        banner = poll(page, BANNER, lambda b: not b[0], 10, "the stale banner while the server hangs")
+    finally:
+        os.kill(stat_pid, signal.SIGCONT)
+    print("server stopped (SIGSTOP): %s" % banner[1])
+    poll(page, BANNER, lambda b: b[0], 10, "the banner gone once the server answers again")
     os.kill(stat_pid, signal.SIGTERM)
-    banner = poll(page, "[document.getElementById('stale').hidden, document.getElementById('stale').textContent]",
-                  lambda b: not b[0], 10, "the stale banner once the server stopped")
-    print("server stopped: %s" % banner[1])
+    banner = poll(page, BANNER, lambda b: not b[0], 10, "the stale banner once the server is gone")
+    print("server gone (SIGTERM): %s" % banner[1])
     if not banner[1].startswith("Stale: "):
         fail("banner: %r" % banner[1])
 
