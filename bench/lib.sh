@@ -6,6 +6,8 @@
 # directory under BASE, removed at exit with every process listed in PIDS),
 # and compiles each HELPER.c of this directory into $WORK/HELPER.
 # bench_shm prints a base on tmpfs (/dev/shm) where there is one.
+# bench_tables creates the 100 tables the heron-stat benches read, and
+# bench_listen starts a heron-stat --listen over them.
 
 bench_shm() {
   if [[ -d /dev/shm && -w /dev/shm ]]; then
@@ -34,4 +36,35 @@ bench_init() {
   for helper in "$@"; do
     cc -O2 -o "$WORK/${helper%.c}" "$HERE/$helper"
   done
+}
+
+# bench_tables: HERON_ROOT=$WORK/root with 100 tables, t00 to t99; ten of
+# them (t00 to t09) have a writer at 100 notifications a second.
+bench_tables() {
+  local i
+  export HERON_ROOT="$WORK/root"
+  mkdir -p "$HERON_ROOT"
+  for i in $(seq -w 0 99); do
+    "$BIN/heron-sim" create "t$i" >/dev/null
+  done
+  for i in $(seq -w 0 9); do
+    "$BIN/heron-sim" write "t0$i" --rate 100 >/dev/null 2>&1 &
+    PIDS+=($!)
+  done
+}
+
+# bench_listen PATH [OPTIONS]: starts `heron-stat --listen 127.0.0.1:0
+# [OPTIONS]`; sets STAT_PID, and URL to PATH on it once it listens.
+bench_listen() {
+  local path=$1 i
+  shift
+  : >"$WORK/stat.out"
+  "$BIN/heron-stat" --listen 127.0.0.1:0 "$@" >"$WORK/stat.out" 2>&1 &
+  STAT_PID=$!
+  PIDS+=("$STAT_PID")
+  for ((i = 0; i < 200; i++)); do
+    grep -q '^listening on ' "$WORK/stat.out" && break
+    sleep 0.05
+  done
+  URL="http://$(sed -n 's/^listening on //p' "$WORK/stat.out")/$path"
 }

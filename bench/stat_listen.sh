@@ -22,31 +22,11 @@ SCRAPES=${3:-1000}
 source "$(dirname "$0")/lib.sh"
 bench_init "$BUILD" /tmp heron-stat-bench client_mapper.c client_time.c
 
-export HERON_ROOT="$WORK/root"
-mkdir -p "$HERON_ROOT" "$WORK/scratch"
-for i in $(seq -w 0 99); do
-  "$BIN/heron-sim" create "t$i" >/dev/null
-done
-# Ten tables have a writer at 100 notifications a second.
-for i in $(seq -w 0 9); do
-  "$BIN/heron-sim" write "t0$i" --rate 100 >/dev/null 2>&1 &
-  PIDS+=($!)
-done
+bench_tables
+mkdir -p "$WORK/scratch"
 for i in $(seq -w 0 29); do head -c 4096 /dev/zero >"$WORK/scratch/lib$i.so"; done
 ROOT=$(realpath "$HERON_ROOT")
 
-# start_stat: a heron-stat --listen; sets STAT_PID and URL.
-start_stat() {
-  "$BIN/heron-stat" --listen 127.0.0.1:0 >"$WORK/stat.out" 2>&1 &
-  STAT_PID=$!
-  PIDS+=("$STAT_PID")
-  local i
-  for ((i = 0; i < 200; i++)); do
-    grep -q '^listening on ' "$WORK/stat.out" && break
-    sleep 0.05
-  done
-  URL="http://$(sed -n 's/^listening on //p' "$WORK/stat.out")/metrics"
-}
 if [[ -z ${MEMORY_ONLY:-} ]]; then
   # 1,000 extra processes with 60-80 line maps files; every tenth maps a table
   # read-only.
@@ -57,7 +37,7 @@ if [[ -z ${MEMORY_ONLY:-} ]]; then
     PIDS+=($!)
   done
 
-  start_stat
+  bench_listen metrics
   sleep 1
   echo "processes on the host: $(ls -d /proc/[0-9]* 2>/dev/null | wc -l) (1000 extra, 10 writers)"
   curl -fsS -o "$WORK/metrics" "$URL"
@@ -104,7 +84,7 @@ if [[ -z ${MEMORY_ONLY:-} ]]; then
   kill "$STAT_PID" 2>/dev/null || true
   sleep 1
 fi
-start_stat
+bench_listen metrics
 status_kb() { awk -v k="$1:" '$1 == k {print $2}' "/proc/$STAT_PID/status"; }
 done_scrapes=0
 scrape_batch() {

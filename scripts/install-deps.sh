@@ -12,6 +12,7 @@ packages=(
   psmisc lsof strace util-linux procps man-db
   prometheus tmux curl jq python3-jsonschema systemd
   gnuplot-nox
+  chromium  # the live page of heron-stat --listen, tested in a real browser
   libncurses-dev
   libarchive-dev libssl-dev
   qemu-user

@@ -89,11 +89,13 @@ abuse_round() {
     fail "a 1 MiB request line got '$status'"
   status=$(huge_header)
   [[ $status == "HTTP/1.1 431 Request Header Fields Too Large" ]] || fail "a 1 MiB header line got '$status'"
-  expect_code 404 /
+  expect_code 404 /index.html
   expect_code 404 /metricsx
+  expect_code 404 /api/v1/sample/x
   expect_code 404 -X POST /nowhere
   expect_code 405 -X POST --data x /metrics
   expect_code 405 -X DELETE /healthz
+  expect_code 405 -X POST --data x /api/v1/sample
   expect_code 405 -X BREW /metrics
   curl -s -o /dev/null -D "$WORK/allow" -X PUT --data x "$URL/metrics"
   grep -qi '^allow: GET, HEAD' "$WORK/allow" || fail "405 without Allow: $(cat "$WORK/allow")"

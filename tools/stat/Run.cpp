@@ -21,6 +21,7 @@
 #include "Health.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
+#include "PageSample.h"
 #include "Recorder.h"
 #include "Render.h"
 #include "ScrapeRates.h"
@@ -228,6 +229,36 @@ int fromSource(const Options& options, Emitter& emitter) {
   return sampleTrouble(sample).empty() ? 0 : 1;
 }
 
+// --listen: /metrics, /healthz and the live page until a stop signal.
+int serveListen(const Options& options) {
+  ListenAddress where;
+  std::string error;
+  if (!parseListenAddress(options.listen, where, error)) {
+    std::cerr << "heron-stat: " << printable(error) << " (see heron-stat --help)" << std::endl;
+    return 2;
+  }
+  ScrapeRates rates;
+  Endpoints endpoints;
+  endpoints.metrics = [&options, &rates]() {
+    Sample sample = collect(options.collect);
+    // Counters stay raw; gauges derived from two moments (seconds to
+    // switch) come from the previous scrape.
+    rates.derive(sample);
+    assess(sample, options.thresholds);
+    return Answer{200, renderPrometheus(sample)};
+  };
+  // A wrong root or an EXPR that matches nothing is said here with 503,
+  // while /metrics goes on answering (heron_stat_root_ok 0).
+  endpoints.health = [&options] {
+    const HealthAnswer answer = health(probe(options.collect));
+    return Answer{answer.status, answer.body};
+  };
+  PageSample page([&options] { return collect(options.collect); }, options.thresholds, options.interval);
+  endpoints.sample = [&page] { return Answer{200, page.document(monotonicNow())}; };
+  endpoints.refreshSeconds = page.refreshSeconds();
+  return serve(where, endpoints, std::cout, std::cerr);
+}
+
 }  // namespace
 
 int run(const Options& options) {
@@ -247,29 +278,7 @@ int run(const Options& options) {
     }
   }
   if (!options.listen.empty()) {
-    ListenAddress where;
-    std::string error;
-    if (!parseListenAddress(options.listen, where, error)) {
-      std::cerr << "heron-stat: " << printable(error) << " (see heron-stat --help)" << std::endl;
-      return 2;
-    }
-    ScrapeRates rates;
-    Endpoints endpoints;
-    endpoints.metrics = [&options, &rates]() {
-      Sample sample = collect(options.collect);
-      // Counters stay raw; gauges derived from two moments (seconds to
-      // switch) come from the previous scrape.
-      rates.derive(sample);
-      assess(sample, options.thresholds);
-      return Answer{200, renderPrometheus(sample)};
-    };
-    // A wrong root or an EXPR that matches nothing is said here with 503,
-    // while /metrics goes on answering (heron_stat_root_ok 0).
-    endpoints.health = [&options] {
-      const HealthAnswer answer = health(probe(options.collect));
-      return Answer{answer.status, answer.body};
-    };
-    return serve(where, endpoints, std::cout, std::cerr);
+    return serveListen(options);
   }
   if (!options.capture.empty()) {
     return capture(options);

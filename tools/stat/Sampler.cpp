@@ -35,7 +35,9 @@ void Sampler::stop() {
 }
 
 Answer Sampler::call(Endpoint which) {
-  const std::function<Answer()>& callback = which == Endpoint::metrics ? endpoints_.metrics : endpoints_.health;
+  const std::function<Answer()>& callback = which == Endpoint::metrics  ? endpoints_.metrics
+                                            : which == Endpoint::sample ? endpoints_.sample
+                                                                        : endpoints_.health;
   try {
     return callback ? callback() : Answer{404, "not found\n"};
   } catch (const std::exception&) {
@@ -65,7 +67,7 @@ void Sampler::work() {
     // A sample allocates and frees a lot (every process's maps file);
     // handing the freed pages back keeps the resident size from creeping
     // up with the fragments left over from scrape to scrape.
-    if (job.which == Endpoint::metrics) {
+    if (job.which != Endpoint::health) {
       ::malloc_trim(0);
     }
     job.done(std::move(answer));

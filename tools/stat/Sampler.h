@@ -20,9 +20,11 @@ struct Answer {
 struct Endpoints {
   std::function<Answer()> metrics;  // GET /metrics
   std::function<Answer()> health;   // GET /healthz
+  std::function<Answer()> sample;   // GET /api/v1/sample: the page's JSON
+  double refreshSeconds = 1;        // how often the page fetches the sample
 };
 
-enum class Endpoint { metrics, health };
+enum class Endpoint { metrics, health, sample };
 
 // Taking every sample on one thread of its own means that what a sample
 // touches (stack pages, the malloc arena its allocations come from) is the

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -18,6 +19,7 @@
 
 #include "Beacon/StopSignals.h"
 #include "Linger.h"
+#include "Page.h"
 
 namespace Stat {
 
@@ -40,6 +42,7 @@ constexpr int kSweepMilliseconds = 200;
 
 const char* const kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
 const char* const kTextType = "text/plain; charset=utf-8";
+const char* const kJsonType = "application/json";
 
 // Every open connection, with the time its current request began.
 class Connections {
@@ -118,7 +121,8 @@ class Connections {
 // sampler's thread before `ready`, and read by the event loop after.
 struct Request {
   Endpoint which = Endpoint::health;
-  bool sampling = false;  // handed to the sampler
+  const char* pageType = nullptr;  // a file of the page: its content type
+  bool sampling = false;           // handed to the sampler
   Answer answer;
   std::atomic<bool> ready{false};
 };
@@ -127,7 +131,41 @@ struct Context {
   Sampler& sampler;
   Connections& connections;
   Linger& linger;
+  std::string refreshSeconds;  // the page's, for kRefreshHeader
 };
+
+const char* contentType(const Request& request) {
+  if (request.answer.status != MHD_HTTP_OK) {
+    return kTextType;
+  }
+  if (request.pageType != nullptr) {
+    return request.pageType;
+  }
+  switch (request.which) {
+    case Endpoint::metrics:
+      return kMetricsType;
+    case Endpoint::sample:
+      return kJsonType;
+    case Endpoint::health:
+      break;
+  }
+  return kTextType;
+}
+
+// The page's headers: nothing but its own files runs in it, and a browser
+// never takes the sample from a cache.
+void addHeaders(const Context& context, const Request& request, MHD_Response* response) {
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, contentType(request));
+  MHD_add_response_header(response, "Content-Security-Policy", kContentSecurityPolicy);
+  MHD_add_response_header(response, MHD_HTTP_HEADER_X_CONTENT_TYPE_OPTIONS, "nosniff");
+  MHD_add_response_header(response, "Referrer-Policy", "no-referrer");
+  if (request.pageType != nullptr) {
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
+  } else if (request.which == Endpoint::sample) {
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
+    MHD_add_response_header(response, kRefreshHeader, context.refreshSeconds.c_str());
+  }
+}
 
 // Queues `request`'s answer; `close` ends the connection after it.
 MHD_Result queue(Context& context, MHD_Connection* connection, const Request& request, bool close) {
@@ -138,8 +176,7 @@ MHD_Result queue(Context& context, MHD_Connection* connection, const Request& re
   if (response == nullptr) {
     return MHD_NO;
   }
-  const bool exposition = request.which == Endpoint::metrics && answer.status == 200;
-  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, exposition ? kMetricsType : kTextType);
+  addHeaders(context, request, response);
   if (answer.status == MHD_HTTP_METHOD_NOT_ALLOWED) {
     MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
   }
@@ -185,8 +222,10 @@ MHD_Result sample(Context& context, MHD_Connection* connection, Request& request
 MHD_Result begin(Context& context, MHD_Connection* connection, const char* url, const char* method, Request& request) {
   const std::string path = url;
   const bool read = std::strcmp(method, "GET") == 0 || std::strcmp(method, "HEAD") == 0;
-  const bool known = path == "/metrics" || path == "/healthz";
-  request.which = path == "/metrics" ? Endpoint::metrics : Endpoint::health;
+  PageFile file;
+  const bool page = findPageFile(path, file);
+  const bool known = page || path == "/metrics" || path == "/healthz" || path == kSamplePath;
+  request.which = path == "/metrics" ? Endpoint::metrics : path == kSamplePath ? Endpoint::sample : Endpoint::health;
   if (context.connections.count() > kSoftConnectionLimit) {
     request.answer = Answer{503, "too many connections\n"};
     return queue(context, connection, request, true);
@@ -195,6 +234,9 @@ MHD_Result begin(Context& context, MHD_Connection* connection, const char* url, 
     request.answer = Answer{404, "not found\n"};
   } else if (!read) {
     request.answer = Answer{405, "method not allowed\n"};
+  } else if (page) {
+    request.answer = Answer{200, std::move(file.body)};
+    request.pageType = file.contentType;
   } else {
     return MHD_YES;  // sampled on the next call
   }
@@ -288,6 +330,13 @@ void serveUntilStopped(Beacon::StopSignals& signals, Connections& connections, L
   }
 }
 
+// "1", "0.5": the shortest text that reads back as `seconds`.
+std::string refreshText(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", seconds);
+  return text;
+}
+
 }  // namespace
 
 int serve(const ListenAddress& where, const Endpoints& endpoints, std::ostream& out, std::ostream& err) {
@@ -317,7 +366,7 @@ int serve(const ListenAddress& where, const Endpoints& endpoints, std::ostream& 
   Sampler sampler(endpoints);
   Connections connections;
   Linger linger;  // outlives the daemon, which adds to it until it stops
-  Context context{sampler, connections, linger};
+  Context context{sampler, connections, linger, refreshText(endpoints.refreshSeconds)};
   Daemon daemon(listening, context);  // owns `listening` once started
   if (!daemon.ok()) {
     ::close(listening);

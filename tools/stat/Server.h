@@ -1,12 +1,19 @@
 // heron-stat's HTTP endpoint: GET /metrics (a fresh sample in the Prometheus
-// text format on every scrape) and GET /healthz.
+// text format on every scrape), GET /healthz, and the live page: GET / (with
+// /app.js and /style.css, built into the binary) over GET /api/v1/sample.
 //
 // Behaviour a client can rely on:
-// - GET and HEAD on /metrics and /healthz; HEAD answers the same status and
-//   headers as GET without the body (so HEAD /metrics also takes a sample).
-//   The query string is ignored. /metrics answers with
-//   "text/plain; version=0.0.4", anything else with "text/plain".
-// - Any other method on those two paths, known to HTTP or not: 405 with
+// - GET and HEAD on those paths; HEAD answers the same status and headers
+//   as GET without the body (so HEAD /metrics also takes a sample). The
+//   query string is ignored. /metrics answers with
+//   "text/plain; version=0.0.4", /api/v1/sample with "application/json"
+//   (Cache-Control: no-store, and X-Heron-Refresh-Seconds: how often the
+//   page fetches it), the page's files with their types (Cache-Control:
+//   no-cache), anything else with "text/plain". Every answer carries a
+//   Content-Security-Policy that lets a page run only its own script and
+//   style sheet and fetch only from here, "X-Content-Type-Options: nosniff"
+//   and "Referrer-Policy: no-referrer".
+// - Any other method on those paths, known to HTTP or not: 405 with
 //   "Allow: GET, HEAD". Any other path: 404, whatever the method. An
 //   answer to a method other than GET or HEAD closes the connection (its
 //   body is never read).

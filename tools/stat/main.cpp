@@ -25,7 +25,7 @@ constexpr const char* kExamples = R"(Examples:
   heron-stat --json | jq '.tables[] | {name, state}'
   heron-stat --watch --json          one JSON document per line (NDJSON)
   heron-stat --prometheus -o /var/lib/node_exporter/heron.prom
-  heron-stat --listen 127.0.0.1:9464 serve /metrics and /healthz
+  heron-stat --listen 127.0.0.1:9464 serve /metrics, /healthz and the live page at /
   heron-stat --check --stale 10      a verdict for Nagios or Icinga
   heron-stat --check --timeout 5 --exclude 'scratch/*'
   heron-stat --capture incident.tar.zst    a bundle of every table, read anywhere with --from
@@ -166,8 +166,9 @@ void addOptions(CLI::App& app, Stat::Options& options) {
   auto* prometheus = app.add_flag("--prometheus", options.prometheus, "Prometheus text exposition format");
   auto* check = app.add_flag("--check", options.check, "Monitoring-plugin verdict; exit status 0/1/2/3");
   auto* listen = app.add_option("--listen", options.listen,
-                                "Serve GET /metrics and GET /healthz on ADDR:PORT ([v6]:PORT; :PORT listens on "
-                                "every IPv4 address; port 0 picks one)");
+                                "Serve GET /metrics, GET /healthz and a live page at / (its JSON at "
+                                "/api/v1/sample) on ADDR:PORT ([v6]:PORT; :PORT listens on every IPv4 address; "
+                                "port 0 picks one)");
   listen->type_name("ADDR:PORT")->check(notEmpty());
   auto* output = app.add_option("-o,--output", options.output,
                                 "Write the report to FILE atomically (a temporary beside it, then renamed); never "
