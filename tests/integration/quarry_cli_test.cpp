@@ -23,6 +23,7 @@
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/LiveQuarryWriter.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -358,57 +359,13 @@ TEST_F(QuarryCli, FifoInPlaceOfATableFileNeverBlocks) {
   }
 }
 
-namespace {
-
-// 16 printable bytes: a write's sequence number and a check over it.
-std::string livePayload(std::uint32_t sequence) {
-  std::uint32_t h = sequence * 2654435761U ^ 0x5A5A5A5AU;
-  char text[17];
-  std::snprintf(text, sizeof text, "%08x%08x", sequence, h ^ (h >> 13));
-  return std::string(text, 16);
-}
-
-[[noreturn]] void liveWriter(const std::string& tableDir, std::chrono::milliseconds duration) {
-  Beacon::Platform::DebugHandler handler("LiveWriter", 0);
-  Quarry::QuarryWriter writer(handler, Mem::RootPath(tableDir));
-  std::string error;
-  if (!writer.open(error)) {
-    ::_exit(2);
-  }
-  std::mt19937 random(5);
-  std::vector<std::uint32_t> live;
-  std::uint32_t sequence = 0;
-  const auto end = std::chrono::steady_clock::now() + duration;
-  while (std::chrono::steady_clock::now() < end) {
-    const unsigned op = random() % 100;
-    std::vector<std::uint32_t> ids = writer.regionIds();
-    if (op < 3 || ids.empty()) {
-      if (ids.size() < 16) writer.createRegion(16U << (random() % 4), 8 + random() % 64, error);
-    } else if (op < 6) {
-      writer.deleteRegion(ids[random() % ids.size()]);
-    } else if (op < 65) {
-      const std::string text = livePayload(++sequence);
-      const std::uint32_t offset = writer.allocate(ids[random() % ids.size()], text.data(), text.size());
-      if (offset != Quarry::Offset::TOMBSTONED) live.push_back(offset);
-    } else if (!live.empty()) {
-      const std::size_t at = random() % live.size();
-      writer.release(live[at]);
-      live[at] = live.back();
-      live.pop_back();
-    }
-  }
-  ::_exit(0);
-}
-
-}  // namespace
-
 TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   ASSERT_EQ(sim({"create", "t", "--regions", "16x64,64x64"}).status, 0);
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    liveWriter(table("t"), std::chrono::milliseconds(2000));
+    HeronTest::runLiveWriter(Mem::RootPath(table("t")), std::chrono::milliseconds(2000));
   }
   unsigned runs = 0;
   unsigned entries = 0;
@@ -426,7 +383,7 @@ TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
       const std::string text = line.substr(open + 1, 16);
       unsigned sequence = 0;
       ASSERT_EQ(std::sscanf(text.c_str(), "%8x", &sequence), 1) << line;
-      EXPECT_EQ(text, livePayload(sequence)) << line;
+      EXPECT_EQ(text, HeronTest::payload(sequence)) << line;
       ++entries;
     }
     ++runs;

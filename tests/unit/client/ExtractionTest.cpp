@@ -35,6 +35,18 @@ class ExtractionTest : public ::testing::Test {
   Heron::HeronClientScanner scanner{&out, HeronTest::tableRoot("/some/table"), "table", proc.root()};
 
   std::string maps(const std::string& pid) const { return proc.root() + "/" + pid + "/maps"; }
+  // The records of one process's mappings of this table.
+  std::vector<Heron::MmapInfo> byProcess(const std::string& pid) {
+    std::vector<Heron::MmapInfo> records;
+    scanner.extractMmapInfo(maps(pid), records);
+    return records;
+  }
+  // One process's mappings of every table, by table directory.
+  Heron::HeronClientScanner::TableToInfoMap byTable(const std::string& pid) {
+    Heron::HeronClientScanner::TableToInfoMap tables;
+    scanner.extractMmapInfoByTable(maps(pid), tables);
+    return tables;
+  }
 };
 
 TEST_F(ExtractionTest, ByProcessKeepsEveryLineOfTheOwnTableInLineOrder) {
@@ -42,8 +54,7 @@ TEST_F(ExtractionTest, ByProcessKeepsEveryLineOfTheOwnTableInLineOrder) {
                   mapsLine("r--s", "/some/table/relay.1") + mapsLine("r--s", "/some/table/relay.1") +
                       mapsLine("rw-s", "/some/table/ember"),
                   "/usr/bin/server");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("4711"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("4711");
   ASSERT_EQ(records.size(), 3U);
   EXPECT_EQ(records[0].toTraceString(), "4711|server|r--s|relay.1|");
   EXPECT_EQ(records[1].toTraceString(), "4711|server|r--s|relay.1|");
@@ -55,8 +66,7 @@ TEST_F(ExtractionTest, ByTableGroupsTheSameLinesUnderTheDirectory) {
                   mapsLine("r--s", "/some/table/relay.1") + mapsLine("r--s", "/some/table/relay.1") +
                       mapsLine("rw-s", "/some/table/ember"),
                   "/usr/bin/server");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("4711"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("4711");
   ASSERT_EQ(tables.size(), 1U);
   const auto& records = tables.at("/some/table");
   ASSERT_EQ(records.size(), 3U);
@@ -67,34 +77,28 @@ TEST_F(ExtractionTest, ByTableGroupsTheSameLinesUnderTheDirectory) {
 
 TEST_F(ExtractionTest, OtherTableIsIgnoredByProcessAndKeyedByTable) {
   proc.addProcess("12", mapsLine("r--s", "/other/table/relay.1"), "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   ASSERT_EQ(tables.count("/other/table"), 1U);
   EXPECT_EQ(tables.at("/other/table").front().toTraceString(), "12|view|r--s|relay.1|");
 }
 
 TEST_F(ExtractionTest, DeletedMappingStillMatches) {
   proc.addProcess("12", mapsLine("r--s", "/some/table/relay.1 (deleted)"), "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].heronFileType, "relay.1");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_EQ(tables.count("/some/table"), 1U);
 }
 
 TEST_F(ExtractionTest, PathWithoutSlashIsIgnoredByBothForms) {
   proc.addProcess("12", mapsLine("rw-p", "[heap]") + mapsLine("rw-p", "[stack]") + mapsLine("r--s", "ember"),
                   "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_TRUE(tables.empty());
 }
 
@@ -103,18 +107,15 @@ TEST_F(ExtractionTest, SimilarNamesAreNotHeronFiles) {
                   mapsLine("r--s", "/some/table/relay.10") + mapsLine("r--s", "/some/table/relay.2") +
                       mapsLine("r--s", "/some/table/Ember") + mapsLine("r--s", "/some/table/quarry"),
                   "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_TRUE(tables.empty());
 }
 
 TEST_F(ExtractionTest, DirectoryWithOnlyOneHeronFileIsStillAKey) {
   proc.addProcess("12", mapsLine("r--s", "/x/ember"), "/usr/bin/view");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_EQ(tables.count("/x"), 1U);
 }
 
@@ -193,8 +194,7 @@ TEST_F(ExtractionTest, UnreadableExeLinkContributesNothing) {
   std::string traces = testing::internal::GetCapturedStderr();
   EXPECT_TRUE(records.empty());
   EXPECT_NE(traces.find("file " + proc.root() + "/12/exe no longer exists"), std::string::npos) << traces;
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_TRUE(tables.empty());
 }
 
@@ -214,8 +214,7 @@ TEST_F(ExtractionTest, LastLineWithoutNewlineIsRead) {
   std::string text = mapsLine("r--s", "/some/table/relay.1");
   text.pop_back();
   proc.addProcess("12", text, "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_EQ(records.size(), 1U);
 }
 
@@ -298,11 +297,9 @@ TEST_F(ExtractionTest, LinesAcrossReadChunksAreReadWhole) {
   }
   ASSERT_GT(text.size(), 2U * 65536U);
   proc.addProcess("12", text, "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_EQ(texts(records), expected);
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   ASSERT_EQ(tables.size(), 1U);
   EXPECT_EQ(tables.at("/some/table").size(), expected.size());
 }
@@ -310,8 +307,7 @@ TEST_F(ExtractionTest, LinesAcrossReadChunksAreReadWhole) {
 TEST_F(ExtractionTest, LineLongerThanTheReadBufferIsReadWhole) {
   const std::string directory = "/" + std::string(150000, 'd');
   proc.addProcess("12", fillerLines(3) + mapsLine("r--s", directory + "/relay.1") + fillerLines(3), "/usr/bin/view");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   ASSERT_EQ(tables.size(), 1U);
   EXPECT_EQ(tables.count(directory), 1U);
 }

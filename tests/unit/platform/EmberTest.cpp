@@ -12,6 +12,7 @@
 #include "Beacon/Platform.h"
 #include "SharedMem/Ember.h"
 #include "SharedMem/EmberId.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
@@ -19,10 +20,7 @@ namespace {
 using SharedMem::EmberHeader;
 using SharedMem::LoadStatus;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("EmberTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 std::string validBytes() {
   EmberHeader header{};

@@ -12,14 +12,12 @@
 
 #include "Beacon/Platform.h"
 #include "Mem/Inotify.h"
+#include "support/Handler.h"
 #include "support/TempDir.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("InotifyTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 struct Seen {
   std::string name;

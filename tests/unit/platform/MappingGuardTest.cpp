@@ -21,16 +21,14 @@
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryWriter.h"
 #include "Quarry/Region.h"
+#include "support/Handler.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using Beacon::MappingGuard::Range;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("MappingGuardTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 std::size_t pageSize() { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)); }
 

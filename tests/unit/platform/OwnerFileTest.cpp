@@ -7,6 +7,7 @@
 
 #include "Beacon/Platform.h"
 #include "SharedMem/OwnerFile.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -15,10 +16,7 @@ namespace {
 using SharedMem::LoadStatus;
 using SharedMem::OwnerFile;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("OwnerFileTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 OwnerFile::Header validHeader() {
   OwnerFile::Header header{};

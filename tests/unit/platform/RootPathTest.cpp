@@ -9,14 +9,12 @@
 
 #include "Beacon/Platform.h"
 #include "Mem/RootPath.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("RootPathTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 // Saves and restores the environment variables and working directory that
 // root resolution depends on.

@@ -20,15 +20,13 @@
 #include "Mem/VersionedRef.h"
 #include "Tock/Sequence.h"
 #include "support/Child.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("UtilTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 TEST(DecodeMagic, ShowsTheBytesInFileOrder) {
   EXPECT_EQ(Beacon::Util::decodeMagic(Beacon::Util::encodeMagic("HRNOWNER")), "HRNOWNER");

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -105,6 +106,14 @@ inline std::string beforeTiming(const std::string& report) {
 inline std::string timing(const std::string& report) {
   std::size_t at = report.rfind("Relay scanned in ");
   return at == std::string::npos ? std::string() : report.substr(at);
+}
+
+// The timing line: "Relay scanned in <seconds> seconds", a line break,
+// "Restarted <n> times", and the end of line of the report.
+// The seconds come from the wall clock, which may step back during a scan.
+inline const std::regex& timingZero() {
+  static const std::regex pattern("Relay scanned in -?[0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
+  return pattern;
 }
 
 }  // namespace RelayTest
