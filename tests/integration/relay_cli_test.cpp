@@ -227,16 +227,10 @@ TEST_F(RelayCli, QueueDumpShowsTheLiveSlotsOfTheActiveTable) {
   }
   Result result = heronOk({"-q", "live"});
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
-            "Secondary relay queue (active)\n"
-            "\tnotifications:4 (v1)\n"
-            "\tcurrentPos:3\n"
-            "\tcorralStart:5\n"
-            "\tcorralEnd:8\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 5           offset: 0x00200005 (2:5)           size: 50\n"
-            "pos: 2           |  seq: 7           offset: 0x00200007 (2:7)           size: 70\n"
-            "\n");
+            RelayTest::queueHeading("Secondary", "active", "4 (v1)", 3, 5, 8, 1) +
+                "pos: 0           |  seq: 5           offset: 0x00200005 (2:5)           size: 50\n"
+                "pos: 2           |  seq: 7           offset: 0x00200007 (2:7)           size: 70\n"
+                "\n");
   EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
   EXPECT_EQ(result.err, "Table Name: live\n\n");
 }
@@ -253,26 +247,14 @@ TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
   }
   Result result = heronOk({"-q", "-e", "whole"});
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
-            "Primary relay queue (backup)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:2\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:3\n"
-            "\tepoch:0\n"
-            "\n"
-            "pos: 0           |  seq: 1           offset: 0xffffffff (tombstoned)    size: 1\n"
-            "pos: 1           |  seq: 2           offset: 0x00100002 (1:2)           size: 2\n"
-            "\n"
-            "Secondary relay queue (active)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:1\n"
-            "\tcorralStart:3\n"
-            "\tcorralEnd:4\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 3\n"
-            "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
-            "\n");
+            RelayTest::queueHeading("Primary", "backup", "2 (v1)", 2, 1, 3, 0) +
+                "pos: 0           |  seq: 1           offset: 0xffffffff (tombstoned)    size: 1\n"
+                "pos: 1           |  seq: 2           offset: 0x00100002 (1:2)           size: 2\n"
+                "\n" +
+                RelayTest::queueHeading("Secondary", "active", "2 (v1)", 1, 3, 4, 1) +
+                "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 3\n"
+                "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
+                "\n");
   EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
 }
 
@@ -280,22 +262,8 @@ TEST_F(RelayCli, QueueDumpOfCapacityZeroShowsHeadersOnly) {
   ASSERT_TRUE(create("empty", 0)) << kNoAllocator;
   Result result = heronOk({"-q", "-e", "empty"});
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
-            "Primary relay queue (active)\n"
-            "\tnotifications:0 (v1)\n"
-            "\tcurrentPos:0\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:1\n"
-            "\tepoch:0\n"
-            "\n"
-            "\n"
-            "Secondary relay queue (backup)\n"
-            "\tnotifications:0 (v1)\n"
-            "\tcurrentPos:0\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:1\n"
-            "\tepoch:0\n"
-            "\n"
-            "\n");
+            RelayTest::queueHeading("Primary", "active", "0 (v1)", 0, 1, 1, 0) + "\n" +
+                RelayTest::queueHeading("Secondary", "backup", "0 (v1)", 0, 1, 1, 0) + "\n");
   EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
 }
 

@@ -124,82 +124,38 @@ std::vector<ScanCase> scanCases() {
   emptyFirst.epoch[1] = 7;
   return {
       {"FullViewPrintsBothTablesWhole", standardPrimary(), standardSecondary(), false,
-       "Primary relay queue (active)\n"
-       "\tnotifications:3 (v3)\n"
-       "\tcurrentPos:1\n"
-       "\tcorralStart:5\n"
-       "\tcorralEnd:6\n"
-       "\tepoch:2\n"
-       "\n"
-       "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
-       "pos: 1           |  seq: 2           offset: 0x00100000 (1:0)           size: 8\n"
-       "pos: 2           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
-       "\n"
-       "Secondary relay queue (backup)\n"
-       "\tnotifications:2 (v1)\n"
-       "\tcurrentPos:2\n"
-       "\tcorralStart:3\n"
-       "\tcorralEnd:5\n"
-       "\tepoch:1\n"
-       "\n"
-       "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
-       "pos: 1           |  seq: 4           offset: 0xffffffff (tombstoned)    size: 16\n"
-       "\n"},
+       RelayTest::queueHeading("Primary", "active", "3 (v3)", 1, 5, 6, 2) +
+           "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
+           "pos: 1           |  seq: 2           offset: 0x00100000 (1:0)           size: 8\n"
+           "pos: 2           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
+           "\n" +
+           RelayTest::queueHeading("Secondary", "backup", "2 (v1)", 2, 3, 5, 1) +
+           "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
+           "pos: 1           |  seq: 4           offset: 0xffffffff (tombstoned)    size: 16\n"
+           "\n"},
       {"ActiveOnlyPrintsTheLivePartOfTheActiveTable", standardPrimary(), standardSecondary(), true,
-       "Primary relay queue (active)\n"
-       "\tnotifications:3 (v3)\n"
-       "\tcurrentPos:1\n"
-       "\tcorralStart:5\n"
-       "\tcorralEnd:6\n"
-       "\tepoch:2\n"
-       "\n"
-       "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
-       "\n"},
+       RelayTest::queueHeading("Primary", "active", "3 (v3)", 1, 5, 6, 2) +
+           "pos: 0           |  seq: 5           offset: 0x00300004 (3:4)           size: 64\n"
+           "\n"},
       {"ActiveOnlySkipsTombstonesBelowCurrentPos",
        fileBytes(fivePositions, {slot(10, Quarry::Offset::encode(1, 1), 1), slot(11, kTomb, 2),
                                  slot(12, Quarry::Offset::encode(1, 3), 3), slot(13, Quarry::Offset::encode(1, 4), 4)}),
        fileBytes(secondaryHeader(), {}), true,
-       "Primary relay queue (active)\n"
-       "\tnotifications:5 (v3)\n"
-       "\tcurrentPos:3\n"
-       "\tcorralStart:5\n"
-       "\tcorralEnd:6\n"
-       "\tepoch:2\n"
-       "\n"
-       "pos: 0           |  seq: 10          offset: 0x00100001 (1:1)           size: 1\n"
-       "pos: 2           |  seq: 12          offset: 0x00100003 (1:3)           size: 3\n"
-       "\n"},
+       RelayTest::queueHeading("Primary", "active", "5 (v3)", 3, 5, 6, 2) +
+           "pos: 0           |  seq: 10          offset: 0x00100001 (1:1)           size: 1\n"
+           "pos: 2           |  seq: 12          offset: 0x00100003 (1:3)           size: 3\n"
+           "\n"},
       {"ActiveOnlyWithCurrentTableOneShowsOnlyTheSecondary",
        fileBytes(withCurrentTable(primaryHeader(), 1), {slot(5, 1, 1)}), standardSecondary(), true,
-       "Secondary relay queue (active)\n"
-       "\tnotifications:2 (v1)\n"
-       "\tcurrentPos:2\n"
-       "\tcorralStart:3\n"
-       "\tcorralEnd:5\n"
-       "\tepoch:1\n"
-       "\n"
-       "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
-       "\n"},
+       RelayTest::queueHeading("Secondary", "active", "2 (v1)", 2, 3, 5, 1) +
+           "pos: 0           |  seq: 3           offset: 0x00200007 (2:7)           size: 100\n"
+           "\n"},
       {"CurrentTableTwoCollectsNeitherTableWhenActiveOnly",
        fileBytes(withCurrentTable(primaryHeader(), 2), {slot(5, 1, 1)}), fileBytes(secondaryHeader(), {slot(3, 1, 1)}),
        true, ""},
       {"CapacityZeroPrintsTwoHeadersAndNoPositions", fileBytes(emptyFirst, {}), fileBytes(validHeader(0), {}), false,
-       "Primary relay queue (active)\n"
-       "\tnotifications:0 (v1)\n"
-       "\tcurrentPos:0\n"
-       "\tcorralStart:0\n"
-       "\tcorralEnd:0\n"
-       "\tepoch:0\n"
-       "\n"
-       "\n"
-       "Secondary relay queue (backup)\n"
-       "\tnotifications:0 (v1)\n"
-       "\tcurrentPos:0\n"
-       "\tcorralStart:0\n"
-       "\tcorralEnd:0\n"
-       "\tepoch:7\n"
-       "\n"
-       "\n"},
+       RelayTest::queueHeading("Primary", "active", "0 (v1)", 0, 0, 0, 0) + "\n" +
+           RelayTest::queueHeading("Secondary", "backup", "0 (v1)", 0, 0, 0, 7) + "\n"},
   };
 }
 

@@ -26,26 +26,14 @@ TEST_F(RelayReaderTest, WriterFilesFullViewAfterSwitchAndTombstone) {
   Reader& reader = attached();
   std::string report = scan(reader, false);
   EXPECT_EQ(beforeTiming(report),
-            "Primary relay queue (backup)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:2\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:3\n"
-            "\tepoch:0\n"
-            "\n"
-            "pos: 0           |  seq: 1           offset: 0x00100001 (1:1)           size: 10\n"
-            "pos: 1           |  seq: 2           offset: 0xffffffff (tombstoned)    size: 20\n"
-            "\n"
-            "Secondary relay queue (active)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:1\n"
-            "\tcorralStart:3\n"
-            "\tcorralEnd:4\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 30\n"
-            "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
-            "\n");
+            RelayTest::queueHeading("Primary", "backup", "2 (v1)", 2, 1, 3, 0) +
+                "pos: 0           |  seq: 1           offset: 0x00100001 (1:1)           size: 10\n"
+                "pos: 1           |  seq: 2           offset: 0xffffffff (tombstoned)    size: 20\n"
+                "\n" +
+                RelayTest::queueHeading("Secondary", "active", "2 (v1)", 1, 3, 4, 1) +
+                "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 30\n"
+                "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
+                "\n");
   EXPECT_TRUE(std::regex_match(timing(report), timingZero())) << timing(report);
 }
 
@@ -59,15 +47,9 @@ TEST_F(RelayReaderTest, WriterFilesActiveOnlyAfterSwitch) {
   Reader& reader = attached();
   std::string report = scan(reader, true);
   EXPECT_EQ(beforeTiming(report),
-            "Secondary relay queue (active)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:2\n"
-            "\tcorralStart:3\n"
-            "\tcorralEnd:5\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 1           |  seq: 4           offset: 0x00100004 (1:4)           size: 40\n"
-            "\n");
+            RelayTest::queueHeading("Secondary", "active", "2 (v1)", 2, 3, 5, 1) +
+                "pos: 1           |  seq: 4           offset: 0x00100004 (1:4)           size: 40\n"
+                "\n");
 }
 
 TEST_F(RelayReaderTest, WriterFilesHeaderCopyShowsTheSwitch) {

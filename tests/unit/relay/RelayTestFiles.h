@@ -108,6 +108,15 @@ inline std::string timing(const std::string& report) {
   return at == std::string::npos ? std::string() : report.substr(at);
 }
 
+// The heading of one table of a queue in a scan report: its name and role,
+// its header's fields one to a line, then a blank line.
+inline std::string queueHeading(const std::string& table, const std::string& role, const std::string& notifications,
+                                unsigned currentPos, unsigned corralStart, unsigned corralEnd, unsigned epoch) {
+  return table + " relay queue (" + role + ")\n\tnotifications:" + notifications +
+         "\n\tcurrentPos:" + std::to_string(currentPos) + "\n\tcorralStart:" + std::to_string(corralStart) +
+         "\n\tcorralEnd:" + std::to_string(corralEnd) + "\n\tepoch:" + std::to_string(epoch) + "\n\n";
+}
+
 // The timing line: "Relay scanned in <seconds> seconds", a line break,
 // "Restarted <n> times", and the end of line of the report.
 // The seconds come from the wall clock, which may step back during a scan.
