@@ -26,6 +26,7 @@
 #include "support/LiveQuarryWriter.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
+#include "unit/quarry/SmallTable.h"
 
 namespace {
 
@@ -65,26 +66,16 @@ class QuarryCli : public ::testing::Test {
     Quarry::QuarryWriter writer(handler, Mem::RootPath(table("t")));
     std::string error;
     ASSERT_TRUE(writer.open(error)) << error;
-    ASSERT_NE(writer.allocate(1, "alpha", 5), Quarry::Offset::TOMBSTONED);
-    ASSERT_NE(writer.allocate(1, "beta", 4), Quarry::Offset::TOMBSTONED);
-    ASSERT_NE(writer.allocate(1, "gamma", 5), Quarry::Offset::TOMBSTONED);
-    ASSERT_TRUE(writer.release(Quarry::Offset::encode(1, 1)));
-    ASSERT_NE(writer.allocate(2, "0123456789", 10), Quarry::Offset::TOMBSTONED);
+    ASSERT_TRUE(QuarryTest::fillSmallTable(writer, 1, 2));
   }
 
   HeronTest::TempDir rootDir_{"quarry-cli"};
   std::string root_ = rootDir_.path();
 };
 
-const char* const kRegionOne =
-    "Region 1: entry size 16, units 4, used 2, generation 8\n"
-    "  offset        unit    size  preview\n"
-    "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
-    "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n";
-const char* const kRegionTwo =
-    "Region 2: entry size 8, units 2, used 1, generation 2\n"
-    "  offset        unit    size  preview\n"
-    "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n";
+using QuarryTest::kRegionOne;
+using QuarryTest::kRegionTwo;
+
 const char* const kRegionOneWithEmpty =
     "Region 1: entry size 16, units 4, used 2, generation 8\n"
     "  offset        unit    size  preview\n"

@@ -198,6 +198,15 @@ bool sendAll(int fd, const std::string& bytes) {
   return true;
 }
 
+int connectAndSend(int port, const std::string& bytes) {
+  const int fd = connectTo(port);
+  if (fd >= 0 && !sendAll(fd, bytes)) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 std::string Response::header(const std::string& name) const {
   const std::string key = "\r\n" + name + ": ";
   const std::size_t at = head.find(key);
@@ -248,11 +257,10 @@ std::size_t countOf(const std::string& text, const std::string& what) {
 std::vector<int> holdConnections(int port, int count, const std::string& start) {
   std::vector<int> held;
   for (int i = 0; i < count; ++i) {
-    const int fd = connectTo(port);
+    const int fd = connectAndSend(port, start);
     if (fd < 0) {
       break;
     }
-    sendAll(fd, start);
     held.push_back(fd);
   }
   return held;

@@ -3,11 +3,13 @@
 // waits with a deadline.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -60,9 +62,26 @@ class ServerChild {
   bool reaped_ = false;
 };
 
+// The server's tests: each may start one server on a loopback port that
+// the kernel chooses.
+class StatServerTest : public ::testing::Test {
+ protected:
+  // Starts the server; the port it says it listens on, or 0.
+  int start(const Stat::Endpoints& endpoints = fakeEndpoints()) {
+    server_ = std::make_unique<ServerChild>("127.0.0.1:0", endpoints);
+    return server_->port();
+  }
+  ServerChild& server() { return *server_; }
+
+ private:
+  std::unique_ptr<ServerChild> server_;
+};
+
 // A connection to 127.0.0.1:port, or -1.
 int connectTo(int port);
 bool sendAll(int fd, const std::string& bytes);
+// A connection that has sent `bytes`, or -1.
+int connectAndSend(int port, const std::string& bytes);
 
 struct Response {
   int status = 0;

@@ -13,31 +13,27 @@
 
 using namespace ServerTest;
 
-TEST(StatServerTest, HugeRequestLineIsRefusedAndOthersStillAnswered) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, HugeRequestLineIsRefusedAndOthersStillAnswered) {
+  const int port = start();
   ASSERT_GT(port, 0);
   const Response refused = request(port, "GET", "/metrics?" + std::string(1 << 20, 'a'));
   EXPECT_TRUE(refused.status == 414 || refused.status == 431) << refused.status;
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
 }
 
-TEST(StatServerTest, HugeHeaderIsRefused) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, HugeHeaderIsRefused) {
+  const int port = start();
   ASSERT_GT(port, 0);
   const Response refused = request(port, "GET", "/metrics", "X-Big: " + std::string(1 << 20, 'a') + "\r\n");
   EXPECT_EQ(refused.status, 431);
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
 }
 
-TEST(StatServerTest, StalledClientDoesNotHoldUpOthersAndIsDropped) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, StalledClientDoesNotHoldUpOthersAndIsDropped) {
+  const int port = start();
   ASSERT_GT(port, 0);
-  const int stalled = connectTo(port);
+  const int stalled = connectAndSend(port, "GET /metrics HTTP/1.1\r\nHost: x\r\nX-Half: ");
   ASSERT_GE(stalled, 0);
-  sendAll(stalled, "GET /metrics HTTP/1.1\r\nHost: x\r\nX-Half: ");
   for (int i = 0; i < 5; ++i) {
     EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
   }
@@ -49,9 +45,8 @@ TEST(StatServerTest, StalledClientDoesNotHoldUpOthersAndIsDropped) {
   ::close(stalled);
 }
 
-TEST(StatServerTest, BeyondTheConnectionLimitRequestsGet503) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, BeyondTheConnectionLimitRequestsGet503) {
+  const int port = start();
   ASSERT_GT(port, 0);
   const std::vector<int> held = holdConnections(port, 400, "");
   ASSERT_EQ(held.size(), 400u);
@@ -65,9 +60,8 @@ TEST(StatServerTest, BeyondTheConnectionLimitRequestsGet503) {
   EXPECT_EQ(healthUntil(port, 200, Clock::now() + std::chrono::seconds(10)).status, 200);
 }
 
-TEST(StatServerTest, SamplesAreTakenOneAtATime) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, SamplesAreTakenOneAtATime) {
+  const int port = start();
   ASSERT_GT(port, 0);
   std::vector<std::thread> clients;
   std::atomic<int> answered{0};
@@ -89,9 +83,8 @@ TEST(StatServerTest, SamplesAreTakenOneAtATime) {
 
 // Whichever worker serves a scrape, the sample is taken on one thread, so
 // the memory a sample touches settles after the first scrapes.
-TEST(StatServerTest, SamplesAreTakenOnOneThread) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, SamplesAreTakenOnOneThread) {
+  const int port = start();
   ASSERT_GT(port, 0);
   std::vector<std::thread> clients;
   clients.reserve(16);

@@ -30,25 +30,23 @@ bool waitForFile(const std::string& path, Clock::time_point deadline) {
 
 }  // namespace
 
-TEST(StatServerTest, SigtermStopsCleanly) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, SigtermStopsCleanly) {
+  const int port = start();
   ASSERT_GT(port, 0);
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
-  ::kill(server.pid(), SIGTERM);
-  EXPECT_EQ(server.wait(20), 0);
-  EXPECT_EQ(server.errText(), "");
+  ::kill(server().pid(), SIGTERM);
+  EXPECT_EQ(server().wait(20), 0);
+  EXPECT_EQ(server().errText(), "");
   EXPECT_LT(connectTo(port), 0) << "still listening";
 }
 
-TEST(StatServerTest, SigintStopsCleanly) {
-  ServerChild server("127.0.0.1:0");
-  ASSERT_GT(server.port(), 0);
-  ::kill(server.pid(), SIGINT);
-  EXPECT_EQ(server.wait(20), 0);
+TEST_F(StatServerTest, SigintStopsCleanly) {
+  ASSERT_GT(start(), 0);
+  ::kill(server().pid(), SIGINT);
+  EXPECT_EQ(server().wait(20), 0);
 }
 
-TEST(StatServerTest, SignalRightAfterListeningIsNotLost) {
+TEST_F(StatServerTest, SignalRightAfterListeningIsNotLost) {
   for (int i = 0; i < 5; ++i) {
     ServerChild server("127.0.0.1:0");
     ASSERT_FALSE(server.firstLine().empty());
@@ -57,30 +55,27 @@ TEST(StatServerTest, SignalRightAfterListeningIsNotLost) {
   }
 }
 
-TEST(StatServerTest, SigtermWhileAClientStallsStillStops) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, SigtermWhileAClientStallsStillStops) {
+  const int port = start();
   ASSERT_GT(port, 0);
-  const int stalled = connectTo(port);
+  const int stalled = connectAndSend(port, "GET /metr");
   ASSERT_GE(stalled, 0);
-  sendAll(stalled, "GET /metr");
-  ::kill(server.pid(), SIGTERM);
-  EXPECT_EQ(server.wait(20), 0);
+  ::kill(server().pid(), SIGTERM);
+  EXPECT_EQ(server().wait(20), 0);
   ::close(stalled);
 }
 
-TEST(StatServerTest, SigtermWithManyConnectionsHeldStopsCleanly) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, SigtermWithManyConnectionsHeldStopsCleanly) {
+  const int port = start();
   ASSERT_GT(port, 0);
   std::vector<int> held = holdConnections(port, 50, "");
   const std::vector<int> halfway = holdConnections(port, 50, "GET /metrics HTTP/1.1\r\nHo");
   held.insert(held.end(), halfway.begin(), halfway.end());
   ASSERT_EQ(held.size(), 100u);
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
-  ::kill(server.pid(), SIGTERM);
-  EXPECT_EQ(server.wait(20), 0);
-  // Every held connection was closed by the server.
+  ::kill(server().pid(), SIGTERM);
+  EXPECT_EQ(server().wait(20), 0);
+  // Every held connection was closed by the server().
   for (const int fd : held) {
     EXPECT_EQ(readAll(fd, 5).find("HTTP/1.1 2"), std::string::npos);
     char probe = 0;
@@ -94,7 +89,7 @@ TEST(StatServerTest, SigtermWithManyConnectionsHeldStopsCleanly) {
 // the server ends with status 0 (the library refuses to stop with a
 // request still suspended). The sample says when it has begun and goes on
 // until the test, having sent the signal, lets it end.
-TEST(StatServerTest, SigtermWhileSamplingStopsCleanly) {
+TEST_F(StatServerTest, SigtermWhileSamplingStopsCleanly) {
   const HeronTest::TempDir dir("heron-server-test");
   ASSERT_FALSE(dir.path().empty());
   const std::string started = dir.file("sampling");
@@ -105,15 +100,14 @@ TEST(StatServerTest, SigtermWhileSamplingStopsCleanly) {
     waitForFile(release, Clock::now() + std::chrono::seconds(20));
     return Stat::Answer{200, "slow\n"};
   };
-  ServerChild server("127.0.0.1:0", endpoints);
-  const int port = server.port();
+  const int port = start(endpoints);
   ASSERT_GT(port, 0);
   const std::vector<int> waiting = holdConnections(port, 5, "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
   ASSERT_EQ(waiting.size(), 5u);
   ASSERT_TRUE(waitForFile(started, Clock::now() + std::chrono::seconds(10))) << "no sample started";
-  ::kill(server.pid(), SIGTERM);
+  ::kill(server().pid(), SIGTERM);
   ::close(::open(release.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  EXPECT_EQ(server.wait(20), 0);
+  EXPECT_EQ(server().wait(20), 0);
   for (const int fd : waiting) {
     const std::string raw = readAll(fd, 5);
     EXPECT_TRUE(raw.empty() || raw.compare(0, 12, "HTTP/1.1 200") == 0 || raw.compare(0, 12, "HTTP/1.1 503") == 0)

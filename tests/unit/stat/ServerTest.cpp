@@ -62,16 +62,14 @@ TEST(StatListenAddressTest, RejectsMalformedWithOneLine) {
   }
 }
 
-TEST(StatServerTest, PortZeroPrintsTheChosenPort) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, PortZeroPrintsTheChosenPort) {
+  const int port = start();
   ASSERT_GT(port, 0);
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
 }
 
-TEST(StatServerTest, MetricsAnswersTheSampleAsPrometheusText) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, MetricsAnswersTheSampleAsPrometheusText) {
+  const int port = start();
   ASSERT_GT(port, 0);
   const Response first = request(port, "GET", "/metrics");
   EXPECT_EQ(first.status, 200);
@@ -82,24 +80,21 @@ TEST(StatServerTest, MetricsAnswersTheSampleAsPrometheusText) {
   EXPECT_NE(second.body.find("\nfake_samples_total 2\n"), std::string::npos) << second.body;
 }
 
-TEST(StatServerTest, HealthzSaysOk) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, HealthzSaysOk) {
+  const int port = start();
   ASSERT_GT(port, 0);
   const Response response = request(port, "GET", "/healthz");
   EXPECT_EQ(response.status, 200);
   EXPECT_EQ(response.body, "ok\n");
 }
 
-TEST(StatServerTest, HeadAnswersHeadersWithoutBody) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, HeadAnswersHeadersWithoutBody) {
+  const int port = start();
   ASSERT_GT(port, 0);
-  const int fd = connectTo(port);
-  ASSERT_GE(fd, 0);
   // A HEAD and then a GET on one connection: were a body sent after the
   // HEAD, it would be read as the GET's status line.
-  sendAll(fd, "HEAD /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+  const int fd = connectAndSend(port, "HEAD /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+  ASSERT_GE(fd, 0);
   std::string raw;
   readUntil(fd, raw, Clock::now() + std::chrono::seconds(15),
             [](const std::string& text) { return text.find("\r\n\r\n") != std::string::npos; });
@@ -118,9 +113,8 @@ TEST(StatServerTest, HeadAnswersHeadersWithoutBody) {
   EXPECT_EQ(next.size() >= 3 ? next.substr(next.size() - 3) : next, "ok\n") << raw;
 }
 
-TEST(StatServerTest, UnknownPathIsNotFound) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, UnknownPathIsNotFound) {
+  const int port = start();
   ASSERT_GT(port, 0);
   EXPECT_EQ(request(port, "GET", "/").status, 404);
   EXPECT_EQ(request(port, "GET", "/metrics/x").status, 404);
@@ -128,9 +122,8 @@ TEST(StatServerTest, UnknownPathIsNotFound) {
   EXPECT_EQ(request(port, "POST", "/nothing", "Content-Length: 0\r\n").status, 404);
 }
 
-TEST(StatServerTest, OtherMethodsAreNotAllowed) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, OtherMethodsAreNotAllowed) {
+  const int port = start();
   ASSERT_GT(port, 0);
   for (const char* path : {"/metrics", "/healthz"}) {
     for (const char* method : {"POST", "PUT", "DELETE", "PATCH", "OPTIONS"}) {
@@ -141,9 +134,8 @@ TEST(StatServerTest, OtherMethodsAreNotAllowed) {
   }
 }
 
-TEST(StatServerTest, UnknownMethodsAreNotAllowedEither) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, UnknownMethodsAreNotAllowedEither) {
+  const int port = start();
   ASSERT_GT(port, 0);
   for (const char* method : {"BREW", "get", "TRACE", "CONNECT"}) {
     const Response response = request(port, method, "/metrics");
@@ -154,7 +146,7 @@ TEST(StatServerTest, UnknownMethodsAreNotAllowedEither) {
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
 }
 
-TEST(StatServerTest, BusyPortFailsWithOneLine) {
+TEST_F(StatServerTest, BusyPortFailsWithOneLine) {
   ServerChild first("127.0.0.1:0");
   const int port = first.port();
   ASSERT_GT(port, 0);
@@ -165,21 +157,19 @@ TEST(StatServerTest, BusyPortFailsWithOneLine) {
   EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
 }
 
-TEST(StatServerTest, CallbackExceptionAnswers500) {
+TEST_F(StatServerTest, CallbackExceptionAnswers500) {
   Stat::Endpoints endpoints = fakeEndpoints();
   endpoints.metrics = []() -> Stat::Answer { throw std::runtime_error("no sample"); };
-  ServerChild server("127.0.0.1:0", endpoints);
-  const int port = server.port();
+  const int port = start(endpoints);
   ASSERT_GT(port, 0);
   EXPECT_EQ(request(port, "GET", "/metrics").status, 500);
   EXPECT_EQ(request(port, "GET", "/healthz").status, 200);
 }
 
-TEST(StatServerTest, HealthAnswersWhatItsCallbackSays) {
+TEST_F(StatServerTest, HealthAnswersWhatItsCallbackSays) {
   Stat::Endpoints endpoints = fakeEndpoints();
   endpoints.health = [] { return Stat::Answer{503, "collection root missing\n"}; };
-  ServerChild server("127.0.0.1:0", endpoints);
-  const int port = server.port();
+  const int port = start(endpoints);
   ASSERT_GT(port, 0);
   const Response response = request(port, "GET", "/healthz");
   EXPECT_EQ(response.status, 503);
@@ -187,9 +177,8 @@ TEST(StatServerTest, HealthAnswersWhatItsCallbackSays) {
   EXPECT_EQ(response.header("Content-Type"), "text/plain; charset=utf-8");
 }
 
-TEST(StatServerTest, PipelinedRequestsAreAnsweredInOrder) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, PipelinedRequestsAreAnsweredInOrder) {
+  const int port = start();
   ASSERT_GT(port, 0);
   const int fd = connectTo(port);
   ASSERT_GE(fd, 0);
@@ -211,9 +200,8 @@ TEST(StatServerTest, PipelinedRequestsAreAnsweredInOrder) {
   EXPECT_EQ(raw.substr(raw.size() - 3), "ok\n");
 }
 
-TEST(StatServerTest, ClosingAnswerSaysSoWithoutKeepAlive) {
-  ServerChild server("127.0.0.1:0");
-  const int port = server.port();
+TEST_F(StatServerTest, ClosingAnswerSaysSoWithoutKeepAlive) {
+  const int port = start();
   ASSERT_GT(port, 0);
   for (const char* method : {"GET", "POST"}) {
     const Response response = request(port, method, "/healthz", "Content-Length: 0\r\n");
@@ -221,9 +209,8 @@ TEST(StatServerTest, ClosingAnswerSaysSoWithoutKeepAlive) {
     EXPECT_EQ(response.head.find("Keep-Alive"), std::string::npos) << response.head;
   }
   // Kept alive when the client does not ask otherwise.
-  const int fd = connectTo(port);
+  const int fd = connectAndSend(port, "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n");
   ASSERT_GE(fd, 0);
-  sendAll(fd, "GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n");
   const Response kept = readResponse(fd);
   EXPECT_EQ(kept.status, 200);
   EXPECT_EQ(kept.header("Connection"), "");
@@ -232,13 +219,13 @@ TEST(StatServerTest, ClosingAnswerSaysSoWithoutKeepAlive) {
   ::close(fd);
 }
 
-TEST(StatServerTest, ListensOnIpv6Loopback) {
+TEST_F(StatServerTest, ListensOnIpv6Loopback) {
   ServerChild server("[::1]:0");
   const std::string line = server.firstLine();
   EXPECT_EQ(line.compare(0, 19, "listening on [::1]:"), 0) << line << server.errText();
 }
 
-TEST(StatServerTest, UnresolvableHostSaysWhy) {
+TEST_F(StatServerTest, UnresolvableHostSaysWhy) {
   ServerChild server("no-such-host.invalid:0");
   EXPECT_EQ(server.wait(30), 1);
   const std::string err = server.errText();
