@@ -77,6 +77,11 @@ struct Watched {
   Mem::WatchDescriptor watch;
 };
 
+// Two descriptors on their directories (the same one or two).
+bool watching(Watched& first, const std::string& firstDir, Watched& second, const std::string& secondDir) {
+  return first.on(firstDir) && second.on(secondDir);
+}
+
 class InotifyTest : public ::testing::Test {
  protected:
   HeronTest::TempDir temp_{"heron-inotify", true};
@@ -114,8 +119,7 @@ TEST_F(InotifyTest, DisablingRemovesTheWatchFromTheSharedInstance) {
 TEST_F(InotifyTest, EachDescriptorReceivesOnlyItsOwnDirectorysEvents) {
   Watched a;
   Watched b;
-  ASSERT_TRUE(a.on(dirA_));
-  ASSERT_TRUE(b.on(dirB_));
+  ASSERT_TRUE(watching(a, dirA_, b, dirB_));
   createAndDelete(dirA_ + "/region.1");
   createAndDelete(dirB_ + "/region.2");
   EXPECT_EQ(a.watch.poll(), 2);  // created, deleted
@@ -129,8 +133,7 @@ TEST_F(InotifyTest, EachDescriptorReceivesOnlyItsOwnDirectorysEvents) {
 TEST_F(InotifyTest, TwoDescriptorsOnOneDirectoryBothReceiveEachEvent) {
   Watched first;
   Watched second;
-  ASSERT_TRUE(first.on(dirA_));
-  ASSERT_TRUE(second.on(dirA_));
+  ASSERT_TRUE(watching(first, dirA_, second, dirA_));
   createAndDelete(dirA_ + "/region.3");
   first.watch.poll();
   second.watch.poll();
@@ -141,8 +144,7 @@ TEST_F(InotifyTest, TwoDescriptorsOnOneDirectoryBothReceiveEachEvent) {
 TEST_F(InotifyTest, DisablingOneOfTwoDescriptorsOnADirectoryKeepsTheOther) {
   Watched first;
   Watched second;
-  ASSERT_TRUE(first.on(dirA_));
-  ASSERT_TRUE(second.on(dirA_));
+  ASSERT_TRUE(watching(first, dirA_, second, dirA_));
   first.watch.disable();
   createAndDelete(dirA_ + "/region.4");
   second.watch.poll();
@@ -183,8 +185,7 @@ TEST_F(InotifyTest, ARemovedDirectoryEndsItsWatchWithIgnored) {
 TEST_F(InotifyTest, EventsBeyondTheQueueLimitBecomeOneOverflow) {
   Watched busy;
   Watched other;
-  ASSERT_TRUE(busy.on(dirA_));
-  ASSERT_TRUE(other.on(dirB_));
+  ASSERT_TRUE(watching(busy, dirA_, other, dirB_));
   // Created in rounds below the kernel's own queue limit; the other
   // descriptor's polls move them into the busy descriptor's queue.
   const std::size_t total = Mem::InotifyMgr::kMaxPendingEvents + 100;

@@ -125,6 +125,15 @@ TEST(StatRates, RateAndTimeToSwitchFromTwoSamples) {
   EXPECT_DOUBLE_EQ(*second.tables[0].allocator.releasesPerSecond, 2.0);
 }
 
+// The second sample, its rates derived from a first sample that held only
+// `before`.
+Stat::Sample derivedAfter(const Stat::Table& before, std::initializer_list<Stat::Table> after) {
+  const Stat::Sample first = StatTest::sampleOf({before});
+  Stat::Sample second = StatTest::sampleOf(after);
+  Stat::deriveRates(first, second);
+  return second;
+}
+
 TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
   Stat::Table before = healthyTable("t");
   before.readMonotonicSeconds = 100;
@@ -135,9 +144,7 @@ TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
   after.queues.sequence = before.queues.sequence - 1;
   Stat::Table fresh = before;
   fresh.identity.path = "/elsewhere";
-  Stat::Sample first = StatTest::sampleOf({before});
-  Stat::Sample second = StatTest::sampleOf({after, fresh});
-  Stat::deriveRates(first, second);
+  const Stat::Sample second = derivedAfter(before, {after, fresh});
   EXPECT_FALSE(second.tables[0].queues.ratePerSecond);
   EXPECT_FALSE(second.tables[1].queues.ratePerSecond);
 }
@@ -152,9 +159,7 @@ TEST(StatRates, NoRateAcrossAWriterRestart) {
   after.queues.sequence = before.queues.sequence + 500;
   after.allocator.allocations = before.allocator.allocations + 5;
   after.writer.instance = before.writer.instance + 1;
-  Stat::Sample first = StatTest::sampleOf({before});
-  Stat::Sample second = StatTest::sampleOf({after});
-  Stat::deriveRates(first, second);
+  const Stat::Sample second = derivedAfter(before, {after});
   EXPECT_FALSE(second.tables[0].queues.ratePerSecond);
   EXPECT_FALSE(second.tables[0].allocator.allocationsPerSecond);
 }
@@ -165,9 +170,7 @@ TEST(StatRates, ZeroRateHasNoTimeToSwitch) {
   before.queues.secondsToSwitch.reset();
   Stat::Table after = before;
   after.readMonotonicSeconds = 101;
-  Stat::Sample first = StatTest::sampleOf({before});
-  Stat::Sample second = StatTest::sampleOf({after});
-  Stat::deriveRates(first, second);
+  const Stat::Sample second = derivedAfter(before, {after});
   EXPECT_DOUBLE_EQ(*second.tables[0].queues.ratePerSecond, 0.0);
   EXPECT_FALSE(second.tables[0].queues.secondsToSwitch);
 }
