@@ -88,18 +88,7 @@ const char* const kRegionTwoWithEmpty =
     "  offset        unit    size  preview\n"
     "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n"
     "  0x00200001       1       8  00 00 00 00 00 00 00 00                          |........|  free\n";
-// 16x4 and 8x2 units: one page each; region 1 holds 32 of 64 bytes, region 2
-// 8 of 16: 40 of 80 bytes, 50 %; both unit areas touched, no page free.
-const char* const kTotals =
-    "Region allocator statistics\n"
-    "  regions       2\n"
-    "  bytes         80\n"
-    "  used          40\n"
-    "  free          40\n"
-    "  pages free    0\n"
-    "  occupancy     50%\n"
-    "  allocations   4\n"
-    "  releases      1\n";
+using QuarryTest::kTotals;
 const char* const kRows =
     "  region  entry size     units      used  occupancy  free pages         bytes\n"
     "       2           8         2         1        50%           0            16\n"

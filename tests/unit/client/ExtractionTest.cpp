@@ -41,6 +41,11 @@ class ExtractionTest : public ::testing::Test {
     scanner.extractMmapInfo(maps(pid), records);
     return records;
   }
+  // Neither form finds a table file among the process's mappings.
+  void expectNoTableFiles(const std::string& pid) {
+    EXPECT_TRUE(byProcess(pid).empty());
+    EXPECT_TRUE(byTable(pid).empty());
+  }
   // One process's mappings of every table, by table directory.
   Heron::HeronClientScanner::TableToInfoMap byTable(const std::string& pid) {
     Heron::HeronClientScanner::TableToInfoMap tables;
@@ -96,10 +101,7 @@ TEST_F(ExtractionTest, DeletedMappingStillMatches) {
 TEST_F(ExtractionTest, PathWithoutSlashIsIgnoredByBothForms) {
   proc.addProcess("12", mapsLine("rw-p", "[heap]") + mapsLine("rw-p", "[stack]") + mapsLine("r--s", "ember"),
                   "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records = byProcess("12");
-  EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
-  EXPECT_TRUE(tables.empty());
+  expectNoTableFiles("12");
 }
 
 TEST_F(ExtractionTest, SimilarNamesAreNotHeronFiles) {
@@ -107,10 +109,7 @@ TEST_F(ExtractionTest, SimilarNamesAreNotHeronFiles) {
                   mapsLine("r--s", "/some/table/relay.10") + mapsLine("r--s", "/some/table/relay.2") +
                       mapsLine("r--s", "/some/table/Ember") + mapsLine("r--s", "/some/table/quarry"),
                   "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records = byProcess("12");
-  EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
-  EXPECT_TRUE(tables.empty());
+  expectNoTableFiles("12");
 }
 
 TEST_F(ExtractionTest, DirectoryWithOnlyOneHeronFileIsStillAKey) {

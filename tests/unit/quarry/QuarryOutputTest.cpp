@@ -200,16 +200,7 @@ TEST_F(QuarryOutputTest, RegionThatStaysInconsistentIsMarked) {
                 kRegionTwo);
   ::unlink(outputPath().c_str());
   EXPECT_EQ(stats(true, false),
-            "Region allocator statistics\n"
-            "  regions       2\n"
-            "  bytes         80\n"
-            "  used          40\n"
-            "  free          40\n"
-            "  pages free    0\n"
-            "  occupancy     50%\n"
-            "  allocations   4\n"
-            "  releases      1\n" +
-                std::string(kRowHeader) +
+            std::string(QuarryTest::kTotals) + kRowHeader +
                 "       2           8         2         1        50%           0            16\n"
                 "       1          16         4         2        50%           0            64  inconsistent\n");
 }

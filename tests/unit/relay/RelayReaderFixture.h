@@ -68,6 +68,12 @@ class RelayReaderTest : public ::testing::Test {
   void writeHeaders(const Header& primary) {
     ASSERT_TRUE(writeQueue(dir, fileBytes(primary, {}), fileBytes(secondaryHeader(), {})));
   }
+  // The full view of the standard headers, without slots, when the switch
+  // word names `table`.
+  std::string fullViewWithCurrentTable(std::uint32_t table) {
+    writeHeaders(withCurrentTable(primaryHeader(), table));
+    return scan(attached(), false);
+  }
   // A reader of the table, initialised.
   Reader& attached() {
     reader_ = std::make_unique<Reader>(handler(), root, false);

@@ -172,21 +172,13 @@ INSTANTIATE_TEST_SUITE_P(RelayScan, RelayReaderScanTest, testing::ValuesIn(scanC
                          [](const testing::TestParamInfo<ScanCase>& info) { return std::string(info.param.name); });
 
 TEST_F(RelayReaderTest, FullViewWithCurrentTableOneMarksThePrimaryBackup) {
-  Header first = primaryHeader();
-  first.currentTable = 1;
-  writeHeaders(first);
-  Reader& reader = attached();
-  std::string report = scan(reader, false);
+  const std::string report = fullViewWithCurrentTable(1);
   EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U) << report;
   EXPECT_NE(report.find("\nSecondary relay queue (active)\n"), std::string::npos) << report;
 }
 
 TEST_F(RelayReaderTest, CurrentTableTwoFullViewShowsBothAsBackup) {
-  Header first = primaryHeader();
-  first.currentTable = 2;
-  writeHeaders(first);
-  Reader& reader = attached();
-  std::string report = scan(reader, false);
+  const std::string report = fullViewWithCurrentTable(2);
   EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U) << report;
   EXPECT_NE(report.find("\nSecondary relay queue (backup)\n"), std::string::npos) << report;
   EXPECT_EQ(std::count(report.begin(), report.end(), '|'), 5);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "Collect.h"
 #include "stat/SampleFixture.h"
 
@@ -134,13 +136,21 @@ Stat::Sample derivedAfter(const Stat::Table& before, std::initializer_list<Stat:
   return second;
 }
 
-TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
+// Table "t" read at 100 s, without rates of its own, and a copy of it read
+// a second later.
+std::pair<Stat::Table, Stat::Table> readASecondApart() {
   Stat::Table before = healthyTable("t");
   before.readMonotonicSeconds = 100;
   before.queues.ratePerSecond.reset();
   before.queues.secondsToSwitch.reset();
+  before.allocator.allocationsPerSecond.reset();
   Stat::Table after = before;
   after.readMonotonicSeconds = 101;
+  return {before, after};
+}
+
+TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
+  auto [before, after] = readASecondApart();
   after.queues.sequence = before.queues.sequence - 1;
   Stat::Table fresh = before;
   fresh.identity.path = "/elsewhere";
@@ -150,12 +160,7 @@ TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
 }
 
 TEST(StatRates, NoRateAcrossAWriterRestart) {
-  Stat::Table before = healthyTable("t");
-  before.readMonotonicSeconds = 100;
-  before.queues.ratePerSecond.reset();
-  before.allocator.allocationsPerSecond.reset();
-  Stat::Table after = before;
-  after.readMonotonicSeconds = 101;
+  auto [before, after] = readASecondApart();
   after.queues.sequence = before.queues.sequence + 500;
   after.allocator.allocations = before.allocator.allocations + 5;
   after.writer.instance = before.writer.instance + 1;
@@ -165,11 +170,7 @@ TEST(StatRates, NoRateAcrossAWriterRestart) {
 }
 
 TEST(StatRates, ZeroRateHasNoTimeToSwitch) {
-  Stat::Table before = healthyTable("t");
-  before.readMonotonicSeconds = 100;
-  before.queues.secondsToSwitch.reset();
-  Stat::Table after = before;
-  after.readMonotonicSeconds = 101;
+  auto [before, after] = readASecondApart();
   const Stat::Sample second = derivedAfter(before, {after});
   EXPECT_DOUBLE_EQ(*second.tables[0].queues.ratePerSecond, 0.0);
   EXPECT_FALSE(second.tables[0].queues.secondsToSwitch);
