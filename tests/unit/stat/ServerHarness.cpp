@@ -3,9 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -93,59 +91,31 @@ std::string readAll(int fd, int seconds) {
   return raw;
 }
 
-ServerChild::ServerChild(const std::string& listen, const Stat::Endpoints& endpoints) {
-  int out[2];
-  int err[2];
-  if (::pipe(out) != 0 || ::pipe(err) != 0) {
-    return;
-  }
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    serveInChild(listen, endpoints, out, err);
-  }
-  ::close(out[1]);
-  ::close(err[1]);
-  outFd_ = out[0];
-  errFd_ = err[0];
-}
+namespace {
 
-// The server runs in the forked test process itself (no program to start),
-// with its two streams on the pipes; it never returns.
-void ServerChild::serveInChild(const std::string& listen, const Stat::Endpoints& endpoints, int out[2], int err[2]) {
-  ::dup2(out[1], 1);
-  ::dup2(err[1], 2);
-  ::close(out[0]);
-  ::close(err[0]);
+// The body of the server's process: serve() until a signal stops it.
+int serveOn(const std::string& listen, const Stat::Endpoints& endpoints) {
   Stat::ListenAddress where;
   std::string error;
   if (!Stat::parseListenAddress(listen, where, error)) {
     std::cerr << error << '\n';
-    ::_exit(2);
+    return 2;
   }
   const int status = Stat::serve(where, endpoints, std::cout, std::cerr);
   std::cout.flush();
   std::cerr.flush();
-  ::_exit(status);
+  return status;
 }
 
-ServerChild::~ServerChild() {
-  if (pid_ > 0 && !reaped_) {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-  }
-  if (outFd_ >= 0) {
-    ::close(outFd_);
-  }
-  if (errFd_ >= 0) {
-    ::close(errFd_);
-  }
-}
+}  // namespace
+
+ServerChild::ServerChild(const std::string& listen, const Stat::Endpoints& endpoints)
+    : child_([&listen, &endpoints] { return serveOn(listen, endpoints); }) {}
 
 std::string ServerChild::firstLine() {
-  readUntil(outFd_, out_, Clock::now() + std::chrono::seconds(10),
-            [](const std::string& text) { return text.find('\n') != std::string::npos; });
-  return out_.substr(0, out_.find('\n'));
+  child_.waitForLines(1, 10);
+  const std::string& out = child_.out();
+  return out.substr(0, out.find('\n'));
 }
 
 int ServerChild::port() {
@@ -158,20 +128,12 @@ int ServerChild::port() {
 }
 
 int ServerChild::wait(int seconds) {
-  const auto deadline = Clock::now() + std::chrono::seconds(seconds);
-  while (Clock::now() < deadline) {
-    int status = 0;
-    const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-    if (done == pid_) {
-      reaped_ = true;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const HeronTest::RunResult result = child_.wait(seconds);
+  if (result.timedOut) {
+    return -1;
   }
-  return -1;
+  return result.signal != 0 ? 128 + result.signal : result.status;
 }
-
-std::string ServerChild::errText() { return readAll(errFd_, 5); }
 
 int connectTo(int port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Server.h"
+#include "support/Child.h"
 
 namespace ServerTest {
 
@@ -38,28 +39,20 @@ std::string readAll(int fd, int seconds);
 class ServerChild {
  public:
   explicit ServerChild(const std::string& listen, const Stat::Endpoints& endpoints = fakeEndpoints());
-  ~ServerChild();
-  ServerChild(const ServerChild&) = delete;
-  ServerChild& operator=(const ServerChild&) = delete;
 
   // The first line on standard output, waited for up to 10 s.
   std::string firstLine();
   // The port from "listening on 127.0.0.1:PORT", or 0.
   int port();
-  // Exit status (or 128 + signal) within `seconds`, -1 when still running.
+  // Exit status (or 128 + signal) within `seconds`; -1 when it had to be
+  // killed.
   int wait(int seconds);
-  // Standard error until the child closes it (5 s at most).
-  std::string errText();
-  pid_t pid() const { return pid_; }
+  // Standard error: all of it once wait() has returned, else what came so far.
+  std::string errText() const { return child_.err(); }
+  pid_t pid() const { return child_.pid(); }
 
  private:
-  void serveInChild(const std::string& listen, const Stat::Endpoints& endpoints, int out[2], int err[2]);
-
-  pid_t pid_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
-  std::string out_;
-  bool reaped_ = false;
+  HeronTest::Child child_;
 };
 
 // The server's tests: each may start one server on a loopback port that
