@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -12,6 +11,7 @@
 
 #include "Beacon/Platform.h"
 #include "Mem/Inotify.h"
+#include "support/Child.h"
 #include "support/Handler.h"
 #include "support/TempDir.h"
 
@@ -211,27 +211,24 @@ TEST_F(InotifyTest, AForkedChildWatchesOnItsOwnInstanceWithoutTakingTheParentsEv
   Mem::WatchDescriptor parentWatch;
   ASSERT_TRUE(parentWatch.enable(dirA_, parent));
   ASSERT_EQ(::unlink((dirA_ + "/region.6").c_str()), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  HeronTest::Child child([&] {
     // The inherited descriptor delivers nothing here; a new one works.
     int status = parentWatch.poll() == 0 ? 0 : 10;
     Recorder own;
     Mem::WatchDescriptor ownWatch;
     if (!ownWatch.enable(dirB_, own)) {
-      ::_exit(11);
+      return 11;
     }
     ::unlink((dirB_ + "/region.7").c_str());
     ownWatch.poll();
     if (!own.sawDeletionOf("region.7")) {
       status = 12;
     }
-    ::_exit(status);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return status;
+  });
+  const HeronTest::RunResult result = child.wait();
+  ASSERT_TRUE(result.exited()) << result.describe();
+  EXPECT_EQ(result.status, 0) << result.describe();
   parentWatch.poll();
   EXPECT_TRUE(parent.sawDeletionOf("region.6"));
 }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +20,7 @@
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryWriter.h"
 #include "Quarry/Region.h"
+#include "support/Child.h"
 #include "support/Handler.h"
 #include "support/TempDir.h"
 
@@ -33,15 +33,14 @@ Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 std::size_t pageSize() { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)); }
 
 // Runs `body` in a child; its return value is the child's exit status.
-// Returns the wait status.
-int inChild(const std::function<int()>& body) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::_exit(body());
+HeronTest::RunResult inChild(const std::function<int()>& body) { return HeronTest::Child(body).wait(); }
+
+// Whether the child ended with status 0.
+::testing::AssertionResult endedWell(const HeronTest::RunResult& result) {
+  if (result.exited() && result.status == 0) {
+    return ::testing::AssertionSuccess();
   }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return status;
+  return ::testing::AssertionFailure() << result.describe() << ": " << result.err;
 }
 
 // Two pages of 'x', mapped read-only; the file is cut by cut().
@@ -133,7 +132,7 @@ struct EmbeddedReader {
 
 TEST(MappingGuard, CutFileInsideARegisteredRangeReadsZeros) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     if (!Beacon::MappingGuard::install()) {
       return 10;
     }
@@ -147,14 +146,14 @@ TEST(MappingGuard, CutFileInsideARegisteredRangeReadsZeros) {
     }
     return file.load(0) == 0 && file.load(pageSize() + 7) == 0 ? 0 : 13;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(endedWell(status));
 }
 
 // Without install(), a program that embeds a reader keeps its own handler:
 // mapping a table file changes nothing about SIGBUS.
 TEST(MappingGuard, ReadersLeaveTheProgramsHandlerInPlace) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     installProgramHandler();
     EmbeddedReader embedded(dir.path());
     if (!embedded.ok) {
@@ -169,14 +168,14 @@ TEST(MappingGuard, ReadersLeaveTheProgramsHandlerInPlace) {
     }
     return ownFaultReachesProgram(own) ? 0 : 13;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(endedWell(status));
 }
 
 // A program that installs the guard over its own handler: the reader's cut
 // file reads zeros, the program's own cut file still reaches its handler.
 TEST(MappingGuard, ProgramsOwnFaultsStillReachItsHandler) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     installProgramHandler();
     if (!Beacon::MappingGuard::install()) {
       return 10;
@@ -195,14 +194,14 @@ TEST(MappingGuard, ProgramsOwnFaultsStillReachItsHandler) {
     }
     return ownFaultReachesProgram(own) ? 0 : 14;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(endedWell(status));
 }
 
 // No handler before install(): a fault outside every range ends the process
 // with SIGBUS, as it would without the guard.
 TEST(MappingGuard, FaultOutsideTheRangesTakesTheDefaultAction) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     struct sigaction fallback {};
     fallback.sa_handler = SIG_DFL;
     ::sigemptyset(&fallback.sa_mask);
@@ -217,12 +216,12 @@ TEST(MappingGuard, FaultOutsideTheRangesTakesTheDefaultAction) {
     (void)own.load(5);
     return 12;
   });
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << status;
+  EXPECT_EQ(status.signal, SIGBUS) << status.describe();
 }
 
 // A sent SIGBUS, nobody's fault, also goes to the program's handler.
 TEST(MappingGuard, SentSignalReachesTheProgramsHandler) {
-  const int status = inChild([] {
+  const HeronTest::RunResult status = inChild([] {
     installProgramHandler();
     if (!Beacon::MappingGuard::install()) {
       return 10;
@@ -233,7 +232,7 @@ TEST(MappingGuard, SentSignalReachesTheProgramsHandler) {
     }
     return programCalls == 1 ? 0 : 12;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(endedWell(status));
 }
 
 // errno of the interrupted code survives the handler, whatever the handler
@@ -249,7 +248,7 @@ void patchingProgramHandler(int, siginfo_t* info, void*) {
 
 TEST(MappingGuard, ErrnoIsKept) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     struct sigaction action {};
     action.sa_sigaction = &patchingProgramHandler;
     action.sa_flags = SA_SIGINFO;
@@ -267,12 +266,12 @@ TEST(MappingGuard, ErrnoIsKept) {
     const unsigned char byte = own.load(9);
     return byte == 0 && errno == EDOM ? 0 : 12;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(endedWell(status));
 }
 
 // The utility's entry installs the guard for its process.
 TEST(MappingGuard, HeronMainInstallsIt) {
-  const int status = inChild([] {
+  const HeronTest::RunResult status = inChild([] {
     if (Beacon::MappingGuard::installed()) {
       return 10;
     }
@@ -285,7 +284,7 @@ TEST(MappingGuard, HeronMainInstallsIt) {
     (void)Heron::main(2, argv);
     return Beacon::MappingGuard::installed() ? 0 : 12;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(endedWell(status));
 }
 
 TEST(MappingGuard, TableIsBoundedAndSlotsAreReused) {

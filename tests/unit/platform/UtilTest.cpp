@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -99,13 +98,10 @@ TEST(ReadPidCmdlineLive, RealProcess) {
 }
 
 TEST(ReadPidCmdlineLive, VanishedProcessIsEmpty) {
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::_exit(0);
-  }
-  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-  EXPECT_EQ(Beacon::Util::readPidCmdline(handler(), child), "");
+  HeronTest::Child child([] { return 0; });
+  ASSERT_TRUE(child.started()) << child.error();
+  ASSERT_EQ(child.wait().status, 0);
+  EXPECT_EQ(Beacon::Util::readPidCmdline(handler(), child.pid()), "");
 }
 
 TEST(VersionedRef, PrintsValueThenVersionInDecimal) {
