@@ -23,6 +23,7 @@
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/Child.h"
 #include "support/LiveQuarryWriter.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
@@ -342,16 +343,13 @@ TEST_F(QuarryCli, FifoInPlaceOfATableFileNeverBlocks) {
 TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   ASSERT_EQ(sim({"create", "t", "--regions", "16x64,64x64"}).status, 0);
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    HeronTest::runLiveWriter(Mem::RootPath(table("t")), std::chrono::milliseconds(2000));
-  }
+  HeronTest::Child writer(
+      [&] { return HeronTest::runLiveWriter(Mem::RootPath(table("t")), std::chrono::milliseconds(2000)); });
+  ASSERT_TRUE(writer.started()) << writer.error();
   unsigned runs = 0;
   unsigned entries = 0;
-  int status = 0;
   const std::vector<std::vector<std::string>> options{{"-s", "t"}, {"-d", "t"}, {"-R", "t"}, {"-s", "-O", "t"}};
-  while (::waitpid(child, &status, WNOHANG) == 0) {
+  while (writer.running()) {
     Outcome r = heron(options[runs % 4]);
     ASSERT_EQ(r.status, 0) << r.err;
     std::istringstream lines(r.out);
@@ -368,8 +366,9 @@ TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
     }
     ++runs;
   }
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  const HeronTest::RunResult ended = writer.wait();
+  ASSERT_TRUE(ended.exited()) << ended.describe();
+  EXPECT_EQ(ended.status, 0) << ended.err;
   EXPECT_GT(runs, 4U);
   EXPECT_GT(entries, 0U);
 }

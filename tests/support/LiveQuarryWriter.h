@@ -2,8 +2,6 @@
 // a reader can check: a torn, zeroed or foreign entry fails the check.
 #pragma once
 
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -44,12 +42,13 @@ inline bool payloadValid(const std::string& text) {
 }
 
 // Allocates, updates, releases, creates and deletes regions at full speed
-// for `duration`, then ends the process: run in a forked child.
-[[noreturn]] inline void runLiveWriter(const Mem::RootPath& root, std::chrono::milliseconds duration) {
+// for `duration`; the status of the process it runs in (a HeronTest::Child):
+// 0, or 2 when the table cannot be opened.
+inline int runLiveWriter(const Mem::RootPath& root, std::chrono::milliseconds duration) {
   Quarry::QuarryWriter writer(quietHandler(), root);
   std::string error;
   if (!writer.open(error)) {
-    ::_exit(2);
+    return 2;
   }
   std::mt19937 random(99);
   std::vector<std::uint32_t> live;
@@ -83,7 +82,7 @@ inline bool payloadValid(const std::string& text) {
       live.pop_back();
     }
   }
-  ::_exit(0);
+  return 0;
 }
 
 }  // namespace HeronTest

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "integration/client/ClientHarness.h"
+#include "support/Child.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -414,8 +415,7 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
   const std::string pidFile = root + "/churn-pids";
   // A spawner process starts 200 short-lived clients of "churn", one every
   // few milliseconds, and writes down each client's pid.
-  pid_t spawner = ::fork();
-  if (spawner == 0) {
+  HeronTest::Child spawner([&] {
     std::FILE* pids = std::fopen(pidFile.c_str(), "w");
     for (int i = 0; i < 200; ++i) {
       pid_t client = ::fork();
@@ -438,9 +438,9 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
     while (::waitpid(-1, nullptr, 0) > 0) {
     }
     std::fclose(pids);
-    ::_exit(0);
-  }
-  ASSERT_GT(spawner, 0);
+    return 0;
+  });
+  ASSERT_TRUE(spawner.started()) << spawner.error();
   const std::string steadyPid = std::to_string(steady.pid());
   const std::string steadyWhat = "Tables with client ( pid: " + steadyPid +
                                  " ) of Type Writer:\nTables with client ( pid: " + steadyPid + " ) of Type Shadow:\n" +
@@ -449,7 +449,7 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
   int runs = 0;
   bool spawnerDone = false;
   while (!spawnerDone || runs < 4) {
-    spawnerDone = spawnerDone || ::waitpid(spawner, nullptr, WNOHANG) == spawner;
+    spawnerDone = spawnerDone || !spawner.running();
     auto all = heron({"-A"});
     ASSERT_EQ(all.status, 0) << all.err;
     auto tables = blocks(all.out);

@@ -11,6 +11,7 @@
 #include "Quarry/QuarryReader.h"
 #include "QuarryFixture.h"
 #include "readers/QuarryHelperScanner.h"
+#include "support/Child.h"
 #include "support/LiveQuarryWriter.h"
 
 using Quarry::Offset;
@@ -38,15 +39,11 @@ TEST_F(QuarryLiveTest, ScannersReadAFullSpeedWriterWithoutCrashOrForeignEntries)
   region(16, 64);
   region(64, 64);
   writer_.reset();
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    HeronTest::runLiveWriter(root_, std::chrono::milliseconds(1500));
-  }
+  HeronTest::Child writer([&] { return HeronTest::runLiveWriter(root_, std::chrono::milliseconds(1500)); });
+  ASSERT_TRUE(writer.started()) << writer.error();
   unsigned scans = 0;
   unsigned entries = 0;
-  int status = 0;
-  while (::waitpid(child, &status, WNOHANG) == 0) {
+  while (writer.running()) {
     ::unlink(outputPath().c_str());
     {
       Scanner scanner(handler_, root_, outputPath());
@@ -76,8 +73,9 @@ TEST_F(QuarryLiveTest, ScannersReadAFullSpeedWriterWithoutCrashOrForeignEntries)
     }
     ++scans;
   }
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  const HeronTest::RunResult ended = writer.wait();
+  ASSERT_TRUE(ended.exited()) << ended.describe();
+  EXPECT_EQ(ended.status, 0) << ended.err;
   EXPECT_GT(scans, 1U);
   EXPECT_GT(entries, 0U);
   std::printf("live: %u scans, %u entries checked\n", scans, entries);
