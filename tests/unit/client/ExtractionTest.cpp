@@ -41,6 +41,14 @@ class ExtractionTest : public ::testing::Test {
     scanner.extractMmapInfo(maps(pid), records);
     return records;
   }
+  // What extractMmapInfo() traces, with `mask`, over one process's maps;
+  // its records in `records`.
+  std::string tracedByProcess(const std::string& pid, std::uint64_t mask, std::vector<Heron::MmapInfo>& records) {
+    HeronTest::TraceMask traced(mask);
+    testing::internal::CaptureStderr();
+    scanner.extractMmapInfo(maps(pid), records);
+    return testing::internal::GetCapturedStderr();
+  }
   // Neither form finds a table file among the process's mappings.
   void expectNoTableFiles(const std::string& pid) {
     EXPECT_TRUE(byProcess(pid).empty());
@@ -144,11 +152,8 @@ TEST_F(ExtractionTest, SelfWithErrnoClearIsPidZeroWithOwnProcessName) {
 
 TEST_F(ExtractionTest, EmptyMapsFileAddsAndTracesNothingButTheStart) {
   proc.addProcess("12", "", "/usr/bin/view");
-  HeronTest::TraceMask mask(0x221);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x221, records);
   EXPECT_TRUE(records.empty());
   EXPECT_EQ(countLines(traces), 1U) << traces;
   EXPECT_NE(traces.find("Extracting mmap info for rootpath: /some/table, filePath: " + maps("12")), std::string::npos)
@@ -171,11 +176,8 @@ TEST_F(ExtractionTest, AnonymousOnlyMapsFileAddsAndTracesNothingButTheStart) {
 
 TEST_F(ExtractionTest, PerLineTracesAtLevelNine) {
   proc.addProcess("12", mapsLine("r--s", "/some/table/ember"), "/usr/bin/view");
-  HeronTest::TraceMask mask(0x200);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x200, records);
   EXPECT_NE(traces.find("mmapRegion: /some/table/ember"), std::string::npos) << traces;
   EXPECT_NE(traces.find("heronFileType: ember"), std::string::npos) << traces;
   EXPECT_NE(traces.find("Added: 12|view|r--s|ember|"), std::string::npos) << traces;
@@ -186,11 +188,8 @@ TEST_F(ExtractionTest, PerLineTracesAtLevelNine) {
 
 TEST_F(ExtractionTest, UnreadableExeLinkContributesNothing) {
   proc.addProcess("12", mapsLine("r--s", "/some/table/relay.1"), "");
-  HeronTest::TraceMask mask(0x20);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x20, records);
   EXPECT_TRUE(records.empty());
   EXPECT_NE(traces.find("file " + proc.root() + "/12/exe no longer exists"), std::string::npos) << traces;
   Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
@@ -200,11 +199,8 @@ TEST_F(ExtractionTest, UnreadableExeLinkContributesNothing) {
 TEST_F(ExtractionTest, VanishedMapsFileIsSkippedWithTrace) {
   proc.addProcess("12", "", "/usr/bin/view");
   ::unlink(maps("12").c_str());
-  HeronTest::TraceMask mask(0x20);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x20, records);
   EXPECT_TRUE(records.empty());
   EXPECT_NE(traces.find("file " + maps("12") + " no longer exists"), std::string::npos) << traces;
 }
