@@ -129,13 +129,7 @@ class RelayCli : public ::testing::Test {
   }
 
   static std::string individual(SharedMem::EmberId id, const std::string& notifications, unsigned position) {
-    std::string pid = std::to_string(id.pid);
-    std::string instance = std::to_string(id.instanceId);
-    return "\n\t\tMagic: 0x59414c45524e5248 (\"HRNRELAY\")\n"
-           "\t\tVersion: 1\n"
-           "\t\tEmber: " +
-           pid + "." + instance + " (pid: " + pid + " instanceId: " + instance + ")\n" +
-           "\t\tNotifications: " + notifications + "\n\t\tCurrent position: " + std::to_string(position) + "\n";
+    return RelayTest::individualHeader(id, notifications, position);
   }
 
   RelayTest::TempDir temp;

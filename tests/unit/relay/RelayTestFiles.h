@@ -108,6 +108,16 @@ inline std::string timing(const std::string& report) {
   return at == std::string::npos ? std::string() : report.substr(at);
 }
 
+// One table's header as the statistics block prints it, after a line end:
+// the magic of the format, its version, then the fields of the header.
+inline std::string individualHeader(SharedMem::EmberId id, const std::string& notifications, unsigned position) {
+  const std::string pid = std::to_string(id.pid);
+  const std::string instance = std::to_string(id.instanceId);
+  return "\n\t\tMagic: 0x59414c45524e5248 (\"HRNRELAY\")\n\t\tVersion: 1\n\t\tEmber: " + pid + "." + instance +
+         " (pid: " + pid + " instanceId: " + instance + ")\n\t\tNotifications: " + notifications +
+         "\n\t\tCurrent position: " + std::to_string(position) + "\n";
+}
+
 // The heading of one table of a queue in a scan report: its name and role,
 // its header's fields one to a line, then a blank line.
 inline std::string queueHeading(const std::string& table, const std::string& role, const std::string& notifications,

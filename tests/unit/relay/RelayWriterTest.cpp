@@ -50,6 +50,17 @@ class RelayWriterTest : public ::testing::Test {
   std::string primary = dir + "/relay.1";
   std::string secondary = dir + "/relay.2";
   SharedMem::EmberId ember{4711, 2};
+
+  // Creates the queue with `capacity` slots through writer_.
+  ::testing::AssertionResult create(unsigned capacity) {
+    writer_ = std::make_unique<RelayWriter>(RelayTest::handler(), root);
+    std::string error;
+    if (!writer_->create(capacity, ember, error)) {
+      return ::testing::AssertionFailure() << error;
+    }
+    return ::testing::AssertionSuccess();
+  }
+  std::unique_ptr<RelayWriter> writer_;
 };
 
 }  // namespace
@@ -111,9 +122,8 @@ TEST_F(RelayWriterTest, OpenAcceptsAQueueLargerThanFourGibibytes) {
 }
 
 TEST_F(RelayWriterTest, CreateOpensTheWriter) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   EXPECT_TRUE(writer.isOpen());
   EXPECT_EQ(writer.capacity(), 4U);
   EXPECT_EQ(writer.currentTable(), Table::PRIMARY);
@@ -122,9 +132,8 @@ TEST_F(RelayWriterTest, CreateOpensTheWriter) {
 }
 
 TEST_F(RelayWriterTest, AppendWritesSlotAndPublishesPosition) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   EXPECT_EQ(writer.append(Quarry::Offset::encode(3, 4), 64), 1U);
   EXPECT_EQ(writer.append(Quarry::Offset::encode(3, 5), 65), 2U);
   Notification first = readSlot(primary, 0);
@@ -141,9 +150,8 @@ TEST_F(RelayWriterTest, AppendWritesSlotAndPublishesPosition) {
 }
 
 TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(2, ember, error)) << error;
+  ASSERT_TRUE(create(2));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   writer.append(2, 2);
   EXPECT_EQ(writer.currentTable(), Table::PRIMARY);
@@ -163,9 +171,8 @@ TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
 }
 
 TEST_F(RelayWriterTest, SwitchingBackResetsThePrimary) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(1, ember, error)) << error;
+  ASSERT_TRUE(create(1));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   writer.append(2, 2);  // to secondary
   writer.append(3, 3);  // back to primary, reset
@@ -180,9 +187,8 @@ TEST_F(RelayWriterTest, SwitchingBackResetsThePrimary) {
 }
 
 TEST_F(RelayWriterTest, SwitchTablesOnDemand) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(8, ember, error)) << error;
+  ASSERT_TRUE(create(8));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   writer.switchTables();
   EXPECT_EQ(writer.currentTable(), Table::SECONDARY);
@@ -192,9 +198,8 @@ TEST_F(RelayWriterTest, SwitchTablesOnDemand) {
 }
 
 TEST_F(RelayWriterTest, TombstoneBySequenceInActiveTable) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   writer.append(10, 1);
   std::uint64_t second = writer.append(11, 2);
   EXPECT_TRUE(writer.tombstone(second));
@@ -204,9 +209,8 @@ TEST_F(RelayWriterTest, TombstoneBySequenceInActiveTable) {
 }
 
 TEST_F(RelayWriterTest, TombstoneBySequenceInBackupTable) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(2, ember, error)) << error;
+  ASSERT_TRUE(create(2));
+  RelayWriter& writer = *writer_;
   std::uint64_t first = writer.append(10, 1);
   writer.append(11, 1);
   writer.append(12, 1);  // now in the secondary
@@ -215,9 +219,8 @@ TEST_F(RelayWriterTest, TombstoneBySequenceInBackupTable) {
 }
 
 TEST_F(RelayWriterTest, TombstoneOfOverwrittenSequenceFails) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(1, ember, error)) << error;
+  ASSERT_TRUE(create(1));
+  RelayWriter& writer = *writer_;
   std::uint64_t first = writer.append(10, 1);
   writer.append(11, 1);
   writer.append(12, 1);  // the primary was reset
@@ -227,18 +230,17 @@ TEST_F(RelayWriterTest, TombstoneOfOverwrittenSequenceFails) {
 }
 
 TEST_F(RelayWriterTest, TombstoneByPosition) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(3, ember, error)) << error;
+  ASSERT_TRUE(create(3));
+  RelayWriter& writer = *writer_;
   EXPECT_TRUE(writer.tombstone(Table::SECONDARY, 2));
   EXPECT_EQ(readSlot(secondary, 2).offset, Quarry::Offset::TOMBSTONED);
   EXPECT_FALSE(writer.tombstone(Table::SECONDARY, 3));
 }
 
 TEST_F(RelayWriterTest, GrowExtendsBothFilesAndBumpsTheVersion) {
-  RelayWriter writer(RelayTest::handler(), root);
   std::string error;
-  ASSERT_TRUE(writer.create(2, ember, error)) << error;
+  ASSERT_TRUE(create(2));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   ASSERT_TRUE(writer.grow(10, error)) << error;
   EXPECT_EQ(writer.capacity(), 10U);
@@ -257,9 +259,9 @@ TEST_F(RelayWriterTest, GrowExtendsBothFilesAndBumpsTheVersion) {
 }
 
 TEST_F(RelayWriterTest, GrowRefusesASmallerOrEqualCapacity) {
-  RelayWriter writer(RelayTest::handler(), root);
   std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   EXPECT_FALSE(writer.grow(4, error));
   EXPECT_EQ(error, "a capacity of 4 is not above the current 4");
   EXPECT_EQ(writer.capacity(), 4U);
@@ -301,17 +303,15 @@ TEST_F(RelayWriterTest, OpenRejectsMissingFiles) {
 }
 
 TEST_F(RelayWriterTest, CapacityZeroTakesNoAppends) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(0, ember, error)) << error;
+  ASSERT_TRUE(create(0));
+  RelayWriter& writer = *writer_;
   EXPECT_EQ(writer.append(1, 1), 0U);
   EXPECT_EQ(readHeader(primary).currentPos, 0U);
 }
 
 TEST_F(RelayWriterTest, SetConnectedReadersWritesThePrimary) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(1, ember, error)) << error;
+  ASSERT_TRUE(create(1));
+  RelayWriter& writer = *writer_;
   writer.setConnectedReaders(3);
   EXPECT_EQ(readHeader(primary).connectedReaders, 3U);
   EXPECT_EQ(readHeader(secondary).connectedReaders, 0U);
