@@ -20,6 +20,13 @@ class CategorizeTest : public ::testing::Test {
   std::unordered_set<int> shadowPids;
 
   bool categorize(const MmapInfo& info) { return scanner.categorizeClient(info, table, writerFound, shadowPids); }
+  // What categorize() traces with `mask`; what it returns in `result`.
+  std::string traced(std::uint64_t mask, const MmapInfo& info, bool& result) {
+    HeronTest::TraceMask traces(mask);
+    testing::internal::CaptureStderr();
+    result = categorize(info);
+    return testing::internal::GetCapturedStderr();
+  }
   const Heron::Model::HeronClientList& writers() const { return table.clients.at(Heron::Writer); }
   const Heron::Model::HeronClientList& shadows() const { return table.clients.at(Heron::Shadow); }
 };
@@ -36,10 +43,9 @@ TEST_F(CategorizeTest, FirstReadWriteMappingIsTheOnlyWriter) {
 }
 
 TEST_F(CategorizeTest, EmptyPermissionsStopEvenWithGoodFileType) {
-  HeronTest::TraceMask mask(0x1);
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(categorize(MmapInfo(10, "a", "", "relay.1")));
-  std::string traces = testing::internal::GetCapturedStderr();
+  bool stopped = false;
+  const std::string traces = traced(0x1, MmapInfo(10, "a", "", "relay.1"), stopped);
+  EXPECT_TRUE(stopped);
   EXPECT_NE(traces.find("Failed to tokenize: 10|a||relay.1|"), std::string::npos) << traces;
   EXPECT_TRUE(writers().empty());
   EXPECT_TRUE(shadows().empty());
@@ -51,10 +57,9 @@ TEST_F(CategorizeTest, EmptyNameOrFileTypeStops) {
 }
 
 TEST_F(CategorizeTest, ReadOnlyUnknownFileTypeStops) {
-  HeronTest::TraceMask mask(0x200);
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(categorize(MmapInfo(10, "a", "r--s", "relay.2")));
-  std::string traces = testing::internal::GetCapturedStderr();
+  bool stopped = false;
+  const std::string traces = traced(0x200, MmapInfo(10, "a", "r--s", "relay.2"), stopped);
+  EXPECT_TRUE(stopped);
   EXPECT_NE(traces.find("Unexpected heron file relay.2"), std::string::npos) << traces;
 }
 
