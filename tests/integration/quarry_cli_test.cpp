@@ -70,6 +70,12 @@ class QuarryCli : public ::testing::Test {
     ASSERT_TRUE(QuarryTest::fillSmallTable(writer, 1, 2));
   }
 
+  // The small table, which heron can dump end to end only with its queue.
+  void makeDumpableSmallTable() {
+    ASSERT_NO_FATAL_FAILURE(makeSmallTable());
+    ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  }
+
   HeronTest::TempDir rootDir_{"quarry-cli"};
   std::string root_ = rootDir_.path();
 };
@@ -173,8 +179,7 @@ TEST_F(QuarryCli, TruncatedAllocatorFailsToInitialize) {
 }
 
 TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-s", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
@@ -183,8 +188,7 @@ TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
 }
 
 TEST_F(QuarryCli, DetailAddsTheRegionRows) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-d", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, std::string(kTotals) + kRows)) << r.out;
@@ -220,8 +224,7 @@ TEST_F(QuarryCli, SortByOccupancyWithStats) {
 }
 
 TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-s", "-q", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
@@ -229,24 +232,21 @@ TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
 }
 
 TEST_F(QuarryCli, RegionsDumpEveryRegion) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOne) + kRegionTwo);
 }
 
 TEST_F(QuarryCli, RegionsWithEmptyEntries) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-R", "-e", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOneWithEmpty) + kRegionTwoWithEmpty);
 }
 
 TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome two = heron({"-r", "2", "t"});
   EXPECT_EQ(two.status, 0) << two.err;
   EXPECT_EQ(two.out, kRegionTwo);
@@ -257,8 +257,7 @@ TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
 }
 
 TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-a", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   const std::string regions = std::string(kRegionOne) + kRegionTwo;
@@ -266,8 +265,7 @@ TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
 }
 
 TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   // Outside the collection root: heron refuses to write into it.
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/stats.txt";
@@ -284,8 +282,7 @@ TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
 }
 
 TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/dump.txt";
   Outcome toFile = heron({"-f", file, "-a", "t"});
@@ -298,8 +295,7 @@ TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
 }
 
 TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_EQ(::truncate((table("t") + "/region.1").c_str(), 100), 0);
   Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
@@ -307,8 +303,7 @@ TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
 }
 
 TEST_F(QuarryCli, FifoInPlaceOfARegionIsReportedNotWaitedOn) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_EQ(::mkfifo((table("t") + "/region.9").c_str(), 0644), 0);
   Outcome stats = heron({"-s", "t"}, 20);
   EXPECT_EQ(stats.status, 0) << stats.err;
@@ -386,8 +381,7 @@ bool patchWord(const std::string& path, off_t offset, std::uint32_t value) {
 constexpr off_t kUsedUnitsAt = 16;
 
 TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 0xFFFFFFFFU));
   Outcome detail = heron({"-d", "t"});
   EXPECT_EQ(detail.status, 0) << detail.err;
@@ -404,8 +398,7 @@ TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
 }
 
 TEST_F(QuarryCli, BitmapThatDisagreesWithTheUsedCountIsMarked) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 1));
   Outcome detail = heron({"-d", "t"});
   EXPECT_EQ(detail.status, 0) << detail.err;

@@ -85,6 +85,11 @@ class ClientReportsTest : public ::testing::Test {
   // Creates a table with heron-sim; records whether the simulator made the
   // queue and allocator files, and adds empty stand-ins for the two mapped
   // files when it did not, so that processes can still attach.
+  void createTables(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      ASSERT_NO_FATAL_FAILURE(createTable(name));
+    }
+  }
   void createTable(const std::string& name, const std::vector<std::string>& extra = {}) {
     std::vector<std::string> argv{ClientTest::binDir() + "/heron-sim", "create", name};
     argv.insert(argv.end(), extra.begin(), extra.end());
@@ -127,8 +132,7 @@ class ClientReportsTest : public ::testing::Test {
 };
 
 TEST_F(ClientReportsTest, WhoAllShowsTheWriterAndShadowsOfTwoTables) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writerA({"alpha"}, true);
   Shadow shadowA1({"alpha"}, false);
   Shadow shadowA2({"alpha"}, false);
@@ -156,8 +160,7 @@ TEST_F(ClientReportsTest, WhoAllShowsTheWriterAndShadowsOfTwoTables) {
 }
 
 TEST_F(ClientReportsTest, WhoListsTheClientsOfOneTableUnderItsRootPath) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writer({"alpha"}, true);
   Shadow shadow({"alpha"}, false);
   Shadow other({"beta"}, false);
@@ -205,8 +208,7 @@ TEST_F(ClientReportsTest, BothReadersFailingWriteBothLinesQuarryFirst) {
 }
 
 TEST_F(ClientReportsTest, WhatListsTheTablesOfAPidUnderEachRole) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writer({"alpha"}, true);
   Shadow both({"alpha", "beta"}, false);
   ASSERT_TRUE(writer.attached() && both.attached());
@@ -372,8 +374,7 @@ TEST_F(ClientReportsTest, RootWarningForAnUnprivilegedUser) {
 }
 
 TEST_F(ClientReportsTest, ListedClientsMatchWhatFuserAndLsofSee) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writerA({"alpha"}, true);
   Shadow shadowA({"alpha"}, false);
   Shadow both({"alpha", "beta"}, false);
