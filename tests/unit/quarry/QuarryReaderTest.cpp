@@ -20,6 +20,16 @@ class QuarryReaderTest : public QuarryTest::TableDir {
     scanner->attachRegions();
     return scanner;
   }
+  // Two regions of 64 x 4 units, and a scanner of them that notes in
+  // detached_ each region it lets go.
+  std::unique_ptr<Scanner> twoRegionsWatched() {
+    region(64, 4);
+    region(64, 4);
+    auto scanner = attached();
+    scanner->setOnRegionDetached([this](std::uint32_t id) { detached_.push_back(id); });
+    return scanner;
+  }
+  std::vector<std::uint32_t> detached_;
 };
 
 TEST_F(QuarryReaderTest, InitializeFailsWithoutTheAllocatorFile) {
@@ -102,13 +112,9 @@ TEST_F(QuarryReaderTest, CreateAndModifyEventsAreOnlyCounted) {
 }
 
 TEST_F(QuarryReaderTest, DeletionOfAKnownRegionDetachesItAndCallsTheCallback) {
-  region(64, 4);
-  region(64, 4);
-  auto scanner = attached();
-  std::vector<std::uint32_t> detached;
-  scanner->setOnRegionDetached([&detached](std::uint32_t id) { detached.push_back(id); });
+  auto scanner = twoRegionsWatched();
   scanner->notify("region.2", IN_DELETE);
-  EXPECT_EQ(detached, std::vector<std::uint32_t>{2});
+  EXPECT_EQ(detached_, std::vector<std::uint32_t>{2});
   EXPECT_EQ(scanner->attachedRegions(), 1U);
   EXPECT_FALSE(scanner->isAttached(2));
   EXPECT_EQ(scanner->detachedRegions(), 1U);
@@ -163,14 +169,10 @@ TEST_F(QuarryReaderTest, DetachedRegionsAreParkedWhenRetirementIsOn) {
 }
 
 TEST_F(QuarryReaderTest, RealDeletionIsSeenThroughTheWatch) {
-  region(64, 4);
-  region(64, 4);
-  auto scanner = attached();
-  std::vector<std::uint32_t> detached;
-  scanner->setOnRegionDetached([&detached](std::uint32_t id) { detached.push_back(id); });
+  auto scanner = twoRegionsWatched();
   ASSERT_TRUE(writer_->deleteRegion(1));
   scanner->pollEvents();
-  EXPECT_EQ(detached, std::vector<std::uint32_t>{1});
+  EXPECT_EQ(detached_, std::vector<std::uint32_t>{1});
   EXPECT_FALSE(scanner->isAttached(1));
   EXPECT_TRUE(scanner->isAttached(2));
 }

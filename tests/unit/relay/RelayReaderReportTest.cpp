@@ -182,8 +182,7 @@ TEST_F(RelayReaderTest, PositionSevenIsPaddedWithNineBlanks) {
     slots.push_back(slot(100 + i, Quarry::Offset::encode(1, i), i));
   }
   ASSERT_TRUE(writeQueue(dir, fileBytes(first, slots), fileBytes(validHeader(0), {})));
-  Reader& reader = attached();
-  std::string report = scan(reader, true);
+  const std::string report = scan(attached(), true);
   EXPECT_NE(report.find("\npos: 7         "
                         "  |  "
                         "seq: 107         offset: 0x00100007 (1:7)           size: 7\n"),
@@ -193,8 +192,7 @@ TEST_F(RelayReaderTest, PositionSevenIsPaddedWithNineBlanks) {
 
 TEST_F(RelayReaderTest, TimingLineComesLastWithALineEnd) {
   writeStandardQueue();
-  Reader& reader = attached();
-  std::string report = scan(reader, false);
+  const std::string report = scan(attached(), false);
   std::string tail = timing(report);
   EXPECT_EQ(report.size() - tail.size(), beforeTiming(report).size());
   EXPECT_TRUE(std::regex_match(tail, timingZero())) << tail;

@@ -17,14 +17,23 @@ using RelayTest::timingZero;
 
 // --- on files written by the writer --------------------------------------
 
+namespace {
+
+// Appends `count` entries through the fixture's writer: entry i is unit i
+// of region 1, 10 * i bytes.
+void appendTens(Relay::RelayWriter& writer, std::uint32_t count) {
+  for (std::uint32_t i = 1; i <= count; ++i) {
+    writer.append(Quarry::Offset::encode(1, i), 10 * i);
+  }
+}
+
+}  // namespace
+
 TEST_F(RelayReaderTest, WriterFilesFullViewAfterSwitchAndTombstone) {
   ASSERT_TRUE(createWriter(2, SharedMem::EmberId{4711, 2}));
-  writer().append(Quarry::Offset::encode(1, 1), 10);
-  writer().append(Quarry::Offset::encode(1, 2), 20);
-  writer().append(Quarry::Offset::encode(1, 3), 30);  // switches to the secondary
+  appendTens(writer(), 3);  // the third switches to the secondary
   ASSERT_TRUE(writer().tombstone(std::uint64_t{2}));
-  Reader& reader = attached();
-  std::string report = scan(reader, false);
+  const std::string report = scan(attached(), false);
   EXPECT_EQ(beforeTiming(report),
             RelayTest::queueHeading("Primary", "backup", "2 (v1)", 2, 1, 3, 0) +
                 "pos: 0           |  seq: 1           offset: 0x00100001 (1:1)           size: 10\n"
@@ -39,13 +48,9 @@ TEST_F(RelayReaderTest, WriterFilesFullViewAfterSwitchAndTombstone) {
 
 TEST_F(RelayReaderTest, WriterFilesActiveOnlyAfterSwitch) {
   ASSERT_TRUE(createWriter(2, SharedMem::EmberId{4711, 2}));
-  writer().append(Quarry::Offset::encode(1, 1), 10);
-  writer().append(Quarry::Offset::encode(1, 2), 20);
-  writer().append(Quarry::Offset::encode(1, 3), 30);
-  writer().append(Quarry::Offset::encode(1, 4), 40);
+  appendTens(writer(), 4);
   ASSERT_TRUE(writer().tombstone(std::uint64_t{3}));
-  Reader& reader = attached();
-  std::string report = scan(reader, true);
+  const std::string report = scan(attached(), true);
   EXPECT_EQ(beforeTiming(report),
             RelayTest::queueHeading("Secondary", "active", "2 (v1)", 2, 3, 5, 1) +
                 "pos: 1           |  seq: 4           offset: 0x00100004 (1:4)           size: 40\n"
@@ -73,8 +78,7 @@ TEST_F(RelayReaderTest, LargeReportIsWholeAndInOrder) {
   for (std::uint32_t i = 0; i < 9000; ++i) {
     writer().append(Quarry::Offset::encode(1, i), i);
   }
-  Reader& reader = attached();
-  std::string report = scan(reader, false);
+  const std::string report = scan(attached(), false);
   EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 7 + 6000 + 1 + 7 + 6000 + 1 + 2);
   EXPECT_EQ(report.rfind("Primary relay queue (backup)\n", 0), 0U);
   EXPECT_NE(report.find("\npos: 5999        |  seq: 6000        offset: 0x0010176f (1:5999)        size: 5999\n\n"
