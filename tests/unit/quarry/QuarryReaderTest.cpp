@@ -29,6 +29,12 @@ class QuarryReaderTest : public QuarryTest::TableDir {
     scanner->setOnRegionDetached([this](std::uint32_t id) { detached_.push_back(id); });
     return scanner;
   }
+  // What the scanner traces of the deletion of `name`.
+  static std::string deletionTraces(Scanner& scanner, const std::string& name) {
+    ::testing::internal::CaptureStderr();
+    scanner.notify(name, IN_DELETE);
+    return ::testing::internal::GetCapturedStderr();
+  }
   std::vector<std::uint32_t> detached_;
 };
 
@@ -136,9 +142,7 @@ TEST_F(QuarryReaderTest, DeletionOfANonRegionNameIsIgnored) {
 TEST_F(QuarryReaderTest, DeletionOfAnUnknownRegionIsTracedAsBogus) {
   handler_.setMask(1U << 5);
   auto scanner = attached();
-  ::testing::internal::CaptureStderr();
-  scanner->notify("region.77", IN_DELETE);
-  const std::string traced = ::testing::internal::GetCapturedStderr();
+  const std::string traced = deletionTraces(*scanner, "region.77");
   EXPECT_NE(traced.find("saw notify of region.77 flags:512"), std::string::npos) << traced;
   EXPECT_NE(traced.find("saw bogus file: region.77"), std::string::npos) << traced;
   EXPECT_EQ(scanner->detachedRegions(), 0U);
@@ -147,9 +151,7 @@ TEST_F(QuarryReaderTest, DeletionOfAnUnknownRegionIsTracedAsBogus) {
 TEST_F(QuarryReaderTest, NotifyTracesNothingBelowLevelFive) {
   handler_.setMask(1U << 3);
   auto scanner = attached();
-  ::testing::internal::CaptureStderr();
-  scanner->notify("region.77", IN_DELETE);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(deletionTraces(*scanner, "region.77"), "");
 }
 
 TEST_F(QuarryReaderTest, DetachedRegionsAreParkedWhenRetirementIsOn) {

@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <vector>
+
 #include "Quarry/Offset.h"
 #include "Relay/RelayWriter.h"
 #include "unit/relay/RelayTestFiles.h"
@@ -35,6 +38,13 @@ Notification readSlot(const std::string& path, std::size_t index) {
     ::close(fd);
   }
   return slot;
+}
+
+// What a switch of tables changes in a header: currentTable, tableVersion,
+// the primary's and the secondary's epochs, and currentPos.
+std::vector<std::uint64_t> switchFields(const Header& header) {
+  return {header.currentTable, header.tableVersion, header.epoch[Table::PRIMARY], header.epoch[Table::SECONDARY],
+          header.currentPos};
 }
 
 std::size_t fileSize(const std::string& path) {
@@ -157,12 +167,8 @@ TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
   EXPECT_EQ(writer.currentTable(), Table::PRIMARY);
   EXPECT_EQ(writer.append(3, 3), 3U);
   EXPECT_EQ(writer.currentTable(), Table::SECONDARY);
-  Header first = readHeader(primary);
-  EXPECT_EQ(first.currentTable, 1U);
-  EXPECT_EQ(first.tableVersion, 1U);
-  EXPECT_EQ(first.epoch[Table::SECONDARY], 1U);
-  EXPECT_EQ(first.epoch[Table::PRIMARY], 0U);
-  EXPECT_EQ(first.currentPos, 2U);  // the full table keeps its contents
+  // The full table keeps its contents: its currentPos stays 2.
+  EXPECT_EQ(switchFields(readHeader(primary)), (std::vector<std::uint64_t>{1, 1, 0, 1, 2}));
   Header second = readHeader(secondary);
   EXPECT_EQ(second.currentPos, 1U);
   EXPECT_EQ(second.corralStart.value, 3U);
@@ -173,15 +179,12 @@ TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
 TEST_F(RelayWriterTest, SwitchingBackResetsThePrimary) {
   ASSERT_TRUE(create(1));
   RelayWriter& writer = *writer_;
-  writer.append(1, 1);
-  writer.append(2, 2);  // to secondary
-  writer.append(3, 3);  // back to primary, reset
-  Header first = readHeader(primary);
-  EXPECT_EQ(first.currentTable, 0U);
-  EXPECT_EQ(first.tableVersion, 2U);
-  EXPECT_EQ(first.epoch[Table::PRIMARY], 1U);
-  EXPECT_EQ(first.epoch[Table::SECONDARY], 1U);
-  EXPECT_EQ(first.currentPos, 1U);
+  // The second goes to the secondary, the third back to the primary, reset.
+  for (std::uint32_t i = 1; i <= 3; ++i) {
+    writer.append(i, i);
+  }
+  const Header first = readHeader(primary);
+  EXPECT_EQ(switchFields(first), (std::vector<std::uint64_t>{0, 2, 1, 1, 1}));
   EXPECT_EQ(first.corralStart.value, 3U);
   EXPECT_EQ(readSlot(primary, 0).sequence, 3U);
 }
