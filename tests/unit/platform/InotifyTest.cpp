@@ -12,6 +12,7 @@
 #include "Beacon/Platform.h"
 #include "Mem/Inotify.h"
 #include "support/Child.h"
+#include "support/Ended.h"
 #include "support/Handler.h"
 #include "support/TempDir.h"
 
@@ -226,9 +227,7 @@ TEST_F(InotifyTest, AForkedChildWatchesOnItsOwnInstanceWithoutTakingTheParentsEv
     }
     return status;
   });
-  const HeronTest::RunResult result = child.wait();
-  ASSERT_TRUE(result.exited()) << result.describe();
-  EXPECT_EQ(result.status, 0) << result.describe();
+  ASSERT_TRUE(HeronTest::endedWell(child.wait()));
   parentWatch.poll();
   EXPECT_TRUE(parent.sawDeletionOf("region.6"));
 }

@@ -21,6 +21,7 @@
 #include "Quarry/QuarryWriter.h"
 #include "Quarry/Region.h"
 #include "support/Child.h"
+#include "support/Ended.h"
 #include "support/Handler.h"
 #include "support/TempDir.h"
 
@@ -34,14 +35,6 @@ std::size_t pageSize() { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)
 
 // Runs `body` in a child; its return value is the child's exit status.
 HeronTest::RunResult inChild(const std::function<int()>& body) { return HeronTest::Child(body).wait(); }
-
-// Whether the child ended with status 0.
-::testing::AssertionResult endedWell(const HeronTest::RunResult& result) {
-  if (result.exited() && result.status == 0) {
-    return ::testing::AssertionSuccess();
-  }
-  return ::testing::AssertionFailure() << result.describe() << ": " << result.err;
-}
 
 // Two pages of 'x', mapped read-only; the file is cut by cut().
 class CutFile {
@@ -146,7 +139,7 @@ TEST(MappingGuard, CutFileInsideARegisteredRangeReadsZeros) {
     }
     return file.load(0) == 0 && file.load(pageSize() + 7) == 0 ? 0 : 13;
   });
-  EXPECT_TRUE(endedWell(status));
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // Without install(), a program that embeds a reader keeps its own handler:
@@ -168,7 +161,7 @@ TEST(MappingGuard, ReadersLeaveTheProgramsHandlerInPlace) {
     }
     return ownFaultReachesProgram(own) ? 0 : 13;
   });
-  EXPECT_TRUE(endedWell(status));
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // A program that installs the guard over its own handler: the reader's cut
@@ -194,7 +187,7 @@ TEST(MappingGuard, ProgramsOwnFaultsStillReachItsHandler) {
     }
     return ownFaultReachesProgram(own) ? 0 : 14;
   });
-  EXPECT_TRUE(endedWell(status));
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // No handler before install(): a fault outside every range ends the process
@@ -232,7 +225,7 @@ TEST(MappingGuard, SentSignalReachesTheProgramsHandler) {
     }
     return programCalls == 1 ? 0 : 12;
   });
-  EXPECT_TRUE(endedWell(status));
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // errno of the interrupted code survives the handler, whatever the handler
@@ -266,7 +259,7 @@ TEST(MappingGuard, ErrnoIsKept) {
     const unsigned char byte = own.load(9);
     return byte == 0 && errno == EDOM ? 0 : 12;
   });
-  EXPECT_TRUE(endedWell(status));
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // The utility's entry installs the guard for its process.
@@ -284,7 +277,7 @@ TEST(MappingGuard, HeronMainInstallsIt) {
     (void)Heron::main(2, argv);
     return Beacon::MappingGuard::installed() ? 0 : 12;
   });
-  EXPECT_TRUE(endedWell(status));
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 TEST(MappingGuard, TableIsBoundedAndSlotsAreReused) {

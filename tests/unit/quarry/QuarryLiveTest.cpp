@@ -12,6 +12,7 @@
 #include "QuarryFixture.h"
 #include "readers/QuarryHelperScanner.h"
 #include "support/Child.h"
+#include "support/Ended.h"
 #include "support/LiveQuarryWriter.h"
 
 using Quarry::Offset;
@@ -73,9 +74,7 @@ TEST_F(QuarryLiveTest, ScannersReadAFullSpeedWriterWithoutCrashOrForeignEntries)
     }
     ++scans;
   }
-  const HeronTest::RunResult ended = writer.wait();
-  ASSERT_TRUE(ended.exited()) << ended.describe();
-  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_TRUE(HeronTest::endedWell(writer.wait()));
   EXPECT_GT(scans, 1U);
   EXPECT_GT(entries, 0U);
   std::printf("live: %u scans, %u entries checked\n", scans, entries);

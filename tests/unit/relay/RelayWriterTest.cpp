@@ -70,6 +70,13 @@ class RelayWriterTest : public ::testing::Test {
     }
     return ::testing::AssertionSuccess();
   }
+  // Appends offsets 10, 11 and 12 of one byte each; the first's sequence.
+  std::uint64_t appendThree() {
+    const std::uint64_t first = writer_->append(10, 1);
+    writer_->append(11, 1);
+    writer_->append(12, 1);
+    return first;
+  }
   std::unique_ptr<RelayWriter> writer_;
 };
 
@@ -213,20 +220,15 @@ TEST_F(RelayWriterTest, TombstoneBySequenceInActiveTable) {
 
 TEST_F(RelayWriterTest, TombstoneBySequenceInBackupTable) {
   ASSERT_TRUE(create(2));
-  RelayWriter& writer = *writer_;
-  std::uint64_t first = writer.append(10, 1);
-  writer.append(11, 1);
-  writer.append(12, 1);  // now in the secondary
-  EXPECT_TRUE(writer.tombstone(first));
+  const std::uint64_t first = appendThree();  // the third goes to the secondary
+  EXPECT_TRUE(writer_->tombstone(first));
   EXPECT_EQ(readSlot(primary, 0).offset, Quarry::Offset::TOMBSTONED);
 }
 
 TEST_F(RelayWriterTest, TombstoneOfOverwrittenSequenceFails) {
   ASSERT_TRUE(create(1));
+  const std::uint64_t first = appendThree();  // the third resets the primary
   RelayWriter& writer = *writer_;
-  std::uint64_t first = writer.append(10, 1);
-  writer.append(11, 1);
-  writer.append(12, 1);  // the primary was reset
   EXPECT_FALSE(writer.tombstone(first));
   EXPECT_FALSE(writer.tombstone(std::uint64_t{99}));
   EXPECT_FALSE(writer.tombstone(std::uint64_t{0}));
