@@ -12,34 +12,33 @@ namespace {
 // absolute path) come and go with other processes, and so do the notes on
 // standard error about their readers. Only what concerns this test's own
 // root is compared.
-std::string ownBlocks(const std::string& report) {
+
+// The pieces of `text` that end in `separator` (the last may not), less
+// those `foreign` says belong to someone else.
+template <typename Foreign>
+std::string without(const std::string& text, const std::string& separator, Foreign foreign) {
   std::string kept;
   std::size_t at = 0;
-  while (at < report.size()) {
-    std::size_t end = report.find("\n\n", at);
-    std::size_t stop = end == std::string::npos ? report.size() : end + 2;
-    std::string block = report.substr(at, stop - at);
-    if (block.find("Heron table \"/") == std::string::npos) {
-      kept += block;
+  while (at < text.size()) {
+    const std::size_t end = text.find(separator, at);
+    const std::size_t stop = end == std::string::npos ? text.size() : end + separator.size();
+    const std::string piece = text.substr(at, stop - at);
+    if (!foreign(piece)) {
+      kept += piece;
     }
     at = stop;
   }
   return kept;
 }
 
+std::string ownBlocks(const std::string& report) {
+  return without(report, "\n\n",
+                 [](const std::string& block) { return block.find("Heron table \"/") != std::string::npos; });
+}
+
 std::string ownErrors(const std::string& err) {
-  std::string kept;
-  std::size_t at = 0;
-  while (at < err.size()) {
-    std::size_t end = err.find('\n', at);
-    std::size_t stop = end == std::string::npos ? err.size() : end + 1;
-    std::string line = err.substr(at, stop - at);
-    if (line.rfind("cannot populate heron table from ", 0) != 0) {
-      kept += line;
-    }
-    at = stop;
-  }
-  return kept;
+  return without(err, "\n",
+                 [](const std::string& line) { return line.rfind("cannot populate heron table from ", 0) == 0; });
 }
 
 RunResult own(const RunResult& result) {

@@ -62,60 +62,48 @@ TEST_F(CliExpr, OneMatchIsNamedAndHandedOver) {
 }
 
 TEST_F(CliExpr, NoArgumentsWithSeveralTablesListsThemAll) {
-  ASSERT_TRUE(root.create("tab2"));
-  ASSERT_TRUE(root.create("md/eu/quotes"));
-  ASSERT_TRUE(root.create("tab"));
+  ASSERT_TRUE(root.createAll({"tab2", "md/eu/quotes", "tab"}));
   EXPECT_TRUE(same(heron({}), "", std::string(kListHeading) + "  - md/eu/quotes\n  - tab\n  - tab2\n", 1));
 }
 
 TEST_F(CliExpr, SeveralMatchesWithoutAnExactOneAreListed) {
-  ASSERT_TRUE(root.create("tab"));
-  ASSERT_TRUE(root.create("tab2"));
-  ASSERT_TRUE(root.create("other"));
+  ASSERT_TRUE(root.createAll({"tab", "tab2", "other"}));
   EXPECT_TRUE(same(heron({"-j", "ta"}), "", std::string(kListHeading) + "  - tab\n  - tab2\n", 1));
 }
 
 TEST_F(CliExpr, ExactMatchAmongSeveralIsTakenWithANotice) {
-  ASSERT_TRUE(root.create("tab"));
-  ASSERT_TRUE(root.create("tab2"));
-  ASSERT_TRUE(root.create("table/x"));
+  ASSERT_TRUE(root.createAll({"tab", "tab2", "table/x"}));
   EXPECT_TRUE(same(heron({"-j", "tab"}), "", std::string(kExactNotice) + "    'tab*'\n" + kNoType, 1));
 }
 
 TEST_F(CliExpr, ExactMatchNeedNotComeFirst) {
   // "tab1" sorts before "tab?", and the glob tab? matches both.
-  ASSERT_TRUE(root.create("tab1"));
-  ASSERT_TRUE(root.create("tab?"));
+  ASSERT_TRUE(root.createAll({"tab1", "tab?"}));
   EXPECT_TRUE(same(heron({"-j", "tab?"}), "", std::string(kExactNotice) + "    'tab?*'\n" + kNoType, 1));
 }
 
 TEST_F(CliExpr, ExactMatchOfANestedName) {
-  ASSERT_TRUE(root.create("md/eu"));
-  ASSERT_TRUE(root.create("md/eu/quotes"));
+  ASSERT_TRUE(root.createAll({"md/eu", "md/eu/quotes"}));
   EXPECT_TRUE(same(heron({"-p", "md/eu"}), "", std::string(kExactNotice) + "    'md/eu*'\n" + kNoType, 1));
 }
 
 TEST_F(CliExpr, GlobWithSeveralMatchesIsListed) {
-  ASSERT_TRUE(root.create("tab"));
-  ASSERT_TRUE(root.create("tab2"));
+  ASSERT_TRUE(root.createAll({"tab", "tab2"}));
   EXPECT_TRUE(same(heron({"-j", "tab*"}), "", std::string(kListHeading) + "  - tab\n  - tab2\n", 1));
 }
 
 TEST_F(CliExpr, ExprEndingInAsteriskListsEvenWhenATableHasExactlyThatName) {
-  ASSERT_TRUE(root.create("tab*"));
-  ASSERT_TRUE(root.create("tab2"));
+  ASSERT_TRUE(root.createAll({"tab*", "tab2"}));
   EXPECT_TRUE(same(heron({"-j", "tab*"}), "", std::string(kListHeading) + "  - tab*\n  - tab2\n", 1));
 }
 
 TEST_F(CliExpr, GlobWithOneMatchIsNamed) {
-  ASSERT_TRUE(root.create("md/eu/quotes"));
-  ASSERT_TRUE(root.create("tab"));
+  ASSERT_TRUE(root.createAll({"md/eu/quotes", "tab"}));
   EXPECT_TRUE(same(heron({"-j", "*quotes"}), "", std::string("Table Name: md/eu/quotes\n\n") + kNoType, 1));
 }
 
 TEST_F(CliExpr, OnlyTheFirstPositionalArgumentIsLookedUp) {
-  ASSERT_TRUE(root.create("a"));
-  ASSERT_TRUE(root.create("b"));
+  ASSERT_TRUE(root.createAll({"a", "b"}));
   EXPECT_TRUE(same(heron({"-j", "a", "b"}), "", std::string("Table Name: a\n\n") + kNoType, 1));
 }
 

@@ -74,11 +74,23 @@ class RandomLines {
     return out_.file(oneOf(files));
   }
 
+  // An option and its value, as two words or joined in one.
+  static void addValued(std::vector<std::string>& args, const std::string& option, const std::string& value,
+                        bool joined) {
+    if (joined) {
+      args.push_back(option + value);
+    } else {
+      args.push_back(option);
+      args.push_back(value);
+    }
+  }
+
   void addOne(std::vector<std::string>& args) {
     static const char* const flags[] = {"-a", "-d",    "-e",        "-q",   "-R",   "-s",      "-p",  "-j", "-O",
                                         "-w", "-A",    "-sq",       "-Re",  "-dO",  "-aes",    "-wj", "-",  "--",
                                         "-Z", "--who", "--who-all", "--wh", "--he", "--bogus", "-?",  "-:"};
-    switch (pick(0, 12)) {
+    const int kind = pick(0, 12);
+    switch (kind) {
       case 0:
       case 1:
       case 2:
@@ -86,11 +98,8 @@ class RandomLines {
         args.emplace_back(oneOf(flags));
         break;
       case 4:
-        args.emplace_back("-r");
-        args.push_back(number());
-        break;
       case 5:
-        args.push_back("-r" + number());
+        addValued(args, "-r", number(), kind == 5);
         break;
       case 6:
         // Pids are rare and mostly bad: a good one runs a whole /proc walk.
@@ -102,11 +111,8 @@ class RandomLines {
         }
         break;
       case 7:
-        args.emplace_back("-f");
-        args.push_back(outputFile());
-        break;
       case 8:
-        args.push_back("-f" + outputFile());
+        addValued(args, "-f", outputFile(), kind == 8);
         break;
       case 9:
         if (pick(0, 20) == 0) {
@@ -140,9 +146,7 @@ int runCount() {
 TEST(CliRandom, RandomCommandLinesEndWithStatusZeroOrOne) {
   TempRoot root;
   TempRoot outputs;
-  ASSERT_TRUE(root.create("tab"));
-  ASSERT_TRUE(root.create("tab2"));
-  ASSERT_TRUE(root.create("md/eu/quotes"));
+  ASSERT_TRUE(root.createAll({"tab", "tab2", "md/eu/quotes"}));
   unsigned seed = 20261122;
   if (const char* text = std::getenv("HERON_RANDOM_SEED")) {
     seed = static_cast<unsigned>(std::strtoul(text, nullptr, 10));

@@ -31,6 +31,13 @@ class CliSymlink : public CliTest {
     ASSERT_EQ(::symlink(target.c_str(), path.c_str()), 0) << name;
   }
 
+  // Replaces table file `name` by a link to a byte-for-byte copy outside.
+  void linkToACopy(const std::string& name) const {
+    const std::string copy = outside.path() + "/" + name;
+    ASSERT_TRUE(writeFile(copy, readFile(root.file("t/" + name))));
+    link(name, copy);
+  }
+
   TempDir outside{"heron-link-target"};
 };
 
@@ -42,24 +49,18 @@ TEST_F(CliSymlink, RelayLinkedToAnotherFileIsNotOpened) {
 }
 
 TEST_F(CliSymlink, RegionLinkedToAValidCopyIsNotARegularFile) {
-  const std::string copy = outside.path() + "/region.1";
-  ASSERT_TRUE(writeFile(copy, readFile(root.file("t/region.1"))));
-  link("region.1", copy);
+  ASSERT_NO_FATAL_FAILURE(linkToACopy("region.1"));
   RunResult result = heron({"-r", "1", "t"});
   EXPECT_TRUE(same(result, "Region 1: not a regular file; skipped\n", kTableName, 0));
 }
 
 TEST_F(CliSymlink, AllocatorLinkedToAValidCopyIsRefused) {
-  const std::string copy = outside.path() + "/quarry";
-  ASSERT_TRUE(writeFile(copy, readFile(root.file("t/quarry"))));
-  link("quarry", copy);
+  ASSERT_NO_FATAL_FAILURE(linkToACopy("quarry"));
   EXPECT_TRUE(same(heron({"-s", "t"}), "", std::string(kTableName) + "Failed to initialize QuarryScanner\n", 1));
 }
 
 TEST_F(CliSymlink, OwnerLinkedToAValidCopyMakesNoTable) {
-  const std::string copy = outside.path() + "/owner";
-  ASSERT_TRUE(writeFile(copy, readFile(root.file("t/owner"))));
-  link("owner", copy);
+  ASSERT_NO_FATAL_FAILURE(linkToACopy("owner"));
   EXPECT_TRUE(same(heron({"-s", "t"}), "", "No table was found in " + root.path() + "\n", 1));
 }
 

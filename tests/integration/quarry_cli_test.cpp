@@ -23,8 +23,12 @@
 #include "Mem/RootPath.h"
 #include "Quarry/Offset.h"
 #include "Quarry/QuarryWriter.h"
+#include "support/Child.h"
+#include "support/Ended.h"
+#include "support/LiveQuarryWriter.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
+#include "unit/quarry/SmallTable.h"
 
 namespace {
 
@@ -64,26 +68,22 @@ class QuarryCli : public ::testing::Test {
     Quarry::QuarryWriter writer(handler, Mem::RootPath(table("t")));
     std::string error;
     ASSERT_TRUE(writer.open(error)) << error;
-    ASSERT_NE(writer.allocate(1, "alpha", 5), Quarry::Offset::TOMBSTONED);
-    ASSERT_NE(writer.allocate(1, "beta", 4), Quarry::Offset::TOMBSTONED);
-    ASSERT_NE(writer.allocate(1, "gamma", 5), Quarry::Offset::TOMBSTONED);
-    ASSERT_TRUE(writer.release(Quarry::Offset::encode(1, 1)));
-    ASSERT_NE(writer.allocate(2, "0123456789", 10), Quarry::Offset::TOMBSTONED);
+    ASSERT_TRUE(QuarryTest::fillSmallTable(writer, 1, 2));
+  }
+
+  // The small table, which heron can dump end to end only with its queue.
+  void makeDumpableSmallTable() {
+    ASSERT_NO_FATAL_FAILURE(makeSmallTable());
+    ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
   }
 
   HeronTest::TempDir rootDir_{"quarry-cli"};
   std::string root_ = rootDir_.path();
 };
 
-const char* const kRegionOne =
-    "Region 1: entry size 16, units 4, used 2, generation 8\n"
-    "  offset        unit    size  preview\n"
-    "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
-    "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n";
-const char* const kRegionTwo =
-    "Region 2: entry size 8, units 2, used 1, generation 2\n"
-    "  offset        unit    size  preview\n"
-    "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n";
+using QuarryTest::kRegionOne;
+using QuarryTest::kRegionTwo;
+
 const char* const kRegionOneWithEmpty =
     "Region 1: entry size 16, units 4, used 2, generation 8\n"
     "  offset        unit    size  preview\n"
@@ -96,18 +96,7 @@ const char* const kRegionTwoWithEmpty =
     "  offset        unit    size  preview\n"
     "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n"
     "  0x00200001       1       8  00 00 00 00 00 00 00 00                          |........|  free\n";
-// 16x4 and 8x2 units: one page each; region 1 holds 32 of 64 bytes, region 2
-// 8 of 16: 40 of 80 bytes, 50 %; both unit areas touched, no page free.
-const char* const kTotals =
-    "Region allocator statistics\n"
-    "  regions       2\n"
-    "  bytes         80\n"
-    "  used          40\n"
-    "  free          40\n"
-    "  pages free    0\n"
-    "  occupancy     50%\n"
-    "  allocations   4\n"
-    "  releases      1\n";
+using QuarryTest::kTotals;
 const char* const kRows =
     "  region  entry size     units      used  occupancy  free pages         bytes\n"
     "       2           8         2         1        50%           0            16\n"
@@ -191,8 +180,7 @@ TEST_F(QuarryCli, TruncatedAllocatorFailsToInitialize) {
 }
 
 TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-s", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
@@ -201,8 +189,7 @@ TEST_F(QuarryCli, StatsEndWithTheAllocatorStatistics) {
 }
 
 TEST_F(QuarryCli, DetailAddsTheRegionRows) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-d", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, std::string(kTotals) + kRows)) << r.out;
@@ -238,8 +225,7 @@ TEST_F(QuarryCli, SortByOccupancyWithStats) {
 }
 
 TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-s", "-q", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(endsWith(r.out, kTotals)) << r.out;
@@ -247,24 +233,21 @@ TEST_F(QuarryCli, StatsWithQueuesPrintTheStatisticsOnly) {
 }
 
 TEST_F(QuarryCli, RegionsDumpEveryRegion) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOne) + kRegionTwo);
 }
 
 TEST_F(QuarryCli, RegionsWithEmptyEntries) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-R", "-e", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string(kRegionOneWithEmpty) + kRegionTwoWithEmpty);
 }
 
 TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome two = heron({"-r", "2", "t"});
   EXPECT_EQ(two.status, 0) << two.err;
   EXPECT_EQ(two.out, kRegionTwo);
@@ -275,8 +258,7 @@ TEST_F(QuarryCli, ChosenRegionsOnlyRepeatable) {
 }
 
 TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   Outcome r = heron({"-a", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
   const std::string regions = std::string(kRegionOne) + kRegionTwo;
@@ -284,8 +266,7 @@ TEST_F(QuarryCli, AllDumpsRegionsThenQueues) {
 }
 
 TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   // Outside the collection root: heron refuses to write into it.
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/stats.txt";
@@ -302,8 +283,7 @@ TEST_F(QuarryCli, OutputFileHoldsTheWholeStatisticsSectionInOrder) {
 }
 
 TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   HeronTest::TempDir outputs("quarry-cli-output");
   const std::string file = outputs.path() + "/dump.txt";
   Outcome toFile = heron({"-f", file, "-a", "t"});
@@ -316,8 +296,7 @@ TEST_F(QuarryCli, OutputFileHoldsRegionsThenQueues) {
 }
 
 TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_EQ(::truncate((table("t") + "/region.1").c_str(), 100), 0);
   Outcome r = heron({"-R", "t"});
   EXPECT_EQ(r.status, 0) << r.err;
@@ -325,8 +304,7 @@ TEST_F(QuarryCli, ShortRegionIsReportedByTheDump) {
 }
 
 TEST_F(QuarryCli, FifoInPlaceOfARegionIsReportedNotWaitedOn) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_EQ(::mkfifo((table("t") + "/region.9").c_str(), 0644), 0);
   Outcome stats = heron({"-s", "t"}, 20);
   EXPECT_EQ(stats.status, 0) << stats.err;
@@ -358,63 +336,16 @@ TEST_F(QuarryCli, FifoInPlaceOfATableFileNeverBlocks) {
   }
 }
 
-namespace {
-
-// 16 printable bytes: a write's sequence number and a check over it.
-std::string livePayload(std::uint32_t sequence) {
-  std::uint32_t h = sequence * 2654435761U ^ 0x5A5A5A5AU;
-  char text[17];
-  std::snprintf(text, sizeof text, "%08x%08x", sequence, h ^ (h >> 13));
-  return std::string(text, 16);
-}
-
-[[noreturn]] void liveWriter(const std::string& tableDir, std::chrono::milliseconds duration) {
-  Beacon::Platform::DebugHandler handler("LiveWriter", 0);
-  Quarry::QuarryWriter writer(handler, Mem::RootPath(tableDir));
-  std::string error;
-  if (!writer.open(error)) {
-    ::_exit(2);
-  }
-  std::mt19937 random(5);
-  std::vector<std::uint32_t> live;
-  std::uint32_t sequence = 0;
-  const auto end = std::chrono::steady_clock::now() + duration;
-  while (std::chrono::steady_clock::now() < end) {
-    const unsigned op = random() % 100;
-    std::vector<std::uint32_t> ids = writer.regionIds();
-    if (op < 3 || ids.empty()) {
-      if (ids.size() < 16) writer.createRegion(16U << (random() % 4), 8 + random() % 64, error);
-    } else if (op < 6) {
-      writer.deleteRegion(ids[random() % ids.size()]);
-    } else if (op < 65) {
-      const std::string text = livePayload(++sequence);
-      const std::uint32_t offset = writer.allocate(ids[random() % ids.size()], text.data(), text.size());
-      if (offset != Quarry::Offset::TOMBSTONED) live.push_back(offset);
-    } else if (!live.empty()) {
-      const std::size_t at = random() % live.size();
-      writer.release(live[at]);
-      live[at] = live.back();
-      live.pop_back();
-    }
-  }
-  ::_exit(0);
-}
-
-}  // namespace
-
 TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
   ASSERT_EQ(sim({"create", "t", "--regions", "16x64,64x64"}).status, 0);
   ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    liveWriter(table("t"), std::chrono::milliseconds(2000));
-  }
+  HeronTest::Child writer(
+      [&] { return HeronTest::runLiveWriter(Mem::RootPath(table("t")), std::chrono::milliseconds(2000)); });
+  ASSERT_TRUE(writer.started()) << writer.error();
   unsigned runs = 0;
   unsigned entries = 0;
-  int status = 0;
   const std::vector<std::vector<std::string>> options{{"-s", "t"}, {"-d", "t"}, {"-R", "t"}, {"-s", "-O", "t"}};
-  while (::waitpid(child, &status, WNOHANG) == 0) {
+  while (writer.running()) {
     Outcome r = heron(options[runs % 4]);
     ASSERT_EQ(r.status, 0) << r.err;
     std::istringstream lines(r.out);
@@ -426,13 +357,12 @@ TEST_F(QuarryCli, HeronReadsAFullSpeedWriterWithoutCrashOrForeignEntries) {
       const std::string text = line.substr(open + 1, 16);
       unsigned sequence = 0;
       ASSERT_EQ(std::sscanf(text.c_str(), "%8x", &sequence), 1) << line;
-      EXPECT_EQ(text, livePayload(sequence)) << line;
+      EXPECT_EQ(text, HeronTest::payload(sequence)) << line;
       ++entries;
     }
     ++runs;
   }
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_TRUE(HeronTest::endedWell(writer.wait()));
   EXPECT_GT(runs, 4U);
   EXPECT_GT(entries, 0U);
 }
@@ -450,8 +380,7 @@ bool patchWord(const std::string& path, off_t offset, std::uint32_t value) {
 constexpr off_t kUsedUnitsAt = 16;
 
 TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 0xFFFFFFFFU));
   Outcome detail = heron({"-d", "t"});
   EXPECT_EQ(detail.status, 0) << detail.err;
@@ -468,8 +397,7 @@ TEST_F(QuarryCli, UsedCountAboveTheUnitCountIsClampedAndMarked) {
 }
 
 TEST_F(QuarryCli, BitmapThatDisagreesWithTheUsedCountIsMarked) {
-  makeSmallTable();
-  ASSERT_TRUE(hasRelay("t")) << "heron-sim create made no relay.1";
+  ASSERT_NO_FATAL_FAILURE(makeDumpableSmallTable());
   ASSERT_TRUE(patchWord(table("t") + "/region.1", kUsedUnitsAt, 1));
   Outcome detail = heron({"-d", "t"});
   EXPECT_EQ(detail.status, 0) << detail.err;

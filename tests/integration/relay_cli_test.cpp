@@ -52,9 +52,6 @@ std::string joined(const std::vector<std::string>& words) {
   return text;
 }
 
-// The seconds come from the wall clock, which may step back during a scan.
-const std::regex kTimingZero("Relay scanned in -?[0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
-
 class RelayCli : public ::testing::Test {
  protected:
   // Creates table `name` with heron-sim; false when the table cannot be
@@ -83,6 +80,24 @@ class RelayCli : public ::testing::Test {
     return HeronTest::run(argv, {"HERON_ROOT=" + temp.path()});
   }
   Result heron(const std::vector<std::string>& args) { return run("heron", args); }
+  // heron ARGS, which must exit with status 0.
+  Result heronOk(const std::vector<std::string>& args) {
+    Result result = heron(args);
+    EXPECT_TRUE(result.exited()) << result.describe();
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result;
+  }
+  // Opens the queue of a table that heron-sim created.
+  static ::testing::AssertionResult opened(Relay::RelayWriter& writer, std::string& error) {
+    if (writer.open(error)) {
+      return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << error;
+  }
+  static ::testing::AssertionResult opened(Relay::RelayWriter& writer) {
+    std::string error;
+    return opened(writer, error);
+  }
 
   // The ember of the file as its header holds it.
   SharedMem::EmberId ember(const std::string& name) {
@@ -104,14 +119,17 @@ class RelayCli : public ::testing::Test {
     return out.substr(start, end + 2 - start);
   }
 
+  // The lines of the relay headers block above the two tables' own.
+  static std::string headersOpening(unsigned primaryEpoch, unsigned secondaryEpoch, unsigned sequence, unsigned readers,
+                                    const std::string& current) {
+    return "Relay headers: (88 bytes in primary, 88 bytes in secondary)\n\tepoch[ PRIMARY ]: " +
+           std::to_string(primaryEpoch) + "\n\tepoch[ SECONDARY ]: " + std::to_string(secondaryEpoch) +
+           "\n\tLatest writer sequence:" + std::to_string(sequence) +
+           "\n\tNumber of connected readers: " + std::to_string(readers) + "\n\tCurrent table: " + current + "\n";
+  }
+
   static std::string individual(SharedMem::EmberId id, const std::string& notifications, unsigned position) {
-    std::string pid = std::to_string(id.pid);
-    std::string instance = std::to_string(id.instanceId);
-    return "\n\t\tMagic: 0x59414c45524e5248 (\"HRNRELAY\")\n"
-           "\t\tVersion: 1\n"
-           "\t\tEmber: " +
-           pid + "." + instance + " (pid: " + pid + " instanceId: " + instance + ")\n" +
-           "\t\tNotifications: " + notifications + "\n\t\tCurrent position: " + std::to_string(position) + "\n";
+    return RelayTest::individualHeader(id, notifications, position);
   }
 
   RelayTest::TempDir temp;
@@ -125,19 +143,11 @@ constexpr const char* kNoAllocator = "heron-sim create made no quarry file: hero
 
 TEST_F(RelayCli, StatisticsShowTheHeadersOfAFreshTable) {
   ASSERT_TRUE(create("fresh", 3)) << kNoAllocator;
-  Result result = heron({"-s", "fresh"});
-  ASSERT_TRUE(result.exited());
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-s", "fresh"});
   SharedMem::EmberId id = ember("fresh");
-  EXPECT_EQ(headersBlock(result.out),
-            "Relay headers: (88 bytes in primary, 88 bytes in secondary)\n"
-            "\tepoch[ PRIMARY ]: 0\n"
-            "\tepoch[ SECONDARY ]: 0\n"
-            "\tLatest writer sequence:0\n"
-            "\tNumber of connected readers: 0\n"
-            "\tCurrent table: Primary (version: 0x00000000)\n"
-            "\tPrimary:" +
-                individual(id, "3 (v1)", 0) + "\tSecondary:" + individual(id, "3 (v1)", 0) + "\n");
+  EXPECT_EQ(headersBlock(result.out), headersOpening(0, 0, 0, 0, "Primary (version: 0x00000000)") +
+                                          "\tPrimary:" + individual(id, "3 (v1)", 0) +
+                                          "\tSecondary:" + individual(id, "3 (v1)", 0) + "\n");
   EXPECT_EQ(result.out.find("relay queue"), std::string::npos);
 }
 
@@ -145,35 +155,24 @@ TEST_F(RelayCli, StatisticsShowVersion0x1fAndTheSecondaryAfterWrites) {
   ASSERT_TRUE(create("switched", 1)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("switched"));
-    std::string error;
-    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_TRUE(opened(writer));
     for (int i = 0; i < 32; ++i) {
       writer.append(Quarry::Offset::encode(1, 1), 8);
     }
     writer.setConnectedReaders(2);
   }
-  Result result = heron({"-s", "switched"});
-  ASSERT_TRUE(result.exited());
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-s", "switched"});
   SharedMem::EmberId id = ember("switched");
-  EXPECT_EQ(headersBlock(result.out),
-            "Relay headers: (88 bytes in primary, 88 bytes in secondary)\n"
-            "\tepoch[ PRIMARY ]: 15\n"
-            "\tepoch[ SECONDARY ]: 16\n"
-            "\tLatest writer sequence:32\n"
-            "\tNumber of connected readers: 2\n"
-            "\tCurrent table: Secondary (version: 0x0000001f)\n"
-            "\tPrimary:" +
-                individual(id, "1 (v1)", 1) + "\tSecondary:" + individual(id, "1 (v1)", 1) + "\n");
+  EXPECT_EQ(headersBlock(result.out), headersOpening(15, 16, 32, 2, "Secondary (version: 0x0000001f)") +
+                                          "\tPrimary:" + individual(id, "1 (v1)", 1) +
+                                          "\tSecondary:" + individual(id, "1 (v1)", 1) + "\n");
 }
 
 TEST_F(RelayCli, StatisticsCallCurrentTableTwoSecondaryAndPrint0x1aZeroFilled) {
   ASSERT_TRUE(create("odd", 2)) << kNoAllocator;
   ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 40, 0x1a));
   ASSERT_TRUE(RelayTest::pokeWord(dir("odd") + "/relay.1", 44, 2));
-  Result result = heron({"-d", "odd"});
-  ASSERT_TRUE(result.exited());
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-d", "odd"});
   EXPECT_NE(headersBlock(result.out).find("\tCurrent table: Secondary (version: 0x0000001a)\n\tPrimary:\n"),
             std::string::npos)
       << result.out;
@@ -184,7 +183,7 @@ TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("grown"));
     std::string error;
-    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_TRUE(opened(writer, error));
     ASSERT_TRUE(writer.grow(40, error)) << error;
     writer.append(Quarry::Offset::encode(1, 1), 8);
   }
@@ -199,8 +198,7 @@ TEST_F(RelayCli, StatisticsAfterAGrowShowTheNewNotifications) {
 
 TEST_F(RelayCli, StatisticsWithQueuesPrintNoQueue) {
   ASSERT_TRUE(create("both", 2)) << kNoAllocator;
-  Result result = heron({"-s", "-q", "both"});
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-s", "-q", "both"});
   EXPECT_NE(result.out.find("Relay headers:"), std::string::npos);
   EXPECT_EQ(result.out.find("relay queue"), std::string::npos);
   EXPECT_EQ(result.out.find("Relay scanned in"), std::string::npos);
@@ -212,28 +210,19 @@ TEST_F(RelayCli, QueueDumpShowsTheLiveSlotsOfTheActiveTable) {
   ASSERT_TRUE(create("live", 4)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("live"));
-    std::string error;
-    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_TRUE(opened(writer));
     for (std::uint32_t i = 1; i <= 7; ++i) {
       writer.append(Quarry::Offset::encode(2, i), 10 * i);
     }
     ASSERT_TRUE(writer.tombstone(std::uint64_t{6}));
   }
-  Result result = heron({"-q", "live"});
-  ASSERT_TRUE(result.exited());
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-q", "live"});
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
-            "Secondary relay queue (active)\n"
-            "\tnotifications:4 (v1)\n"
-            "\tcurrentPos:3\n"
-            "\tcorralStart:5\n"
-            "\tcorralEnd:8\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 5           offset: 0x00200005 (2:5)           size: 50\n"
-            "pos: 2           |  seq: 7           offset: 0x00200007 (2:7)           size: 70\n"
-            "\n");
-  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+            RelayTest::queueHeading("Secondary", "active", "4 (v1)", 3, 5, 8, 1) +
+                "pos: 0           |  seq: 5           offset: 0x00200005 (2:5)           size: 50\n"
+                "pos: 2           |  seq: 7           offset: 0x00200007 (2:7)           size: 70\n"
+                "\n");
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
   EXPECT_EQ(result.err, "Table Name: live\n\n");
 }
 
@@ -241,70 +230,39 @@ TEST_F(RelayCli, QueueDumpWithEmptyEntriesShowsBothTablesWhole) {
   ASSERT_TRUE(create("whole", 2)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("whole"));
-    std::string error;
-    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_TRUE(opened(writer));
     writer.append(Quarry::Offset::encode(1, 1), 1);
     writer.append(Quarry::Offset::encode(1, 2), 2);
     writer.append(Quarry::Offset::encode(1, 3), 3);
     ASSERT_TRUE(writer.tombstone(std::uint64_t{1}));
   }
-  Result result = heron({"-q", "-e", "whole"});
-  ASSERT_TRUE(result.exited());
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-q", "-e", "whole"});
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
-            "Primary relay queue (backup)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:2\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:3\n"
-            "\tepoch:0\n"
-            "\n"
-            "pos: 0           |  seq: 1           offset: 0xffffffff (tombstoned)    size: 1\n"
-            "pos: 1           |  seq: 2           offset: 0x00100002 (1:2)           size: 2\n"
-            "\n"
-            "Secondary relay queue (active)\n"
-            "\tnotifications:2 (v1)\n"
-            "\tcurrentPos:1\n"
-            "\tcorralStart:3\n"
-            "\tcorralEnd:4\n"
-            "\tepoch:1\n"
-            "\n"
-            "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 3\n"
-            "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
-            "\n");
-  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+            RelayTest::queueHeading("Primary", "backup", "2 (v1)", 2, 1, 3, 0) +
+                "pos: 0           |  seq: 1           offset: 0xffffffff (tombstoned)    size: 1\n"
+                "pos: 1           |  seq: 2           offset: 0x00100002 (1:2)           size: 2\n"
+                "\n" +
+                RelayTest::queueHeading("Secondary", "active", "2 (v1)", 1, 3, 4, 1) +
+                "pos: 0           |  seq: 3           offset: 0x00100003 (1:3)           size: 3\n"
+                "pos: 1           |  seq: 0           offset: 0x00000000 (0:0)           size: 0\n"
+                "\n");
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
 }
 
 TEST_F(RelayCli, QueueDumpOfCapacityZeroShowsHeadersOnly) {
   ASSERT_TRUE(create("empty", 0)) << kNoAllocator;
-  Result result = heron({"-q", "-e", "empty"});
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-q", "-e", "empty"});
   EXPECT_EQ(RelayTest::beforeTiming(result.out),
-            "Primary relay queue (active)\n"
-            "\tnotifications:0 (v1)\n"
-            "\tcurrentPos:0\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:1\n"
-            "\tepoch:0\n"
-            "\n"
-            "\n"
-            "Secondary relay queue (backup)\n"
-            "\tnotifications:0 (v1)\n"
-            "\tcurrentPos:0\n"
-            "\tcorralStart:1\n"
-            "\tcorralEnd:1\n"
-            "\tepoch:0\n"
-            "\n"
-            "\n");
-  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+            RelayTest::queueHeading("Primary", "active", "0 (v1)", 0, 1, 1, 0) + "\n" +
+                RelayTest::queueHeading("Secondary", "backup", "0 (v1)", 0, 1, 1, 0) + "\n");
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
 }
 
 TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
   ASSERT_TRUE(create("eight", 8)) << kNoAllocator;
   {
     Relay::RelayWriter writer(RelayTest::handler(), root("eight"));
-    std::string error;
-    ASSERT_TRUE(writer.open(error)) << error;
+    ASSERT_TRUE(opened(writer));
     for (std::uint32_t i = 0; i < 8; ++i) {
       writer.append(Quarry::Offset::encode(1, i), i);
     }
@@ -318,12 +276,11 @@ TEST_F(RelayCli, QueueDumpPadsPositionSevenWithNineBlanks) {
 
 TEST_F(RelayCli, DumpAllEndsWithTheActiveQueue) {
   ASSERT_TRUE(create("all", 2)) << kNoAllocator;
-  Result result = heron({"-a", "all"});
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-a", "all"});
   std::size_t queue = result.out.find("Primary relay queue (active)\n");
   ASSERT_NE(queue, std::string::npos) << result.out;
   EXPECT_EQ(result.out.find("Secondary relay queue"), std::string::npos);
-  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), kTimingZero)) << result.out;
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(result.out), RelayTest::timingZero())) << result.out;
 }
 
 TEST_F(RelayCli, QueueDumpToAFile) {
@@ -331,12 +288,11 @@ TEST_F(RelayCli, QueueDumpToAFile) {
   // Outside the collection root: heron refuses to write into it.
   RelayTest::TempDir outputs;
   std::string file = outputs.path() + "/dump.txt";
-  Result result = heron({"-q", "-f", file, "tofile"});
-  EXPECT_EQ(result.status, 0) << result.err;
+  Result result = heronOk({"-q", "-f", file, "tofile"});
   EXPECT_EQ(result.out, "");
   std::string text = slurp(file);
   EXPECT_EQ(text.rfind("Primary relay queue (active)\n", 0), 0U) << text;
-  EXPECT_TRUE(std::regex_match(RelayTest::timing(text), kTimingZero)) << text;
+  EXPECT_TRUE(std::regex_match(RelayTest::timing(text), RelayTest::timingZero())) << text;
 }
 
 // --- broken queue files: a message and status 1, never a signal ----------

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -25,6 +26,7 @@
 #include "Quarry/Offset.h"
 #include "Relay/RelayReaderGeneric.h"
 #include "Relay/RelayWriter.h"
+#include "support/Child.h"
 #include "support/Run.h"
 #include "unit/relay/RelayTestFiles.h"
 
@@ -164,23 +166,18 @@ class RelayLive : public ::testing::Test {
     struct stat st {};
     ASSERT_EQ(::stat((temp.path() + "/live/relay.1").c_str(), &st), 0);
     cliWorks = ::stat((temp.path() + "/live/quarry").c_str(), &st) == 0;
-    writer = ::fork();
-    ASSERT_GE(writer, 0);
-    if (writer == 0) {
+    writer = std::make_unique<HeronTest::Child>([this] {
       runWriter(root);
-    }
+      return 0;
+    });
+    ASSERT_TRUE(writer->started()) << writer->error();
   }
-  void TearDown() override {
-    if (writer > 0) {
-      ::kill(writer, SIGKILL);
-      int status = 0;
-      ::waitpid(writer, &status, 0);
-    }
-  }
+  // Killed and reaped.
+  void TearDown() override { writer.reset(); }
 
   RelayTest::TempDir temp;
   Mem::RootPath root{temp.path() + "/live"};
-  pid_t writer = -1;
+  std::unique_ptr<HeronTest::Child> writer;
   bool cliWorks = false;
 };
 

@@ -58,9 +58,5 @@ fi
 grep -qF "$T" "$WORK/what.txt" || fail "heron -c $writer does not show $T"
 
 kill -INT "$DEMO_PID"
-status=0
-wait "$DEMO_PID" || status=$?
-[[ $status -eq 0 ]] || fail "the demo exited with $status"
-assert_all_gone "${pids[@]}"
-[[ -z $(ls -A "$HERON_ROOT") ]] || fail "the demo left $(ls -A "$HERON_ROOT")"
+assert_clean_end "on SIGINT" "${pids[@]}"
 echo PASS

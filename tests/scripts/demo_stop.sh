@@ -7,22 +7,14 @@ source "$(dirname "$0")/sim_lib/demo.sh"
 # --duration: ends on its own, removes everything.
 start_demo --duration 2
 mapfile -t pids < <(demo_child_pids)
-status=0
 timeout 20 tail --pid="$DEMO_PID" -f /dev/null || fail "the demo outlived --duration"
-wait "$DEMO_PID" || status=$?
-[[ $status -eq 0 ]] || fail "the demo exited with $status after --duration"
-assert_all_gone "${pids[@]}"
-[[ -z $(ls -A "$HERON_ROOT") ]] || fail "--duration left $(ls -A "$HERON_ROOT")"
+assert_clean_end "after --duration" "${pids[@]}"
 
 # SIGTERM: the same clean stop.
 start_demo
 mapfile -t pids < <(demo_child_pids)
 kill -TERM "$DEMO_PID"
-status=0
-wait "$DEMO_PID" || status=$?
-[[ $status -eq 0 ]] || fail "the demo exited with $status on SIGTERM"
-assert_all_gone "${pids[@]}"
-[[ -z $(ls -A "$HERON_ROOT") ]] || fail "SIGTERM left $(ls -A "$HERON_ROOT")"
+assert_clean_end "on SIGTERM" "${pids[@]}"
 
 # --keep: processes stop, tables stay.
 start_demo --keep

@@ -6,7 +6,7 @@
 # confirmed and the shadow counted. Without the capability the same user
 # sees them as unknown, so the capability is what makes the difference.
 source "$(dirname "$0")/sim_lib/common.sh"
-[[ $(id -u) -eq 0 ]] || { echo "SKIP: needs root to run as another user"; exit 0; }
+[[ $(id -u) -eq 0 ]] || { echo "SKIP: needs root to run as another user"; exit 77; }
 [[ -x $BIN/heron-stat ]] || fail "$BIN/heron-stat is not built"
 for tool in setpriv curl jq; do
   command -v "$tool" >/dev/null || fail "$tool is missing: install it with scripts/install-deps.sh"

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -128,6 +129,31 @@ Child::Child(const std::vector<std::string>& argv, const std::vector<std::string
     return;
   }
   start(argv, env, options);
+}
+
+Child::Child(const std::function<int()>& body) {
+  int outPipe[2] = {-1, -1};
+  int errPipe[2] = {-1, -1};
+  if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) {
+    closeBoth(outPipe);
+    error_ = "run: pipe failed";
+    return;
+  }
+  std::fflush(nullptr);
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    const int status = setUp(ChildOptions{}, outPipe[1], errPipe[1]) ? body() : 127;
+    std::fflush(nullptr);
+    ::_exit(status);
+  }
+  ::close(outPipe[1]);
+  ::close(errPipe[1]);
+  fds_[0] = outPipe[0];
+  fds_[1] = errPipe[0];
+  if (pid_ < 0) {
+    closePipes();
+    error_ = "run: fork failed";
+  }
 }
 
 Child::~Child() {
@@ -265,33 +291,56 @@ bool Child::reap(double deadline) {
     };
     ::nanosleep(&pause, nullptr);
   }
+  record(wstatus);
+  return !result_.timedOut;
+}
+
+void Child::record(int wstatus) {
   reaped_ = true;
   if (WIFEXITED(wstatus)) {
     result_.status = WEXITSTATUS(wstatus);
   } else if (WIFSIGNALED(wstatus)) {
     result_.signal = WTERMSIG(wstatus);
   }
-  return !result_.timedOut;
+}
+
+bool Child::running() {
+  if (pid_ <= 0 || reaped_) {
+    return false;
+  }
+  int wstatus = 0;
+  pid_t done;
+  while ((done = ::waitpid(pid_, &wstatus, WNOHANG)) < 0 && errno == EINTR) {
+  }
+  if (done == pid_) {
+    record(wstatus);
+  }
+  return done == 0;
 }
 
 RunResult Child::wait(double timeoutSeconds) {
-  if (pid_ <= 0 || reaped_) {
+  if (pid_ <= 0 || (reaped_ && fds_[0] < 0 && fds_[1] < 0)) {
     if (pid_ <= 0 && result_.err.empty()) {
       result_.err = error_;
     }
     return result_;
   }
+  // A child found ended by running() may still have output in the pipes.
   const double deadline = monotonicSeconds() + timeoutSeconds;
   while (pump(deadline)) {
     if (monotonicSeconds() >= deadline) {
-      result_.timedOut = true;
-      ::kill(pid_, SIGKILL);
+      if (!reaped_) {
+        result_.timedOut = true;
+        ::kill(pid_, SIGKILL);
+      }
       break;
     }
   }
   // Whatever the child's own children still hold open is not waited for.
   closePipes();
-  reap(deadline);
+  if (!reaped_) {
+    reap(deadline);
+  }
   return result_;
 }
 

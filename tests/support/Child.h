@@ -1,6 +1,8 @@
 // A program a test starts and talks to while it runs: a writer or a shadow
 // that stays up for the length of the test, or a short command (run() in
-// Run.h is built on this).
+// Run.h is built on this). Code of the test itself that must run as a
+// process of its own (a writer at full speed, a server) runs the same way,
+// in a forked copy of the test process.
 //
 // No shell is involved. The child gets exactly the environment it is given
 // (plus the sanitizer options of the test process), standard input from
@@ -12,6 +14,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -52,6 +55,9 @@ class Child {
   Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, const std::string& cwd = "",
         const std::string& argv0 = "");
   Child(const std::vector<std::string>& argv, const std::vector<std::string>& env, const ChildOptions& options);
+  // Runs `body` in a forked copy of the test process, with the same
+  // standard streams as a program; what it returns is the exit status.
+  explicit Child(const std::function<int()>& body);
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -60,6 +66,10 @@ class Child {
   // Why the program could not be started ("" when it was).
   const std::string& error() const { return error_; }
   pid_t pid() const { return pid_; }
+
+  // False once the child has ended (reaped: wait() then says how), without
+  // reading its output or waiting.
+  bool running();
 
   // Reads the child's output until its standard output holds `lines`
   // complete lines; false when it ends them or the time runs out first.
@@ -80,6 +90,7 @@ class Child {
   // once both are closed.
   bool pump(double deadline);
   bool reap(double deadline);
+  void record(int wstatus);
   void closePipes();
 
   pid_t pid_ = -1;

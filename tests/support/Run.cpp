@@ -44,6 +44,15 @@ TempRoot::TempRoot() : dir_("heron-test") {
 
 std::vector<std::string> TempRoot::env() const { return {"HERON_ROOT=" + path()}; }
 
+bool TempRoot::createAll(const std::vector<std::string>& names) const {
+  for (const std::string& name : names) {
+    if (!create(name)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool TempRoot::create(const std::string& name, const std::vector<std::string>& args) const {
   std::vector<std::string> argv = {simBin(), "create", name};
   argv.insert(argv.end(), args.begin(), args.end());

@@ -47,6 +47,8 @@ class TempRoot {
   std::vector<std::string> env() const;
   // Runs `heron-sim create NAME ARGS...` on this root; true on status 0.
   bool create(const std::string& name, const std::vector<std::string>& args = {}) const;
+  // create() of each name in turn; false at the first that fails.
+  bool createAll(const std::vector<std::string>& names) const;
 
  private:
   TempDir dir_;

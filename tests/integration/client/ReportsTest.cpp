@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "integration/client/ClientHarness.h"
+#include "support/Child.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -84,6 +85,11 @@ class ClientReportsTest : public ::testing::Test {
   // Creates a table with heron-sim; records whether the simulator made the
   // queue and allocator files, and adds empty stand-ins for the two mapped
   // files when it did not, so that processes can still attach.
+  void createTables(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+      ASSERT_NO_FATAL_FAILURE(createTable(name));
+    }
+  }
   void createTable(const std::string& name, const std::vector<std::string>& extra = {}) {
     std::vector<std::string> argv{ClientTest::binDir() + "/heron-sim", "create", name};
     argv.insert(argv.end(), extra.begin(), extra.end());
@@ -126,8 +132,7 @@ class ClientReportsTest : public ::testing::Test {
 };
 
 TEST_F(ClientReportsTest, WhoAllShowsTheWriterAndShadowsOfTwoTables) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writerA({"alpha"}, true);
   Shadow shadowA1({"alpha"}, false);
   Shadow shadowA2({"alpha"}, false);
@@ -155,8 +160,7 @@ TEST_F(ClientReportsTest, WhoAllShowsTheWriterAndShadowsOfTwoTables) {
 }
 
 TEST_F(ClientReportsTest, WhoListsTheClientsOfOneTableUnderItsRootPath) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writer({"alpha"}, true);
   Shadow shadow({"alpha"}, false);
   Shadow other({"beta"}, false);
@@ -204,8 +208,7 @@ TEST_F(ClientReportsTest, BothReadersFailingWriteBothLinesQuarryFirst) {
 }
 
 TEST_F(ClientReportsTest, WhatListsTheTablesOfAPidUnderEachRole) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writer({"alpha"}, true);
   Shadow both({"alpha", "beta"}, false);
   ASSERT_TRUE(writer.attached() && both.attached());
@@ -371,8 +374,7 @@ TEST_F(ClientReportsTest, RootWarningForAnUnprivilegedUser) {
 }
 
 TEST_F(ClientReportsTest, ListedClientsMatchWhatFuserAndLsofSee) {
-  createTable("alpha");
-  createTable("beta");
+  ASSERT_NO_FATAL_FAILURE(createTables({"alpha", "beta"}));
   Shadow writerA({"alpha"}, true);
   Shadow shadowA({"alpha"}, false);
   Shadow both({"alpha", "beta"}, false);
@@ -414,8 +416,7 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
   const std::string pidFile = root + "/churn-pids";
   // A spawner process starts 200 short-lived clients of "churn", one every
   // few milliseconds, and writes down each client's pid.
-  pid_t spawner = ::fork();
-  if (spawner == 0) {
+  HeronTest::Child spawner([&] {
     std::FILE* pids = std::fopen(pidFile.c_str(), "w");
     for (int i = 0; i < 200; ++i) {
       pid_t client = ::fork();
@@ -438,9 +439,9 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
     while (::waitpid(-1, nullptr, 0) > 0) {
     }
     std::fclose(pids);
-    ::_exit(0);
-  }
-  ASSERT_GT(spawner, 0);
+    return 0;
+  });
+  ASSERT_TRUE(spawner.started()) << spawner.error();
   const std::string steadyPid = std::to_string(steady.pid());
   const std::string steadyWhat = "Tables with client ( pid: " + steadyPid +
                                  " ) of Type Writer:\nTables with client ( pid: " + steadyPid + " ) of Type Shadow:\n" +
@@ -449,7 +450,7 @@ TEST_F(ClientReportsTest, ChurnOfShortLivedClientsNeverMisattributes) {
   int runs = 0;
   bool spawnerDone = false;
   while (!spawnerDone || runs < 4) {
-    spawnerDone = spawnerDone || ::waitpid(spawner, nullptr, WNOHANG) == spawner;
+    spawnerDone = spawnerDone || !spawner.running();
     auto all = heron({"-A"});
     ASSERT_EQ(all.status, 0) << all.err;
     auto tables = blocks(all.out);

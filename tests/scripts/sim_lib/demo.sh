@@ -44,3 +44,15 @@ assert_all_gone() {
   done
   fail "processes left behind:$left"
 }
+
+# assert_clean_end WHEN PIDS...: the demo, told to stop or stopping by
+# itself, exits with status 0, the PIDS (its children) end with it, and the
+# collection is left empty. WHEN says which stop, for the failure message.
+assert_clean_end() {
+  local when=$1 status=0
+  shift
+  wait "$DEMO_PID" || status=$?
+  [[ $status -eq 0 ]] || fail "the demo exited with $status $when"
+  assert_all_gone "$@"
+  [[ -z $(ls -A "$HERON_ROOT") ]] || fail "the demo left $(ls -A "$HERON_ROOT") $when"
+}

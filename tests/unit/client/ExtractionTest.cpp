@@ -35,6 +35,31 @@ class ExtractionTest : public ::testing::Test {
   Heron::HeronClientScanner scanner{&out, HeronTest::tableRoot("/some/table"), "table", proc.root()};
 
   std::string maps(const std::string& pid) const { return proc.root() + "/" + pid + "/maps"; }
+  // The records of one process's mappings of this table.
+  std::vector<Heron::MmapInfo> byProcess(const std::string& pid) {
+    std::vector<Heron::MmapInfo> records;
+    scanner.extractMmapInfo(maps(pid), records);
+    return records;
+  }
+  // What extractMmapInfo() traces, with `mask`, over one process's maps;
+  // its records in `records`.
+  std::string tracedByProcess(const std::string& pid, std::uint64_t mask, std::vector<Heron::MmapInfo>& records) {
+    HeronTest::TraceMask traced(mask);
+    testing::internal::CaptureStderr();
+    scanner.extractMmapInfo(maps(pid), records);
+    return testing::internal::GetCapturedStderr();
+  }
+  // Neither form finds a table file among the process's mappings.
+  void expectNoTableFiles(const std::string& pid) {
+    EXPECT_TRUE(byProcess(pid).empty());
+    EXPECT_TRUE(byTable(pid).empty());
+  }
+  // One process's mappings of every table, by table directory.
+  Heron::HeronClientScanner::TableToInfoMap byTable(const std::string& pid) {
+    Heron::HeronClientScanner::TableToInfoMap tables;
+    scanner.extractMmapInfoByTable(maps(pid), tables);
+    return tables;
+  }
 };
 
 TEST_F(ExtractionTest, ByProcessKeepsEveryLineOfTheOwnTableInLineOrder) {
@@ -42,8 +67,7 @@ TEST_F(ExtractionTest, ByProcessKeepsEveryLineOfTheOwnTableInLineOrder) {
                   mapsLine("r--s", "/some/table/relay.1") + mapsLine("r--s", "/some/table/relay.1") +
                       mapsLine("rw-s", "/some/table/ember"),
                   "/usr/bin/server");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("4711"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("4711");
   ASSERT_EQ(records.size(), 3U);
   EXPECT_EQ(records[0].toTraceString(), "4711|server|r--s|relay.1|");
   EXPECT_EQ(records[1].toTraceString(), "4711|server|r--s|relay.1|");
@@ -55,8 +79,7 @@ TEST_F(ExtractionTest, ByTableGroupsTheSameLinesUnderTheDirectory) {
                   mapsLine("r--s", "/some/table/relay.1") + mapsLine("r--s", "/some/table/relay.1") +
                       mapsLine("rw-s", "/some/table/ember"),
                   "/usr/bin/server");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("4711"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("4711");
   ASSERT_EQ(tables.size(), 1U);
   const auto& records = tables.at("/some/table");
   ASSERT_EQ(records.size(), 3U);
@@ -67,35 +90,26 @@ TEST_F(ExtractionTest, ByTableGroupsTheSameLinesUnderTheDirectory) {
 
 TEST_F(ExtractionTest, OtherTableIsIgnoredByProcessAndKeyedByTable) {
   proc.addProcess("12", mapsLine("r--s", "/other/table/relay.1"), "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   ASSERT_EQ(tables.count("/other/table"), 1U);
   EXPECT_EQ(tables.at("/other/table").front().toTraceString(), "12|view|r--s|relay.1|");
 }
 
 TEST_F(ExtractionTest, DeletedMappingStillMatches) {
   proc.addProcess("12", mapsLine("r--s", "/some/table/relay.1 (deleted)"), "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   ASSERT_EQ(records.size(), 1U);
   EXPECT_EQ(records[0].heronFileType, "relay.1");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_EQ(tables.count("/some/table"), 1U);
 }
 
 TEST_F(ExtractionTest, PathWithoutSlashIsIgnoredByBothForms) {
   proc.addProcess("12", mapsLine("rw-p", "[heap]") + mapsLine("rw-p", "[stack]") + mapsLine("r--s", "ember"),
                   "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
-  EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
-  EXPECT_TRUE(tables.empty());
+  expectNoTableFiles("12");
 }
 
 TEST_F(ExtractionTest, SimilarNamesAreNotHeronFiles) {
@@ -103,18 +117,12 @@ TEST_F(ExtractionTest, SimilarNamesAreNotHeronFiles) {
                   mapsLine("r--s", "/some/table/relay.10") + mapsLine("r--s", "/some/table/relay.2") +
                       mapsLine("r--s", "/some/table/Ember") + mapsLine("r--s", "/some/table/quarry"),
                   "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
-  EXPECT_TRUE(records.empty());
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
-  EXPECT_TRUE(tables.empty());
+  expectNoTableFiles("12");
 }
 
 TEST_F(ExtractionTest, DirectoryWithOnlyOneHeronFileIsStillAKey) {
   proc.addProcess("12", mapsLine("r--s", "/x/ember"), "/usr/bin/view");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_EQ(tables.count("/x"), 1U);
 }
 
@@ -144,11 +152,8 @@ TEST_F(ExtractionTest, SelfWithErrnoClearIsPidZeroWithOwnProcessName) {
 
 TEST_F(ExtractionTest, EmptyMapsFileAddsAndTracesNothingButTheStart) {
   proc.addProcess("12", "", "/usr/bin/view");
-  HeronTest::TraceMask mask(0x221);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x221, records);
   EXPECT_TRUE(records.empty());
   EXPECT_EQ(countLines(traces), 1U) << traces;
   EXPECT_NE(traces.find("Extracting mmap info for rootpath: /some/table, filePath: " + maps("12")), std::string::npos)
@@ -171,11 +176,8 @@ TEST_F(ExtractionTest, AnonymousOnlyMapsFileAddsAndTracesNothingButTheStart) {
 
 TEST_F(ExtractionTest, PerLineTracesAtLevelNine) {
   proc.addProcess("12", mapsLine("r--s", "/some/table/ember"), "/usr/bin/view");
-  HeronTest::TraceMask mask(0x200);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x200, records);
   EXPECT_NE(traces.find("mmapRegion: /some/table/ember"), std::string::npos) << traces;
   EXPECT_NE(traces.find("heronFileType: ember"), std::string::npos) << traces;
   EXPECT_NE(traces.find("Added: 12|view|r--s|ember|"), std::string::npos) << traces;
@@ -186,26 +188,19 @@ TEST_F(ExtractionTest, PerLineTracesAtLevelNine) {
 
 TEST_F(ExtractionTest, UnreadableExeLinkContributesNothing) {
   proc.addProcess("12", mapsLine("r--s", "/some/table/relay.1"), "");
-  HeronTest::TraceMask mask(0x20);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x20, records);
   EXPECT_TRUE(records.empty());
   EXPECT_NE(traces.find("file " + proc.root() + "/12/exe no longer exists"), std::string::npos) << traces;
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   EXPECT_TRUE(tables.empty());
 }
 
 TEST_F(ExtractionTest, VanishedMapsFileIsSkippedWithTrace) {
   proc.addProcess("12", "", "/usr/bin/view");
   ::unlink(maps("12").c_str());
-  HeronTest::TraceMask mask(0x20);
   std::vector<Heron::MmapInfo> records;
-  testing::internal::CaptureStderr();
-  scanner.extractMmapInfo(maps("12"), records);
-  std::string traces = testing::internal::GetCapturedStderr();
+  const std::string traces = tracedByProcess("12", 0x20, records);
   EXPECT_TRUE(records.empty());
   EXPECT_NE(traces.find("file " + maps("12") + " no longer exists"), std::string::npos) << traces;
 }
@@ -214,8 +209,7 @@ TEST_F(ExtractionTest, LastLineWithoutNewlineIsRead) {
   std::string text = mapsLine("r--s", "/some/table/relay.1");
   text.pop_back();
   proc.addProcess("12", text, "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_EQ(records.size(), 1U);
 }
 
@@ -298,11 +292,9 @@ TEST_F(ExtractionTest, LinesAcrossReadChunksAreReadWhole) {
   }
   ASSERT_GT(text.size(), 2U * 65536U);
   proc.addProcess("12", text, "/usr/bin/view");
-  std::vector<Heron::MmapInfo> records;
-  scanner.extractMmapInfo(maps("12"), records);
+  std::vector<Heron::MmapInfo> records = byProcess("12");
   EXPECT_EQ(texts(records), expected);
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   ASSERT_EQ(tables.size(), 1U);
   EXPECT_EQ(tables.at("/some/table").size(), expected.size());
 }
@@ -310,8 +302,7 @@ TEST_F(ExtractionTest, LinesAcrossReadChunksAreReadWhole) {
 TEST_F(ExtractionTest, LineLongerThanTheReadBufferIsReadWhole) {
   const std::string directory = "/" + std::string(150000, 'd');
   proc.addProcess("12", fillerLines(3) + mapsLine("r--s", directory + "/relay.1") + fillerLines(3), "/usr/bin/view");
-  Heron::HeronClientScanner::TableToInfoMap tables;
-  scanner.extractMmapInfoByTable(maps("12"), tables);
+  Heron::HeronClientScanner::TableToInfoMap tables = byTable("12");
   ASSERT_EQ(tables.size(), 1U);
   EXPECT_EQ(tables.count(directory), 1U);
 }

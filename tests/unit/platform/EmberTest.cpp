@@ -12,6 +12,7 @@
 #include "Beacon/Platform.h"
 #include "SharedMem/Ember.h"
 #include "SharedMem/EmberId.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
@@ -19,9 +20,14 @@ namespace {
 using SharedMem::EmberHeader;
 using SharedMem::LoadStatus;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("EmberTest", 0);
-  return instance;
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+
+::testing::AssertionResult opened(SharedMem::EmberWriter& writer) {
+  std::string error;
+  if (writer.open(error)) {
+    return ::testing::AssertionSuccess();
+  }
+  return ::testing::AssertionFailure() << error;
 }
 
 std::string validBytes() {
@@ -39,8 +45,7 @@ TEST(Ember, WriterCreatesAndReaderReads) {
   Mem::RootPath table(root.path());
   std::uint64_t before = SharedMem::nowNs();
   SharedMem::EmberWriter writer(handler(), table);
-  std::string error;
-  ASSERT_TRUE(writer.open(error)) << error;
+  ASSERT_TRUE(opened(writer));
   std::string file = HeronTest::readFile(root.file("ember"));
   ASSERT_EQ(file.size(), 64U);
   EXPECT_EQ(file.substr(0, 8), "HRNEMBER");
@@ -61,8 +66,7 @@ TEST(Ember, WriterCreatesAndReaderReads) {
 TEST(Ember, WriterRecordsItsPidNamespaceAtOffset48) {
   HeronTest::TempRoot root;
   SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
-  std::string error;
-  ASSERT_TRUE(writer.open(error)) << error;
+  ASSERT_TRUE(opened(writer));
   struct stat own {};
   ASSERT_EQ(::stat("/proc/self/ns/pid", &own), 0);
   const std::string file = HeronTest::readFile(root.file("ember"));
@@ -94,8 +98,7 @@ TEST(Ember, HeartbeatMovesForward) {
   HeronTest::TempRoot root;
   Mem::RootPath table(root.path());
   SharedMem::EmberWriter writer(handler(), table);
-  std::string error;
-  ASSERT_TRUE(writer.open(error)) << error;
+  ASSERT_TRUE(opened(writer));
   EmberHeader before{};
   ASSERT_EQ(SharedMem::readEmber(table, before), LoadStatus::Ok);
   // The heartbeat is the wall clock: wait until it has moved on from the
@@ -115,8 +118,7 @@ TEST(Ember, HeartbeatStoresTheMonotonicClockAtOffset40) {
   HeronTest::TempRoot root;
   Mem::RootPath table(root.path());
   SharedMem::EmberWriter writer(handler(), table);
-  std::string error;
-  ASSERT_TRUE(writer.open(error)) << error;
+  ASSERT_TRUE(opened(writer));
   std::uint64_t before = SharedMem::monoNs();
   writer.heartbeat();
   std::uint64_t after = SharedMem::monoNs();
@@ -185,8 +187,7 @@ TEST(Ember, WriterReplacesAnUnreadableFileWithAFreshIdentity) {
   HeronTest::TempRoot root;
   ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), std::string(64, '\x7f')));
   SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
-  std::string error;
-  ASSERT_TRUE(writer.open(error)) << error;
+  ASSERT_TRUE(opened(writer));
   EmberHeader header{};
   ASSERT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Ok);
   EXPECT_EQ(header.current.instanceId, 0);

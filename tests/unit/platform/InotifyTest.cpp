@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -12,14 +11,14 @@
 
 #include "Beacon/Platform.h"
 #include "Mem/Inotify.h"
+#include "support/Child.h"
+#include "support/Ended.h"
+#include "support/Handler.h"
 #include "support/TempDir.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("InotifyTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 struct Seen {
   std::string name;
@@ -79,6 +78,11 @@ struct Watched {
   Mem::WatchDescriptor watch;
 };
 
+// Two descriptors on their directories (the same one or two).
+bool watching(Watched& first, const std::string& firstDir, Watched& second, const std::string& secondDir) {
+  return first.on(firstDir) && second.on(secondDir);
+}
+
 class InotifyTest : public ::testing::Test {
  protected:
   HeronTest::TempDir temp_{"heron-inotify", true};
@@ -116,8 +120,7 @@ TEST_F(InotifyTest, DisablingRemovesTheWatchFromTheSharedInstance) {
 TEST_F(InotifyTest, EachDescriptorReceivesOnlyItsOwnDirectorysEvents) {
   Watched a;
   Watched b;
-  ASSERT_TRUE(a.on(dirA_));
-  ASSERT_TRUE(b.on(dirB_));
+  ASSERT_TRUE(watching(a, dirA_, b, dirB_));
   createAndDelete(dirA_ + "/region.1");
   createAndDelete(dirB_ + "/region.2");
   EXPECT_EQ(a.watch.poll(), 2);  // created, deleted
@@ -131,8 +134,7 @@ TEST_F(InotifyTest, EachDescriptorReceivesOnlyItsOwnDirectorysEvents) {
 TEST_F(InotifyTest, TwoDescriptorsOnOneDirectoryBothReceiveEachEvent) {
   Watched first;
   Watched second;
-  ASSERT_TRUE(first.on(dirA_));
-  ASSERT_TRUE(second.on(dirA_));
+  ASSERT_TRUE(watching(first, dirA_, second, dirA_));
   createAndDelete(dirA_ + "/region.3");
   first.watch.poll();
   second.watch.poll();
@@ -143,8 +145,7 @@ TEST_F(InotifyTest, TwoDescriptorsOnOneDirectoryBothReceiveEachEvent) {
 TEST_F(InotifyTest, DisablingOneOfTwoDescriptorsOnADirectoryKeepsTheOther) {
   Watched first;
   Watched second;
-  ASSERT_TRUE(first.on(dirA_));
-  ASSERT_TRUE(second.on(dirA_));
+  ASSERT_TRUE(watching(first, dirA_, second, dirA_));
   first.watch.disable();
   createAndDelete(dirA_ + "/region.4");
   second.watch.poll();
@@ -185,8 +186,7 @@ TEST_F(InotifyTest, ARemovedDirectoryEndsItsWatchWithIgnored) {
 TEST_F(InotifyTest, EventsBeyondTheQueueLimitBecomeOneOverflow) {
   Watched busy;
   Watched other;
-  ASSERT_TRUE(busy.on(dirA_));
-  ASSERT_TRUE(other.on(dirB_));
+  ASSERT_TRUE(watching(busy, dirA_, other, dirB_));
   // Created in rounds below the kernel's own queue limit; the other
   // descriptor's polls move them into the busy descriptor's queue.
   const std::size_t total = Mem::InotifyMgr::kMaxPendingEvents + 100;
@@ -212,27 +212,22 @@ TEST_F(InotifyTest, AForkedChildWatchesOnItsOwnInstanceWithoutTakingTheParentsEv
   Mem::WatchDescriptor parentWatch;
   ASSERT_TRUE(parentWatch.enable(dirA_, parent));
   ASSERT_EQ(::unlink((dirA_ + "/region.6").c_str()), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
+  HeronTest::Child child([&] {
     // The inherited descriptor delivers nothing here; a new one works.
     int status = parentWatch.poll() == 0 ? 0 : 10;
     Recorder own;
     Mem::WatchDescriptor ownWatch;
     if (!ownWatch.enable(dirB_, own)) {
-      ::_exit(11);
+      return 11;
     }
     ::unlink((dirB_ + "/region.7").c_str());
     ownWatch.poll();
     if (!own.sawDeletionOf("region.7")) {
       status = 12;
     }
-    ::_exit(status);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return status;
+  });
+  ASSERT_TRUE(HeronTest::endedWell(child.wait()));
   parentWatch.poll();
   EXPECT_TRUE(parent.sawDeletionOf("region.6"));
 }

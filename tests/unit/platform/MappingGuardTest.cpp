@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,30 +20,21 @@
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryWriter.h"
 #include "Quarry/Region.h"
+#include "support/Child.h"
+#include "support/Ended.h"
+#include "support/Handler.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using Beacon::MappingGuard::Range;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("MappingGuardTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 std::size_t pageSize() { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)); }
 
 // Runs `body` in a child; its return value is the child's exit status.
-// Returns the wait status.
-int inChild(const std::function<int()>& body) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::_exit(body());
-  }
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  return status;
-}
+HeronTest::RunResult inChild(const std::function<int()>& body) { return HeronTest::Child(body).wait(); }
 
 // Two pages of 'x', mapped read-only; the file is cut by cut().
 class CutFile {
@@ -135,7 +125,7 @@ struct EmbeddedReader {
 
 TEST(MappingGuard, CutFileInsideARegisteredRangeReadsZeros) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     if (!Beacon::MappingGuard::install()) {
       return 10;
     }
@@ -149,14 +139,14 @@ TEST(MappingGuard, CutFileInsideARegisteredRangeReadsZeros) {
     }
     return file.load(0) == 0 && file.load(pageSize() + 7) == 0 ? 0 : 13;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // Without install(), a program that embeds a reader keeps its own handler:
 // mapping a table file changes nothing about SIGBUS.
 TEST(MappingGuard, ReadersLeaveTheProgramsHandlerInPlace) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     installProgramHandler();
     EmbeddedReader embedded(dir.path());
     if (!embedded.ok) {
@@ -171,14 +161,14 @@ TEST(MappingGuard, ReadersLeaveTheProgramsHandlerInPlace) {
     }
     return ownFaultReachesProgram(own) ? 0 : 13;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // A program that installs the guard over its own handler: the reader's cut
 // file reads zeros, the program's own cut file still reaches its handler.
 TEST(MappingGuard, ProgramsOwnFaultsStillReachItsHandler) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     installProgramHandler();
     if (!Beacon::MappingGuard::install()) {
       return 10;
@@ -197,14 +187,14 @@ TEST(MappingGuard, ProgramsOwnFaultsStillReachItsHandler) {
     }
     return ownFaultReachesProgram(own) ? 0 : 14;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // No handler before install(): a fault outside every range ends the process
 // with SIGBUS, as it would without the guard.
 TEST(MappingGuard, FaultOutsideTheRangesTakesTheDefaultAction) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     struct sigaction fallback {};
     fallback.sa_handler = SIG_DFL;
     ::sigemptyset(&fallback.sa_mask);
@@ -219,12 +209,12 @@ TEST(MappingGuard, FaultOutsideTheRangesTakesTheDefaultAction) {
     (void)own.load(5);
     return 12;
   });
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << status;
+  EXPECT_EQ(status.signal, SIGBUS) << status.describe();
 }
 
 // A sent SIGBUS, nobody's fault, also goes to the program's handler.
 TEST(MappingGuard, SentSignalReachesTheProgramsHandler) {
-  const int status = inChild([] {
+  const HeronTest::RunResult status = inChild([] {
     installProgramHandler();
     if (!Beacon::MappingGuard::install()) {
       return 10;
@@ -235,7 +225,7 @@ TEST(MappingGuard, SentSignalReachesTheProgramsHandler) {
     }
     return programCalls == 1 ? 0 : 12;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // errno of the interrupted code survives the handler, whatever the handler
@@ -251,7 +241,7 @@ void patchingProgramHandler(int, siginfo_t* info, void*) {
 
 TEST(MappingGuard, ErrnoIsKept) {
   HeronTest::TempDir dir;
-  const int status = inChild([&] {
+  const HeronTest::RunResult status = inChild([&] {
     struct sigaction action {};
     action.sa_sigaction = &patchingProgramHandler;
     action.sa_flags = SA_SIGINFO;
@@ -269,12 +259,12 @@ TEST(MappingGuard, ErrnoIsKept) {
     const unsigned char byte = own.load(9);
     return byte == 0 && errno == EDOM ? 0 : 12;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 // The utility's entry installs the guard for its process.
 TEST(MappingGuard, HeronMainInstallsIt) {
-  const int status = inChild([] {
+  const HeronTest::RunResult status = inChild([] {
     if (Beacon::MappingGuard::installed()) {
       return 10;
     }
@@ -287,7 +277,7 @@ TEST(MappingGuard, HeronMainInstallsIt) {
     (void)Heron::main(2, argv);
     return Beacon::MappingGuard::installed() ? 0 : 12;
   });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_TRUE(HeronTest::endedWell(status));
 }
 
 TEST(MappingGuard, TableIsBoundedAndSlotsAreReused) {

@@ -2,11 +2,14 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <ostream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "Beacon/Platform.h"
 #include "SharedMem/OwnerFile.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -15,10 +18,7 @@ namespace {
 using SharedMem::LoadStatus;
 using SharedMem::OwnerFile;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("OwnerFileTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 OwnerFile::Header validHeader() {
   OwnerFile::Header header{};
@@ -109,33 +109,37 @@ TEST(OwnerFile, MissingFileIsNotReadable) {
   expectUnreadable(owner);
 }
 
-TEST(OwnerFile, ShortFileIsNotReadable) {
+// An owner file that is there but cannot be read, and how it loads.
+struct Damaged {
+  const char* name;
+  std::string bytes;
+  LoadStatus status;
+};
+
+std::ostream& operator<<(std::ostream& out, const Damaged& damaged) { return out << damaged.name; }
+
+std::vector<Damaged> damagedFiles() {
+  OwnerFile::Header badMagic = validHeader();
+  badMagic.magic ^= 1;
+  OwnerFile::Header newer = validHeader();
+  newer.version = 2;
+  return {{"ShortFileIsNotReadable", bytes(validHeader(), 127), LoadStatus::NotReady},
+          {"BadMagicIsNotReadable", bytes(badMagic), LoadStatus::Corrupt},
+          {"BadVersionIsNotReadable", bytes(newer), LoadStatus::Incompatible}};
+}
+
+class OwnerFileDamaged : public testing::TestWithParam<Damaged> {};
+
+TEST_P(OwnerFileDamaged, LoadsAsItsStatusAndIsNotReadable) {
   HeronTest::TempRoot root;
-  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(validHeader(), 127)));
+  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), GetParam().bytes));
   OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
-  EXPECT_EQ(owner.status(), LoadStatus::NotReady);
+  EXPECT_EQ(owner.status(), GetParam().status);
   expectUnreadable(owner);
 }
 
-TEST(OwnerFile, BadMagicIsNotReadable) {
-  HeronTest::TempRoot root;
-  OwnerFile::Header header = validHeader();
-  header.magic ^= 1;
-  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
-  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
-  EXPECT_EQ(owner.status(), LoadStatus::Corrupt);
-  expectUnreadable(owner);
-}
-
-TEST(OwnerFile, BadVersionIsNotReadable) {
-  HeronTest::TempRoot root;
-  OwnerFile::Header header = validHeader();
-  header.version = 2;
-  ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
-  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
-  EXPECT_EQ(owner.status(), LoadStatus::Incompatible);
-  expectUnreadable(owner);
-}
+INSTANTIATE_TEST_SUITE_P(OwnerFile, OwnerFileDamaged, testing::ValuesIn(damagedFiles()),
+                         [](const testing::TestParamInfo<Damaged>& info) { return std::string(info.param.name); });
 
 TEST(OwnerFile, LongerFileReadsItsFirst128Bytes) {
   HeronTest::TempRoot root;

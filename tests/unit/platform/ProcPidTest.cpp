@@ -6,6 +6,7 @@
 
 #include "Beacon/Platform.h"
 #include "Beacon/ProcPid.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
@@ -14,10 +15,7 @@ using Beacon::Proc::Access;
 using Beacon::Proc::PidNamespaceIndex;
 using Beacon::Proc::PidStatus;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("ProcPidTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 // A fake /proc: one directory per process with a status file and, when a
 // namespace is given, an ns/pid link whose text is what the kernel shows.

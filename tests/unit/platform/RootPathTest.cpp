@@ -9,14 +9,12 @@
 
 #include "Beacon/Platform.h"
 #include "Mem/RootPath.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("RootPathTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 // Saves and restores the environment variables and working directory that
 // root resolution depends on.
@@ -30,6 +28,12 @@ class RootPathTest : public testing::Test {
     cwd_ = cwd;
     ::unsetenv("HERON_ROOT");
     ::unsetenv("Q7_CHROOT");
+  }
+  // HERON_ROOT names "link", a symbolic link to the directory "real".
+  void linkedRoot() {
+    ASSERT_EQ(::mkdir(temp.file("real").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("real", temp.file("link").c_str()), 0);
+    ::setenv("HERON_ROOT", temp.file("link").c_str(), 1);
   }
   void TearDown() override {
     restore("HERON_ROOT", heronRoot_);
@@ -120,18 +124,14 @@ TEST_F(RootPathTest, RelativeNameGivesTheTableUnderTheRoot) {
 }
 
 TEST_F(RootPathTest, ExistingTableUnderASymlinkedRootResolvesThroughTheLink) {
-  ASSERT_EQ(::mkdir(temp.file("real").c_str(), 0755), 0);
+  ASSERT_NO_FATAL_FAILURE(linkedRoot());
   ASSERT_EQ(::mkdir(temp.file("real/md").c_str(), 0755), 0);
-  ASSERT_EQ(::symlink("real", temp.file("link").c_str()), 0);
-  ::setenv("HERON_ROOT", temp.file("link").c_str(), 1);
   Mem::OrbRootPath root(handler(), "md", false);
   EXPECT_EQ(root.path(), temp.file("real") + "/md");
 }
 
 TEST_F(RootPathTest, MissingTableUnderASymlinkedRootIsPlacedUnderTheCanonicalRoot) {
-  ASSERT_EQ(::mkdir(temp.file("real").c_str(), 0755), 0);
-  ASSERT_EQ(::symlink("real", temp.file("link").c_str()), 0);
-  ::setenv("HERON_ROOT", temp.file("link").c_str(), 1);
+  ASSERT_NO_FATAL_FAILURE(linkedRoot());
   Mem::OrbRootPath root(handler(), "no/such/table", false);
   EXPECT_EQ(root.path(), temp.file("real") + "/no/such/table");
 }

@@ -6,14 +6,12 @@
 
 #include "Beacon/Platform.h"
 #include "Mem/SharedMemWrapper.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("SharedMemWrapperTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 using File = Mem::Tracked<Mem::SharedMemWrapper>;
 

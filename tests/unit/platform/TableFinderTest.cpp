@@ -10,16 +10,14 @@
 #include "Beacon/Platform.h"
 #include "Mem/TableFinder.h"
 #include "SharedMem/OwnerFile.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 
 namespace {
 
 using Names = std::vector<std::string>;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("TableFinderTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 void makeDirs(const std::string& path) {
   for (std::size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,15 +19,13 @@
 #include "Mem/VersionedRef.h"
 #include "Tock/Sequence.h"
 #include "support/Child.h"
+#include "support/Handler.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("UtilTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 TEST(DecodeMagic, ShowsTheBytesInFileOrder) {
   EXPECT_EQ(Beacon::Util::decodeMagic(Beacon::Util::encodeMagic("HRNOWNER")), "HRNOWNER");
@@ -101,13 +98,10 @@ TEST(ReadPidCmdlineLive, RealProcess) {
 }
 
 TEST(ReadPidCmdlineLive, VanishedProcessIsEmpty) {
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::_exit(0);
-  }
-  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-  EXPECT_EQ(Beacon::Util::readPidCmdline(handler(), child), "");
+  HeronTest::Child child([] { return 0; });
+  ASSERT_TRUE(child.started()) << child.error();
+  ASSERT_EQ(child.wait().status, 0);
+  EXPECT_EQ(Beacon::Util::readPidCmdline(handler(), child.pid()), "");
 }
 
 TEST(VersionedRef, PrintsValueThenVersionInDecimal) {

@@ -1,3 +1,6 @@
+#include <cstdint>
+#include <vector>
+
 #include "QuarryFixture.h"
 #include "model/Model.h"
 #include "readers/QuarryHelperScanner.h"
@@ -14,14 +17,16 @@ class FillHeaderTest : public QuarryTest::TableDir {
     EXPECT_EQ(scanner.attachedRegions(), 0U);
     return info;
   }
+  // The fresh header's region count, total size and occupancy rate.
+  std::vector<std::uint64_t> figures() {
+    const HeaderInfo info = fillFresh();
+    return {info.numRegions, info.totalSize, info.occupancyRate};
+  }
 };
 
 TEST_F(FillHeaderTest, NoRegionsGiveAllZeroFigures) {
-  HeaderInfo info = fillFresh();
-  EXPECT_EQ(info.numRegions, 0U);
-  EXPECT_EQ(info.totalSize, 0U);
-  EXPECT_EQ(info.pagesFree, 0U);
-  EXPECT_EQ(info.occupancyRate, 0U);
+  EXPECT_EQ(figures(), (std::vector<std::uint64_t>{0, 0, 0}));
+  EXPECT_EQ(fillFresh().pagesFree, 0U);
 }
 
 TEST_F(FillHeaderTest, LeavesTheNotificationFiguresAlone) {
@@ -33,20 +38,14 @@ TEST_F(FillHeaderTest, LeavesTheNotificationFiguresAlone) {
 TEST_F(FillHeaderTest, AllRegionsFullAreOneHundredPercent) {
   fill(region(64, 8), 8);
   fill(region(4096, 3), 3);
-  HeaderInfo info = fillFresh();
-  EXPECT_EQ(info.numRegions, 2U);
-  EXPECT_EQ(info.totalSize, 64U * 8 + 4096U * 3);
-  EXPECT_EQ(info.pagesFree, 0U);
-  EXPECT_EQ(info.occupancyRate, 100U);
+  EXPECT_EQ(figures(), (std::vector<std::uint64_t>{2, 64U * 8 + 4096U * 3, 100}));
+  EXPECT_EQ(fillFresh().pagesFree, 0U);
 }
 
 TEST_F(FillHeaderTest, ZeroSizedUnitsGiveZeroTotalAndNoDivision) {
   fill(region(0, 10), 4);
   fill(region(0, 3), 3);
-  HeaderInfo info = fillFresh();
-  EXPECT_EQ(info.numRegions, 2U);
-  EXPECT_EQ(info.totalSize, 0U);
-  EXPECT_EQ(info.occupancyRate, 0U);
+  EXPECT_EQ(figures(), (std::vector<std::uint64_t>{2, 0, 0}));
 }
 
 TEST_F(FillHeaderTest, TwoPageRegionsOneThreeTenthsUsedAreFifteenPercent) {
@@ -100,8 +99,5 @@ TEST_F(FillHeaderTest, ProductsWrapInThirtyTwoBitsBeforeWidening) {
   // One used unit: used 65536, free (0 - 65536) in 64-bit two's complement,
   // so the total wraps to 0 and no rate is computed.
   fill(region(65536, 65536), 1);
-  HeaderInfo info = fillFresh();
-  EXPECT_EQ(info.numRegions, 1U);
-  EXPECT_EQ(info.totalSize, 0U);
-  EXPECT_EQ(info.occupancyRate, 0U);
+  EXPECT_EQ(figures(), (std::vector<std::uint64_t>{1, 0, 0}));
 }

@@ -4,6 +4,7 @@
 
 #include "Quarry/QuarryReader.h"
 #include "QuarryFixture.h"
+#include "SmallTable.h"
 
 using Quarry::Offset;
 using Scanner = Quarry::QuarryScannerBase<Quarry::NoMapScanner>;
@@ -43,12 +44,8 @@ class QuarryOutputTest : public QuarryTest::TableDir {
   // Regions 1 (16 x 4: alpha, gamma; beta released) and 2 (8 x 2: 01234567).
   void buildSmallTable() {
     const std::uint32_t one = region(16, 4);
-    ASSERT_NE(writer_->allocate(one, "alpha", 5), Offset::TOMBSTONED);
-    ASSERT_NE(writer_->allocate(one, "beta", 4), Offset::TOMBSTONED);
-    ASSERT_NE(writer_->allocate(one, "gamma", 5), Offset::TOMBSTONED);
-    ASSERT_TRUE(writer_->release(Offset::encode(one, 1)));
     const std::uint32_t two = region(8, 2);
-    ASSERT_NE(writer_->allocate(two, "0123456789", 10), Offset::TOMBSTONED);
+    ASSERT_TRUE(QuarryTest::fillSmallTable(*writer_, one, two));
   }
 };
 
@@ -145,15 +142,8 @@ TEST_F(QuarryOutputTest, StatsReportAShortRegionAndLeaveItOut) {
                 "  region 2: file is 8192 bytes, header claims 45056; skipped\n");
 }
 
-const char* const kRegionOne =
-    "Region 1: entry size 16, units 4, used 2, generation 8\n"
-    "  offset        unit    size  preview\n"
-    "  0x00100000       0      16  61 6c 70 68 61 00 00 00 00 00 00 00 00 00 00 00  |alpha...........|\n"
-    "  0x00100002       2      16  67 61 6d 6d 61 00 00 00 00 00 00 00 00 00 00 00  |gamma...........|\n";
-const char* const kRegionTwo =
-    "Region 2: entry size 8, units 2, used 1, generation 2\n"
-    "  offset        unit    size  preview\n"
-    "  0x00200000       0       8  30 31 32 33 34 35 36 37                          |01234567|\n";
+using QuarryTest::kRegionOne;
+using QuarryTest::kRegionTwo;
 
 TEST_F(QuarryOutputTest, ScanShowsEveryRegionAndItsUsedEntries) {
   buildSmallTable();
@@ -210,16 +200,7 @@ TEST_F(QuarryOutputTest, RegionThatStaysInconsistentIsMarked) {
                 kRegionTwo);
   ::unlink(outputPath().c_str());
   EXPECT_EQ(stats(true, false),
-            "Region allocator statistics\n"
-            "  regions       2\n"
-            "  bytes         80\n"
-            "  used          40\n"
-            "  free          40\n"
-            "  pages free    0\n"
-            "  occupancy     50%\n"
-            "  allocations   4\n"
-            "  releases      1\n" +
-                std::string(kRowHeader) +
+            std::string(QuarryTest::kTotals) + kRowHeader +
                 "       2           8         2         1        50%           0            16\n"
                 "       1          16         4         2        50%           0            64  inconsistent\n");
 }

@@ -20,6 +20,22 @@ class QuarryReaderTest : public QuarryTest::TableDir {
     scanner->attachRegions();
     return scanner;
   }
+  // Two regions of 64 x 4 units, and a scanner of them that notes in
+  // detached_ each region it lets go.
+  std::unique_ptr<Scanner> twoRegionsWatched() {
+    region(64, 4);
+    region(64, 4);
+    auto scanner = attached();
+    scanner->setOnRegionDetached([this](std::uint32_t id) { detached_.push_back(id); });
+    return scanner;
+  }
+  // What the scanner traces of the deletion of `name`.
+  static std::string deletionTraces(Scanner& scanner, const std::string& name) {
+    ::testing::internal::CaptureStderr();
+    scanner.notify(name, IN_DELETE);
+    return ::testing::internal::GetCapturedStderr();
+  }
+  std::vector<std::uint32_t> detached_;
 };
 
 TEST_F(QuarryReaderTest, InitializeFailsWithoutTheAllocatorFile) {
@@ -102,13 +118,9 @@ TEST_F(QuarryReaderTest, CreateAndModifyEventsAreOnlyCounted) {
 }
 
 TEST_F(QuarryReaderTest, DeletionOfAKnownRegionDetachesItAndCallsTheCallback) {
-  region(64, 4);
-  region(64, 4);
-  auto scanner = attached();
-  std::vector<std::uint32_t> detached;
-  scanner->setOnRegionDetached([&detached](std::uint32_t id) { detached.push_back(id); });
+  auto scanner = twoRegionsWatched();
   scanner->notify("region.2", IN_DELETE);
-  EXPECT_EQ(detached, std::vector<std::uint32_t>{2});
+  EXPECT_EQ(detached_, std::vector<std::uint32_t>{2});
   EXPECT_EQ(scanner->attachedRegions(), 1U);
   EXPECT_FALSE(scanner->isAttached(2));
   EXPECT_EQ(scanner->detachedRegions(), 1U);
@@ -130,9 +142,7 @@ TEST_F(QuarryReaderTest, DeletionOfANonRegionNameIsIgnored) {
 TEST_F(QuarryReaderTest, DeletionOfAnUnknownRegionIsTracedAsBogus) {
   handler_.setMask(1U << 5);
   auto scanner = attached();
-  ::testing::internal::CaptureStderr();
-  scanner->notify("region.77", IN_DELETE);
-  const std::string traced = ::testing::internal::GetCapturedStderr();
+  const std::string traced = deletionTraces(*scanner, "region.77");
   EXPECT_NE(traced.find("saw notify of region.77 flags:512"), std::string::npos) << traced;
   EXPECT_NE(traced.find("saw bogus file: region.77"), std::string::npos) << traced;
   EXPECT_EQ(scanner->detachedRegions(), 0U);
@@ -141,9 +151,7 @@ TEST_F(QuarryReaderTest, DeletionOfAnUnknownRegionIsTracedAsBogus) {
 TEST_F(QuarryReaderTest, NotifyTracesNothingBelowLevelFive) {
   handler_.setMask(1U << 3);
   auto scanner = attached();
-  ::testing::internal::CaptureStderr();
-  scanner->notify("region.77", IN_DELETE);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(deletionTraces(*scanner, "region.77"), "");
 }
 
 TEST_F(QuarryReaderTest, DetachedRegionsAreParkedWhenRetirementIsOn) {
@@ -163,14 +171,10 @@ TEST_F(QuarryReaderTest, DetachedRegionsAreParkedWhenRetirementIsOn) {
 }
 
 TEST_F(QuarryReaderTest, RealDeletionIsSeenThroughTheWatch) {
-  region(64, 4);
-  region(64, 4);
-  auto scanner = attached();
-  std::vector<std::uint32_t> detached;
-  scanner->setOnRegionDetached([&detached](std::uint32_t id) { detached.push_back(id); });
+  auto scanner = twoRegionsWatched();
   ASSERT_TRUE(writer_->deleteRegion(1));
   scanner->pollEvents();
-  EXPECT_EQ(detached, std::vector<std::uint32_t>{1});
+  EXPECT_EQ(detached_, std::vector<std::uint32_t>{1});
   EXPECT_FALSE(scanner->isAttached(1));
   EXPECT_TRUE(scanner->isAttached(2));
 }

@@ -10,23 +10,18 @@ using Quarry::RegionHeader;
 
 namespace {
 
-RegionHeader readRegionHeader(const std::string& path) {
-  RegionHeader header{};
+// The header at the start of a file, zero when the file is shorter.
+template <typename Header>
+Header readHeader(const std::string& path) {
+  Header header{};
   std::string bytes = QuarryTest::readFile(path);
   if (bytes.size() >= sizeof header) {
     std::memcpy(&header, bytes.data(), sizeof header);
   }
   return header;
 }
-
-QuarryHeader readQuarryHeader(const std::string& path) {
-  QuarryHeader header{};
-  std::string bytes = QuarryTest::readFile(path);
-  if (bytes.size() >= sizeof header) {
-    std::memcpy(&header, bytes.data(), sizeof header);
-  }
-  return header;
-}
+RegionHeader readRegionHeader(const std::string& path) { return readHeader<RegionHeader>(path); }
+QuarryHeader readQuarryHeader(const std::string& path) { return readHeader<QuarryHeader>(path); }
 
 }  // namespace
 

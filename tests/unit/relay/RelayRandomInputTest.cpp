@@ -35,6 +35,7 @@ std::uint32_t readU32(const std::vector<char>& bytes, std::size_t at) {
 }
 
 // What a correct validation says of these file bytes.
+// The order is that of the prefixes below.
 enum class Verdict { Valid, Short, Magic, Version, Capacity };
 
 Verdict model(const std::vector<char>& bytes) {
@@ -53,20 +54,10 @@ Verdict model(const std::vector<char>& bytes) {
   return Verdict::Valid;
 }
 
+// How the refusal of each verdict begins, in the order of Verdict.
 const char* prefix(Verdict verdict) {
-  switch (verdict) {
-    case Verdict::Short:
-      return "file holds ";
-    case Verdict::Magic:
-      return "bad magic 0x";
-    case Verdict::Version:
-      return "format version ";
-    case Verdict::Capacity:
-      return "capacity of ";
-    case Verdict::Valid:
-      break;
-  }
-  return "";
+  static const char* const kPrefixes[] = {"", "file holds ", "bad magic 0x", "format version ", "capacity of "};
+  return kPrefixes[static_cast<int>(verdict)];
 }
 
 // One queue file: random bytes, or a valid file disturbed at random.

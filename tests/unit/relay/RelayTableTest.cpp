@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <ostream>
 #include <string>
 
 #include "Beacon/Util.h"
@@ -78,52 +81,45 @@ TEST(RelayHeaderValidate, AcceptsLargerFile) {
   EXPECT_TRUE(header.validate(handler(), 4096, 0, error)) << error;
 }
 
-TEST(RelayHeaderValidate, RejectsWrongMagicNamingBoth) {
-  Header header = validHeader(1);
-  header.magic = Beacon::Util::encodeMagic("HRNOWNER");
+// A header refused by validate(), with the one line it gives.
+struct Rejection {
+  const char* name;
+  unsigned capacity;
+  std::optional<std::uint64_t> magic;    // else the valid one
+  std::optional<std::uint32_t> version;  // else the valid one
+  std::size_t fileSize;
+  const char* error;
+};
+
+std::ostream& operator<<(std::ostream& out, const Rejection& rejection) { return out << rejection.name; }
+
+const Rejection kRejections[] = {
+    {"RejectsWrongMagicNamingBoth", 1, Beacon::Util::encodeMagic("HRNOWNER"), std::nullopt, 100,
+     "bad magic 0x52454e574f4e5248, expected 0x59414c45524e5248 (\"HRNRELAY\")"},
+    {"RejectsNewerVersionSayingByHowMuch", 1, std::nullopt, 4, 100, "format version 4, expected 1 (newer by 3)"},
+    {"RejectsOlderVersion", 1, std::nullopt, 0, 100, "format version 0, expected 1 (older by 1)"},
+    {"RejectsCapacityBeyondFileSayingBytesShort", 10, std::nullopt, std::nullopt, 207,
+     "capacity of 10 notifications needs 208 bytes but the file holds 207 (1 bytes short)"},
+    {"RejectsHugeCapacityWithoutOverflow", 0xFFFFFFFFU, std::nullopt, std::nullopt, 0xFFFFFFFFU,
+     "capacity of 4294967295 notifications needs 51539607628 bytes but the file holds 4294967295 "
+     "(47244640333 bytes short)"},
+    {"RejectsFileShorterThanHeader", 0, std::nullopt, std::nullopt, 80,
+     "file holds 80 bytes, less than the 88-byte header (8 bytes short)"},
+};
+
+class RelayHeaderRejection : public testing::TestWithParam<Rejection> {};
+
+TEST_P(RelayHeaderRejection, SaysWhy) {
+  Header header = validHeader(GetParam().capacity);
+  header.magic = GetParam().magic.value_or(header.magic);
+  header.version = GetParam().version.value_or(header.version);
   std::string error;
-  EXPECT_FALSE(header.validate(handler(), 100, 0, error));
-  EXPECT_EQ(error, "bad magic 0x52454e574f4e5248, expected 0x59414c45524e5248 (\"HRNRELAY\")");
+  EXPECT_FALSE(header.validate(handler(), GetParam().fileSize, 0, error));
+  EXPECT_EQ(error, GetParam().error);
 }
 
-TEST(RelayHeaderValidate, RejectsNewerVersionSayingByHowMuch) {
-  Header header = validHeader(1);
-  header.version = 4;
-  std::string error;
-  EXPECT_FALSE(header.validate(handler(), 100, 0, error));
-  EXPECT_EQ(error, "format version 4, expected 1 (newer by 3)");
-}
-
-TEST(RelayHeaderValidate, RejectsOlderVersion) {
-  Header header = validHeader(1);
-  header.version = 0;
-  std::string error;
-  EXPECT_FALSE(header.validate(handler(), 100, 0, error));
-  EXPECT_EQ(error, "format version 0, expected 1 (older by 1)");
-}
-
-TEST(RelayHeaderValidate, RejectsCapacityBeyondFileSayingBytesShort) {
-  Header header = validHeader(10);
-  std::string error;
-  EXPECT_FALSE(header.validate(handler(), 207, 0, error));
-  EXPECT_EQ(error, "capacity of 10 notifications needs 208 bytes but the file holds 207 (1 bytes short)");
-}
-
-TEST(RelayHeaderValidate, RejectsHugeCapacityWithoutOverflow) {
-  Header header = validHeader(0xFFFFFFFFU);
-  std::string error;
-  EXPECT_FALSE(header.validate(handler(), 0xFFFFFFFFU, 0, error));
-  EXPECT_EQ(error,
-            "capacity of 4294967295 notifications needs 51539607628 bytes but the file holds 4294967295 "
-            "(47244640333 bytes short)");
-}
-
-TEST(RelayHeaderValidate, RejectsFileShorterThanHeader) {
-  Header header = validHeader(0);
-  std::string error;
-  EXPECT_FALSE(header.validate(handler(), 80, 0, error));
-  EXPECT_EQ(error, "file holds 80 bytes, less than the 88-byte header (8 bytes short)");
-}
+INSTANTIATE_TEST_SUITE_P(RelayHeaderValidate, RelayHeaderRejection, testing::ValuesIn(kRejections),
+                         [](const testing::TestParamInfo<Rejection>& info) { return std::string(info.param.name); });
 
 TEST(RelayHeaderValidate, SecondArgumentIsTheLeastCapacity) {
   Header header = validHeader(4);

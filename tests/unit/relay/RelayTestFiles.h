@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -105,6 +106,33 @@ inline std::string beforeTiming(const std::string& report) {
 inline std::string timing(const std::string& report) {
   std::size_t at = report.rfind("Relay scanned in ");
   return at == std::string::npos ? std::string() : report.substr(at);
+}
+
+// One table's header as the statistics block prints it, after a line end:
+// the magic of the format, its version, then the fields of the header.
+inline std::string individualHeader(SharedMem::EmberId id, const std::string& notifications, unsigned position) {
+  const std::string pid = std::to_string(id.pid);
+  const std::string instance = std::to_string(id.instanceId);
+  return "\n\t\tMagic: 0x59414c45524e5248 (\"HRNRELAY\")\n\t\tVersion: 1\n\t\tEmber: " + pid + "." + instance +
+         " (pid: " + pid + " instanceId: " + instance + ")\n\t\tNotifications: " + notifications +
+         "\n\t\tCurrent position: " + std::to_string(position) + "\n";
+}
+
+// The heading of one table of a queue in a scan report: its name and role,
+// its header's fields one to a line, then a blank line.
+inline std::string queueHeading(const std::string& table, const std::string& role, const std::string& notifications,
+                                unsigned currentPos, unsigned corralStart, unsigned corralEnd, unsigned epoch) {
+  return table + " relay queue (" + role + ")\n\tnotifications:" + notifications +
+         "\n\tcurrentPos:" + std::to_string(currentPos) + "\n\tcorralStart:" + std::to_string(corralStart) +
+         "\n\tcorralEnd:" + std::to_string(corralEnd) + "\n\tepoch:" + std::to_string(epoch) + "\n\n";
+}
+
+// The timing line: "Relay scanned in <seconds> seconds", a line break,
+// "Restarted <n> times", and the end of line of the report.
+// The seconds come from the wall clock, which may step back during a scan.
+inline const std::regex& timingZero() {
+  static const std::regex pattern("Relay scanned in -?[0-9]+(\\.[0-9]+)?(e[-+][0-9]+)? seconds\nRestarted 0 times\n");
+  return pattern;
 }
 
 }  // namespace RelayTest

@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <vector>
+
 #include "Quarry/Offset.h"
 #include "Relay/RelayWriter.h"
 #include "unit/relay/RelayTestFiles.h"
@@ -37,6 +40,13 @@ Notification readSlot(const std::string& path, std::size_t index) {
   return slot;
 }
 
+// What a switch of tables changes in a header: currentTable, tableVersion,
+// the primary's and the secondary's epochs, and currentPos.
+std::vector<std::uint64_t> switchFields(const Header& header) {
+  return {header.currentTable, header.tableVersion, header.epoch[Table::PRIMARY], header.epoch[Table::SECONDARY],
+          header.currentPos};
+}
+
 std::size_t fileSize(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 ? static_cast<std::size_t>(st.st_size) : 0;
@@ -50,6 +60,24 @@ class RelayWriterTest : public ::testing::Test {
   std::string primary = dir + "/relay.1";
   std::string secondary = dir + "/relay.2";
   SharedMem::EmberId ember{4711, 2};
+
+  // Creates the queue with `capacity` slots through writer_.
+  ::testing::AssertionResult create(unsigned capacity) {
+    writer_ = std::make_unique<RelayWriter>(RelayTest::handler(), root);
+    std::string error;
+    if (!writer_->create(capacity, ember, error)) {
+      return ::testing::AssertionFailure() << error;
+    }
+    return ::testing::AssertionSuccess();
+  }
+  // Appends offsets 10, 11 and 12 of one byte each; the first's sequence.
+  std::uint64_t appendThree() {
+    const std::uint64_t first = writer_->append(10, 1);
+    writer_->append(11, 1);
+    writer_->append(12, 1);
+    return first;
+  }
+  std::unique_ptr<RelayWriter> writer_;
 };
 
 }  // namespace
@@ -111,9 +139,8 @@ TEST_F(RelayWriterTest, OpenAcceptsAQueueLargerThanFourGibibytes) {
 }
 
 TEST_F(RelayWriterTest, CreateOpensTheWriter) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   EXPECT_TRUE(writer.isOpen());
   EXPECT_EQ(writer.capacity(), 4U);
   EXPECT_EQ(writer.currentTable(), Table::PRIMARY);
@@ -122,9 +149,8 @@ TEST_F(RelayWriterTest, CreateOpensTheWriter) {
 }
 
 TEST_F(RelayWriterTest, AppendWritesSlotAndPublishesPosition) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   EXPECT_EQ(writer.append(Quarry::Offset::encode(3, 4), 64), 1U);
   EXPECT_EQ(writer.append(Quarry::Offset::encode(3, 5), 65), 2U);
   Notification first = readSlot(primary, 0);
@@ -141,20 +167,15 @@ TEST_F(RelayWriterTest, AppendWritesSlotAndPublishesPosition) {
 }
 
 TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(2, ember, error)) << error;
+  ASSERT_TRUE(create(2));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   writer.append(2, 2);
   EXPECT_EQ(writer.currentTable(), Table::PRIMARY);
   EXPECT_EQ(writer.append(3, 3), 3U);
   EXPECT_EQ(writer.currentTable(), Table::SECONDARY);
-  Header first = readHeader(primary);
-  EXPECT_EQ(first.currentTable, 1U);
-  EXPECT_EQ(first.tableVersion, 1U);
-  EXPECT_EQ(first.epoch[Table::SECONDARY], 1U);
-  EXPECT_EQ(first.epoch[Table::PRIMARY], 0U);
-  EXPECT_EQ(first.currentPos, 2U);  // the full table keeps its contents
+  // The full table keeps its contents: its currentPos stays 2.
+  EXPECT_EQ(switchFields(readHeader(primary)), (std::vector<std::uint64_t>{1, 1, 0, 1, 2}));
   Header second = readHeader(secondary);
   EXPECT_EQ(second.currentPos, 1U);
   EXPECT_EQ(second.corralStart.value, 3U);
@@ -163,26 +184,21 @@ TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
 }
 
 TEST_F(RelayWriterTest, SwitchingBackResetsThePrimary) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(1, ember, error)) << error;
-  writer.append(1, 1);
-  writer.append(2, 2);  // to secondary
-  writer.append(3, 3);  // back to primary, reset
-  Header first = readHeader(primary);
-  EXPECT_EQ(first.currentTable, 0U);
-  EXPECT_EQ(first.tableVersion, 2U);
-  EXPECT_EQ(first.epoch[Table::PRIMARY], 1U);
-  EXPECT_EQ(first.epoch[Table::SECONDARY], 1U);
-  EXPECT_EQ(first.currentPos, 1U);
+  ASSERT_TRUE(create(1));
+  RelayWriter& writer = *writer_;
+  // The second goes to the secondary, the third back to the primary, reset.
+  for (std::uint32_t i = 1; i <= 3; ++i) {
+    writer.append(i, i);
+  }
+  const Header first = readHeader(primary);
+  EXPECT_EQ(switchFields(first), (std::vector<std::uint64_t>{0, 2, 1, 1, 1}));
   EXPECT_EQ(first.corralStart.value, 3U);
   EXPECT_EQ(readSlot(primary, 0).sequence, 3U);
 }
 
 TEST_F(RelayWriterTest, SwitchTablesOnDemand) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(8, ember, error)) << error;
+  ASSERT_TRUE(create(8));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   writer.switchTables();
   EXPECT_EQ(writer.currentTable(), Table::SECONDARY);
@@ -192,9 +208,8 @@ TEST_F(RelayWriterTest, SwitchTablesOnDemand) {
 }
 
 TEST_F(RelayWriterTest, TombstoneBySequenceInActiveTable) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   writer.append(10, 1);
   std::uint64_t second = writer.append(11, 2);
   EXPECT_TRUE(writer.tombstone(second));
@@ -204,41 +219,33 @@ TEST_F(RelayWriterTest, TombstoneBySequenceInActiveTable) {
 }
 
 TEST_F(RelayWriterTest, TombstoneBySequenceInBackupTable) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(2, ember, error)) << error;
-  std::uint64_t first = writer.append(10, 1);
-  writer.append(11, 1);
-  writer.append(12, 1);  // now in the secondary
-  EXPECT_TRUE(writer.tombstone(first));
+  ASSERT_TRUE(create(2));
+  const std::uint64_t first = appendThree();  // the third goes to the secondary
+  EXPECT_TRUE(writer_->tombstone(first));
   EXPECT_EQ(readSlot(primary, 0).offset, Quarry::Offset::TOMBSTONED);
 }
 
 TEST_F(RelayWriterTest, TombstoneOfOverwrittenSequenceFails) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(1, ember, error)) << error;
-  std::uint64_t first = writer.append(10, 1);
-  writer.append(11, 1);
-  writer.append(12, 1);  // the primary was reset
+  ASSERT_TRUE(create(1));
+  const std::uint64_t first = appendThree();  // the third resets the primary
+  RelayWriter& writer = *writer_;
   EXPECT_FALSE(writer.tombstone(first));
   EXPECT_FALSE(writer.tombstone(std::uint64_t{99}));
   EXPECT_FALSE(writer.tombstone(std::uint64_t{0}));
 }
 
 TEST_F(RelayWriterTest, TombstoneByPosition) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(3, ember, error)) << error;
+  ASSERT_TRUE(create(3));
+  RelayWriter& writer = *writer_;
   EXPECT_TRUE(writer.tombstone(Table::SECONDARY, 2));
   EXPECT_EQ(readSlot(secondary, 2).offset, Quarry::Offset::TOMBSTONED);
   EXPECT_FALSE(writer.tombstone(Table::SECONDARY, 3));
 }
 
 TEST_F(RelayWriterTest, GrowExtendsBothFilesAndBumpsTheVersion) {
-  RelayWriter writer(RelayTest::handler(), root);
   std::string error;
-  ASSERT_TRUE(writer.create(2, ember, error)) << error;
+  ASSERT_TRUE(create(2));
+  RelayWriter& writer = *writer_;
   writer.append(1, 1);
   ASSERT_TRUE(writer.grow(10, error)) << error;
   EXPECT_EQ(writer.capacity(), 10U);
@@ -257,9 +264,9 @@ TEST_F(RelayWriterTest, GrowExtendsBothFilesAndBumpsTheVersion) {
 }
 
 TEST_F(RelayWriterTest, GrowRefusesASmallerOrEqualCapacity) {
-  RelayWriter writer(RelayTest::handler(), root);
   std::string error;
-  ASSERT_TRUE(writer.create(4, ember, error)) << error;
+  ASSERT_TRUE(create(4));
+  RelayWriter& writer = *writer_;
   EXPECT_FALSE(writer.grow(4, error));
   EXPECT_EQ(error, "a capacity of 4 is not above the current 4");
   EXPECT_EQ(writer.capacity(), 4U);
@@ -301,17 +308,15 @@ TEST_F(RelayWriterTest, OpenRejectsMissingFiles) {
 }
 
 TEST_F(RelayWriterTest, CapacityZeroTakesNoAppends) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(0, ember, error)) << error;
+  ASSERT_TRUE(create(0));
+  RelayWriter& writer = *writer_;
   EXPECT_EQ(writer.append(1, 1), 0U);
   EXPECT_EQ(readHeader(primary).currentPos, 0U);
 }
 
 TEST_F(RelayWriterTest, SetConnectedReadersWritesThePrimary) {
-  RelayWriter writer(RelayTest::handler(), root);
-  std::string error;
-  ASSERT_TRUE(writer.create(1, ember, error)) << error;
+  ASSERT_TRUE(create(1));
+  RelayWriter& writer = *writer_;
   writer.setConnectedReaders(3);
   EXPECT_EQ(readHeader(primary).connectedReaders, 3U);
   EXPECT_EQ(readHeader(secondary).connectedReaders, 0U);

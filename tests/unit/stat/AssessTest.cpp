@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "Collect.h"
 #include "stat/SampleFixture.h"
 
@@ -125,49 +127,51 @@ TEST(StatRates, RateAndTimeToSwitchFromTwoSamples) {
   EXPECT_DOUBLE_EQ(*second.tables[0].allocator.releasesPerSecond, 2.0);
 }
 
-TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
+// The second sample, its rates derived from a first sample that held only
+// `before`.
+Stat::Sample derivedAfter(const Stat::Table& before, std::initializer_list<Stat::Table> after) {
+  const Stat::Sample first = StatTest::sampleOf({before});
+  Stat::Sample second = StatTest::sampleOf(after);
+  Stat::deriveRates(first, second);
+  return second;
+}
+
+// Table "t" read at 100 s, without rates of its own, and a copy of it read
+// a second later.
+std::pair<Stat::Table, Stat::Table> readASecondApart() {
   Stat::Table before = healthyTable("t");
   before.readMonotonicSeconds = 100;
   before.queues.ratePerSecond.reset();
   before.queues.secondsToSwitch.reset();
+  before.allocator.allocationsPerSecond.reset();
   Stat::Table after = before;
   after.readMonotonicSeconds = 101;
+  return {before, after};
+}
+
+TEST(StatRates, NoRateWhenTheSequenceWentBackOrTheTableIsNew) {
+  auto [before, after] = readASecondApart();
   after.queues.sequence = before.queues.sequence - 1;
   Stat::Table fresh = before;
   fresh.identity.path = "/elsewhere";
-  Stat::Sample first = StatTest::sampleOf({before});
-  Stat::Sample second = StatTest::sampleOf({after, fresh});
-  Stat::deriveRates(first, second);
+  const Stat::Sample second = derivedAfter(before, {after, fresh});
   EXPECT_FALSE(second.tables[0].queues.ratePerSecond);
   EXPECT_FALSE(second.tables[1].queues.ratePerSecond);
 }
 
 TEST(StatRates, NoRateAcrossAWriterRestart) {
-  Stat::Table before = healthyTable("t");
-  before.readMonotonicSeconds = 100;
-  before.queues.ratePerSecond.reset();
-  before.allocator.allocationsPerSecond.reset();
-  Stat::Table after = before;
-  after.readMonotonicSeconds = 101;
+  auto [before, after] = readASecondApart();
   after.queues.sequence = before.queues.sequence + 500;
   after.allocator.allocations = before.allocator.allocations + 5;
   after.writer.instance = before.writer.instance + 1;
-  Stat::Sample first = StatTest::sampleOf({before});
-  Stat::Sample second = StatTest::sampleOf({after});
-  Stat::deriveRates(first, second);
+  const Stat::Sample second = derivedAfter(before, {after});
   EXPECT_FALSE(second.tables[0].queues.ratePerSecond);
   EXPECT_FALSE(second.tables[0].allocator.allocationsPerSecond);
 }
 
 TEST(StatRates, ZeroRateHasNoTimeToSwitch) {
-  Stat::Table before = healthyTable("t");
-  before.readMonotonicSeconds = 100;
-  before.queues.secondsToSwitch.reset();
-  Stat::Table after = before;
-  after.readMonotonicSeconds = 101;
-  Stat::Sample first = StatTest::sampleOf({before});
-  Stat::Sample second = StatTest::sampleOf({after});
-  Stat::deriveRates(first, second);
+  auto [before, after] = readASecondApart();
+  const Stat::Sample second = derivedAfter(before, {after});
   EXPECT_DOUBLE_EQ(*second.tables[0].queues.ratePerSecond, 0.0);
   EXPECT_FALSE(second.tables[0].queues.secondsToSwitch);
 }

@@ -17,7 +17,7 @@
 
 #include "Bundle.h"
 #include "SampleFixture.h"
-#include "TempDir.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -91,7 +91,7 @@ class BundleTest : public ::testing::Test {
     return Stat::readBundle(path, into, manifest, error);
   }
 
-  StatTest::TempDir temp_{"heron-bundle-test"};
+  HeronTest::TempDir temp_{"heron-bundle-test"};
   const std::string dir_ = temp_.path();
   std::string into_;
 };

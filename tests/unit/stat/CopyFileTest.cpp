@@ -2,6 +2,7 @@
 // mid-change) is kept and marked torn after the bound, never looped on; a
 // region's units follow its header in the copy, with the sum of it all.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -11,7 +12,7 @@
 
 #include "CopyFile.h"
 #include "Quarry/QuarryFormat.h"
-#include "TempDir.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -19,7 +20,9 @@ class CopyFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_FALSE(dir_.empty());
-    ASSERT_EQ(std::system(("mkdir -p '" + dir_ + "/live/t' '" + dir_ + "/staged'").c_str()), 0);
+    for (const char* made : {"/live", "/live/t", "/staged"}) {
+      ASSERT_EQ(::mkdir((dir_ + made).c_str(), 0755), 0) << dir_ + made;
+    }
   }
 
   void write(const std::string& name, const std::string& bytes) {
@@ -37,7 +40,7 @@ class CopyFileTest : public ::testing::Test {
     return files;
   }
 
-  StatTest::TempDir temp_{"heron-copy-test"};
+  HeronTest::TempDir temp_{"heron-copy-test"};
   const std::string dir_ = temp_.path();
 };
 

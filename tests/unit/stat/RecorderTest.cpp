@@ -14,7 +14,7 @@
 #include "Recorder.h"
 #include "Render.h"
 #include "SampleFixture.h"
-#include "TempDir.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ class RecorderTest : public ::testing::Test {
     return bytes;
   }
 
-  StatTest::TempDir temp_{"heron-recorder-test"};
+  HeronTest::TempDir temp_{"heron-recorder-test"};
   const std::string dir_ = temp_.path();
 };
 

@@ -36,6 +36,14 @@ Stat::Table withState(const std::string& name, Stat::State state) {
   return table;
 }
 
+// Healthy table "a" whose allocator has `used` of its 1000 bytes in use.
+Stat::Table allocatorUsing(std::uint64_t used) {
+  Stat::Table table = StatTest::healthyTable("a");
+  table.allocator.bytes = 1000;
+  table.allocator.usedBytes = used;
+  return table;
+}
+
 TEST(StatRenderCheck, AllOkIsStatusZero) {
   const Stat::Verdict v =
       verdict(StatTest::sampleOf({withState("a", Stat::State::Ok), withState("b", Stat::State::Ok)}));
@@ -98,9 +106,7 @@ TEST(StatRenderCheck, StaleThresholdIsAnOption) {
 }
 
 TEST(StatRenderCheck, AllocatorAtOrOverWarnAllocIsWarning) {
-  Stat::Table table = StatTest::healthyTable("a");
-  table.allocator.bytes = 1000;
-  table.allocator.usedBytes = 900;
+  const Stat::Table table = allocatorUsing(900);
   Stat::Thresholds thresholds;
   Stat::Verdict v = verdict(StatTest::sampleOf({table}), thresholds);
   EXPECT_EQ(v.status, 1);
@@ -112,9 +118,7 @@ TEST(StatRenderCheck, AllocatorAtOrOverWarnAllocIsWarning) {
 }
 
 TEST(StatRenderCheck, AllocatorAtOrOverCritAllocIsCritical) {
-  Stat::Table table = StatTest::healthyTable("a");
-  table.allocator.bytes = 1000;
-  table.allocator.usedBytes = 960;
+  const Stat::Table table = allocatorUsing(960);
   Stat::Thresholds thresholds;
   thresholds.critAllocPercent = 95;
   const Stat::Verdict v = verdict(StatTest::sampleOf({table}), thresholds);

@@ -39,35 +39,37 @@ TEST(StatRenderPrometheus, FiguresOfAHealthyTable) {
   Stat::Sample sample = StatTest::sampleOf({StatTest::healthyTable("orders")});
   sample.clientsKnown = true;
   const std::string text = exposition(sample);
-  EXPECT_TRUE(has(text, "# TYPE heron_writer_up gauge"));
-  EXPECT_TRUE(has(text, "heron_writer_up{table=\"orders\"} 1"));
-  EXPECT_TRUE(has(text, "heron_writer_heartbeat_age_seconds{table=\"orders\"} 0.25"));
-  EXPECT_TRUE(has(text, "# TYPE heron_writer_restarts_total counter"));
-  EXPECT_TRUE(has(text, "heron_writer_restarts_total{table=\"orders\"} 2"));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"orders\",state=\"ok\"} 1"));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"orders\",state=\"dead\"} 0"));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"orders\",state=\"stale\"} 0"));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"orders\",state=\"broken\"} 0"));
-  EXPECT_TRUE(has(text, "heron_table_shadows{table=\"orders\"} 2"));
-  EXPECT_TRUE(has(text, "# TYPE heron_queue_sequence_total counter"));
-  EXPECT_TRUE(has(text, "heron_queue_sequence_total{table=\"orders\"} 123456"));
-  EXPECT_TRUE(has(text, "heron_queue_capacity{table=\"orders\",queue=\"1\"} 1024"));
-  EXPECT_TRUE(has(text, "heron_queue_position{table=\"orders\",queue=\"2\"} 256"));
-  EXPECT_TRUE(has(text, "heron_queue_active{table=\"orders\"} 2"));
-  EXPECT_TRUE(has(text, "heron_allocator_bytes{table=\"orders\",state=\"used\"} 7168"));
-  EXPECT_TRUE(has(text, "heron_allocator_bytes{table=\"orders\",state=\"free\"} 24832"));
-  EXPECT_TRUE(has(text, "heron_allocator_occupancy_ratio{table=\"orders\"} 0.224"));
-  EXPECT_TRUE(has(text, "heron_allocator_allocations_total{table=\"orders\"} 5000"));
-  EXPECT_TRUE(has(text, "heron_allocator_releases_total{table=\"orders\"} 4918"));
-  EXPECT_TRUE(has(text, "heron_allocator_regions{table=\"orders\"} 2"));
-  EXPECT_TRUE(has(text, "heron_queue_fill_ratio{table=\"orders\"} 0.25"));
-  EXPECT_TRUE(has(text, "heron_queue_seconds_to_switch{table=\"orders\"} 0.768"));
-  EXPECT_TRUE(has(text, "# TYPE heron_writer_start_time_seconds gauge"));
-  EXPECT_TRUE(has(text, "heron_writer_start_time_seconds{table=\"orders\"} 1700000100.25"));
-  EXPECT_TRUE(has(text, "heron_stat_tables 1"));
-  EXPECT_TRUE(has(text, "heron_stat_sample_duration_seconds 0.0125"));
-  EXPECT_TRUE(has(text, "heron_stat_root_ok 1"));
-  EXPECT_TRUE(has(text, "heron_stat_clients_known 1"));
+  for (const char* line : {"# TYPE heron_writer_up gauge",
+                           "heron_writer_up{table=\"orders\"} 1",
+                           "heron_writer_heartbeat_age_seconds{table=\"orders\"} 0.25",
+                           "# TYPE heron_writer_restarts_total counter",
+                           "heron_writer_restarts_total{table=\"orders\"} 2",
+                           "heron_table_state{table=\"orders\",state=\"ok\"} 1",
+                           "heron_table_state{table=\"orders\",state=\"dead\"} 0",
+                           "heron_table_state{table=\"orders\",state=\"stale\"} 0",
+                           "heron_table_state{table=\"orders\",state=\"broken\"} 0",
+                           "heron_table_shadows{table=\"orders\"} 2",
+                           "# TYPE heron_queue_sequence_total counter",
+                           "heron_queue_sequence_total{table=\"orders\"} 123456",
+                           "heron_queue_capacity{table=\"orders\",queue=\"1\"} 1024",
+                           "heron_queue_position{table=\"orders\",queue=\"2\"} 256",
+                           "heron_queue_active{table=\"orders\"} 2",
+                           "heron_allocator_bytes{table=\"orders\",state=\"used\"} 7168",
+                           "heron_allocator_bytes{table=\"orders\",state=\"free\"} 24832",
+                           "heron_allocator_occupancy_ratio{table=\"orders\"} 0.224",
+                           "heron_allocator_allocations_total{table=\"orders\"} 5000",
+                           "heron_allocator_releases_total{table=\"orders\"} 4918",
+                           "heron_allocator_regions{table=\"orders\"} 2",
+                           "heron_queue_fill_ratio{table=\"orders\"} 0.25",
+                           "heron_queue_seconds_to_switch{table=\"orders\"} 0.768",
+                           "# TYPE heron_writer_start_time_seconds gauge",
+                           "heron_writer_start_time_seconds{table=\"orders\"} 1700000100.25",
+                           "heron_stat_tables 1",
+                           "heron_stat_sample_duration_seconds 0.0125",
+                           "heron_stat_root_ok 1",
+                           "heron_stat_clients_known 1"}) {
+    EXPECT_TRUE(has(text, line)) << line << '\n' << text;
+  }
 }
 
 TEST(StatRenderPrometheus, TheCollectionItselfAsTheSampleSaysIt) {
@@ -76,9 +78,9 @@ TEST(StatRenderPrometheus, TheCollectionItselfAsTheSampleSaysIt) {
   sample.rootError = "no such directory";
   sample.clientsKnown = false;
   const std::string text = exposition(sample);
-  EXPECT_TRUE(has(text, "heron_stat_root_ok 0")) << text;
-  EXPECT_TRUE(has(text, "heron_stat_clients_known 0")) << text;
-  EXPECT_TRUE(has(text, "heron_stat_tables 0")) << text;
+  for (const char* line : {"heron_stat_root_ok 0", "heron_stat_clients_known 0", "heron_stat_tables 0"}) {
+    EXPECT_TRUE(has(text, line)) << line << '\n' << text;
+  }
   EXPECT_TRUE(std::regex_search(text, std::regex(R"(\nheron_stat_build_info\{version="[0-9]+\.[0-9]+[^"]*"\} 1\n)")))
       << text;
 }
@@ -95,17 +97,18 @@ TEST(StatRenderPrometheus, BrokenAndHalfReadTablesRenderWithTheOthers) {
   noHeartbeat.queues.secondsToSwitch.reset();
   const std::string text = exposition(StatTest::sampleOf(
       {StatTest::brokenTable("a"), halfRead, StatTest::healthyTable("ok"), noHeartbeat, StatTest::brokenTable("z")}));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"a\",state=\"broken\"} 1"));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"half\",state=\"broken\"} 1"));
-  EXPECT_TRUE(has(text, "heron_table_state{table=\"z\",state=\"broken\"} 1"));
-  EXPECT_TRUE(has(text, "heron_queue_fill_ratio{table=\"ok\"} 0.25"));
-  EXPECT_TRUE(has(text, "heron_stat_tables 5"));
-  EXPECT_EQ(text.find("heron_region_occupancy_ratio{table=\"half\""), std::string::npos) << text;
-  EXPECT_EQ(text.find("heron_regions{table=\"half\""), std::string::npos) << text;
-  EXPECT_EQ(text.find("heron_queue_fill_ratio{table=\"half\""), std::string::npos) << text;
-  EXPECT_EQ(text.find("heron_queue_seconds_to_switch{table=\"quiet\""), std::string::npos) << text;
-  EXPECT_EQ(text.find("heron_writer_heartbeat_age_seconds{table=\"quiet\""), std::string::npos) << text;
-  EXPECT_EQ(text.find("heron_writer_start_time_seconds{table=\"a\""), std::string::npos) << text;
+  for (const char* line :
+       {"heron_table_state{table=\"a\",state=\"broken\"} 1", "heron_table_state{table=\"half\",state=\"broken\"} 1",
+        "heron_table_state{table=\"z\",state=\"broken\"} 1", "heron_queue_fill_ratio{table=\"ok\"} 0.25",
+        "heron_stat_tables 5"}) {
+    EXPECT_TRUE(has(text, line)) << line << '\n' << text;
+  }
+  for (const char* absent :
+       {"heron_region_occupancy_ratio{table=\"half\"", "heron_regions{table=\"half\"",
+        "heron_queue_fill_ratio{table=\"half\"", "heron_queue_seconds_to_switch{table=\"quiet\"",
+        "heron_writer_heartbeat_age_seconds{table=\"quiet\"", "heron_writer_start_time_seconds{table=\"a\""}) {
+    EXPECT_EQ(text.find(absent), std::string::npos) << absent << '\n' << text;
+  }
 }
 
 // Regions of one entry size, replaced again and again by the writer: the
@@ -120,11 +123,13 @@ Stat::Table churnedTable(std::uint32_t firstId) {
 
 TEST(StatRenderPrometheus, RegionSeriesArePerEntrySizeByDefault) {
   const std::string text = exposition(StatTest::sampleOf({churnedTable(4000)}));
-  EXPECT_TRUE(has(text, "heron_regions{table=\"churn\",entry_size=\"64\"} 2")) << text;
-  EXPECT_TRUE(has(text, "heron_regions{table=\"churn\",entry_size=\"4096\"} 1"));
-  EXPECT_TRUE(has(text, "heron_region_units{table=\"churn\",entry_size=\"64\",state=\"used\"} 145"));
-  EXPECT_TRUE(has(text, "heron_region_units{table=\"churn\",entry_size=\"64\",state=\"free\"} 55"));
-  EXPECT_TRUE(has(text, "heron_region_units{table=\"churn\",entry_size=\"4096\",state=\"free\"} 9"));
+  for (const char* line :
+       {"heron_regions{table=\"churn\",entry_size=\"64\"} 2", "heron_regions{table=\"churn\",entry_size=\"4096\"} 1",
+        "heron_region_units{table=\"churn\",entry_size=\"64\",state=\"used\"} 145",
+        "heron_region_units{table=\"churn\",entry_size=\"64\",state=\"free\"} 55",
+        "heron_region_units{table=\"churn\",entry_size=\"4096\",state=\"free\"} 9"}) {
+    EXPECT_TRUE(has(text, line)) << line << '\n' << text;
+  }
   // The fullest region of each size.
   EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\"} 0.95"));
   EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"4096\"} 0.1"));
@@ -145,9 +150,11 @@ TEST(StatRenderPrometheus, RegionSeriesPerIdOnRequest) {
   Stat::Sample sample = StatTest::sampleOf({churnedTable(4000)});
   sample.perRegionSeries = true;
   const std::string text = exposition(sample);
-  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\",region=\"4000\"} 0.5")) << text;
-  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\",region=\"4001\"} 0.95"));
-  EXPECT_TRUE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"4096\",region=\"4002\"} 0.1"));
+  for (const char* line : {"heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\",region=\"4000\"} 0.5",
+                           "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\",region=\"4001\"} 0.95",
+                           "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"4096\",region=\"4002\"} 0.1"}) {
+    EXPECT_TRUE(has(text, line)) << line << '\n' << text;
+  }
   EXPECT_FALSE(has(text, "heron_region_occupancy_ratio{table=\"churn\",entry_size=\"64\"} 0.95"));
   EXPECT_TRUE(has(text, "heron_regions{table=\"churn\",entry_size=\"64\"} 2"));
 }

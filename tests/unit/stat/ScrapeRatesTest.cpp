@@ -1,5 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cmath>
+#include <limits>
+#include <optional>
+#include <ostream>
+#include <vector>
+
 #include "ScrapeRates.h"
 #include "stat/SampleFixture.h"
 
@@ -50,27 +57,42 @@ TEST(StatScrapeRates, EachScrapeTakesItsRateFromTheOneBefore) {
   EXPECT_DOUBLE_EQ(third.intervalSeconds, 5.0);
 }
 
-TEST(StatScrapeRates, AScrapeTooCloseToTheLastHasNoRateAndKeepsTheBase) {
+// Scrapes in the order the server's threads bring them, and the rate each
+// one gets (none: NaN).
+struct Scrapes {
+  const char* name;
+  std::vector<std::array<double, 3>> atSequenceRate;
+};
+
+std::ostream& operator<<(std::ostream& out, const Scrapes& scrapes) { return out << scrapes.name; }
+
+constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
+
+const Scrapes kScrapes[] = {
+    // The one at 101 s still takes its rate from 100 s, not from 100.1 s.
+    {"AScrapeTooCloseToTheLastHasNoRateAndKeepsTheBase", {{100, 1000, kNone}, {100.1, 1100, kNone}, {101, 2000, 1000}}},
+    // Two server threads: the scrape that read first may get here last.
+    {"AnOlderSampleArrivingLateNeitherGetsNorReplacesTheBase",
+     {{100, 1000, kNone}, {103, 4000, 1000}, {102, 3000, kNone}, {104, 4500, 500}}},
+};
+
+class StatScrapeRatesOrder : public testing::TestWithParam<Scrapes> {};
+
+TEST_P(StatScrapeRatesOrder, EachScrapeGetsItsRate) {
   Stat::ScrapeRates rates;
-  scrape(rates, 100, 1000);
-  const Stat::Sample close = scrape(rates, 100.1, 1100);
-  EXPECT_FALSE(close.tables[0].queues.ratePerSecond);
-  // Still from the sample at 100 s, not from the one at 100.1 s.
-  const Stat::Sample later = scrape(rates, 101, 2000);
-  ASSERT_TRUE(later.tables[0].queues.ratePerSecond);
-  EXPECT_DOUBLE_EQ(*later.tables[0].queues.ratePerSecond, 1000.0);
+  for (const auto& [at, sequence, expected] : GetParam().atSequenceRate) {
+    const std::optional<double> rate =
+        scrape(rates, at, static_cast<std::uint64_t>(sequence)).tables[0].queues.ratePerSecond;
+    if (std::isnan(expected)) {
+      EXPECT_FALSE(rate) << "at " << at;
+    } else {
+      ASSERT_TRUE(rate) << "at " << at;
+      EXPECT_DOUBLE_EQ(*rate, expected) << "at " << at;
+    }
+  }
 }
 
-// Two server threads: the scrape that read first may get here last.
-TEST(StatScrapeRates, AnOlderSampleArrivingLateNeitherGetsNorReplacesTheBase) {
-  Stat::ScrapeRates rates;
-  scrape(rates, 100, 1000);
-  scrape(rates, 103, 4000);
-  const Stat::Sample older = scrape(rates, 102, 3000);
-  EXPECT_FALSE(older.tables[0].queues.ratePerSecond);
-  const Stat::Sample next = scrape(rates, 104, 4500);
-  ASSERT_TRUE(next.tables[0].queues.ratePerSecond);
-  EXPECT_DOUBLE_EQ(*next.tables[0].queues.ratePerSecond, 500.0);
-}
+INSTANTIATE_TEST_SUITE_P(StatScrapeRates, StatScrapeRatesOrder, testing::ValuesIn(kScrapes),
+                         [](const testing::TestParamInfo<Scrapes>& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -11,16 +11,14 @@
 #include "Collect.h"
 #include "Render.h"
 #include "stat/SampleFixture.h"
+#include "support/Handler.h"
 
 namespace {
 
 using Stat::Liveness;
 using Stat::Seen;
 
-Beacon::Platform::DebugHandler& handler() {
-  static Beacon::Platform::DebugHandler instance("WriterLivenessTest", 0);
-  return instance;
-}
+Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
 
 constexpr std::uint64_t kBox = 4026532100ULL;
 

@@ -1,11 +1,16 @@
 // The tests' own way of running programs: what the runner promises (no
 // shell, exact environment, both streams, a time limit) and the background
-// child (a bounded wait for its first lines, killed and reaped at the end).
+// child (a bounded wait for its first lines, killed and reaped at the end),
+// also when it runs a function of the test.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <string>
+#include <thread>
 
 #include "support/Child.h"
 #include "support/Run.h"
@@ -133,6 +138,50 @@ TEST(SupportChild, AProgramThatCannotRunIsNotStarted) {
   Child child({"/nonexistent-heron-test-path/prog"}, {});
   EXPECT_FALSE(child.started());
   EXPECT_NE(child.error().find("No such file or directory"), std::string::npos) << child.error();
+}
+
+TEST(SupportChild, RunsAFunctionWithItsStreamsAndItsStatus) {
+  Child child([] {
+    std::printf("out %d\n", 1);
+    std::fprintf(stderr, "err\n");
+    return 7;
+  });
+  ASSERT_TRUE(child.started()) << child.error();
+  ASSERT_TRUE(child.waitForLines(1, 60));
+  RunResult result = child.wait();
+  EXPECT_EQ(result.status, 7) << result.describe();
+  EXPECT_EQ(result.out, "out 1\n");
+  EXPECT_EQ(result.err, "err\n");
+}
+
+TEST(SupportChild, AFunctionRunsInAProcessOfItsOwn) {
+  const pid_t parent = ::getpid();
+  Child child([parent] { return ::getpid() != parent && ::getppid() == parent ? 0 : 1; });
+  EXPECT_EQ(child.wait().status, 0);
+}
+
+TEST(SupportChild, RunningTurnsFalseOnceTheChildEndsAndWaitStillSaysHow) {
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  // The child runs until the test closes the pipe's writing end.
+  Child child([fds] {
+    ::close(fds[1]);
+    char byte = 0;
+    std::printf("ending\n");
+    return ::read(fds[0], &byte, 1) == 0 ? 3 : 4;
+  });
+  ::close(fds[0]);
+  ASSERT_TRUE(child.started()) << child.error();
+  EXPECT_TRUE(child.running());
+  ::close(fds[1]);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (child.running() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_FALSE(child.running());
+  RunResult result = child.wait();
+  EXPECT_EQ(result.status, 3) << result.describe();
+  EXPECT_EQ(result.out, "ending\n");
 }
 
 }  // namespace
