@@ -272,12 +272,13 @@ void Reader<Scanner>::visitAndReleaseRegions(const std::function<void(const Regi
 
 namespace {
 
-// The scanner's own output: the named file, appended to, or standard output.
-// The first failed write to the named file leaves its errno in `error`
-// (writes to standard output are the caller's to check).
+// The scanner's own output: the caller's stream, the named file, appended
+// to, or standard output. The first failed write to the named file leaves
+// its errno in `error` (writes to the other two are the caller's to check).
 class Output {
  public:
-  Output(const std::string& name, int& error) : named_(!name.empty()), error_(error) {
+  Output(std::ostream* routed, const std::string& name, int& error)
+      : routed_(routed), named_(routed == nullptr && !name.empty()), error_(error) {
     if (named_) {
       file_.open(name, std::ios::out | std::ios::app);
       if (!file_) {
@@ -289,10 +290,18 @@ class Output {
   ~Output() { stream().flush(); }
   // A file that could not be opened swallows the output (the failure was
   // reported); it never falls back to standard output.
-  std::ostream& stream() { return named_ ? static_cast<std::ostream&>(file_) : std::cout; }
+  std::ostream& stream() {
+    if (routed_ != nullptr) {
+      return *routed_;
+    }
+    return named_ ? static_cast<std::ostream&>(file_) : std::cout;
+  }
   void write(const std::string& text) {
     errno = 0;
     stream() << text;
+    if (routed_ != nullptr) {
+      return;  // flushed once, at the end of the section
+    }
     stream().flush();
     if (named_ && !file_) {
       record();
@@ -306,6 +315,7 @@ class Output {
     }
   }
 
+  std::ostream* routed_;
   bool named_;
   int& error_;
   std::ofstream file_;
@@ -427,7 +437,7 @@ void QuarryScannerBase<Scanner>::printStats(bool detail, bool sortByOccupancy) {
       fmt::format_to(out, "  region {}: {}; skipped\n", bad.id, bad.reason);
     }
   }
-  Output output(outputFile_, outputError_);
+  Output output(routed_, outputFile_, outputError_);
   output.write(text);
 }
 
@@ -514,7 +524,7 @@ void QuarryScannerBase<Scanner>::scanRegions(const std::unordered_set<unsigned>&
   }
   const std::vector<std::uint32_t> ids = scanOrder(regionIds, this->regions_, this->badRegions_);
 
-  Output output(outputFile_, outputError_);
+  Output output(routed_, outputFile_, outputError_);
   if (!this->listError_.empty()) {
     output.write("Region allocator: " + this->listError_ + "\n");
     return;
