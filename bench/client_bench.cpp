@@ -78,32 +78,36 @@ class FakeProcess {
   std::string dir_;
 };
 
-void BM_ExtractMmapInfoOneProcess(benchmark::State& state) {
+// `extract` over the fake process's maps file (72 lines) every iteration.
+template <typename Extract>
+void extractOneProcess(benchmark::State& state, Extract extract) {
   FakeProcess process;
   Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "", process.root());
-  std::vector<Heron::MmapInfo> records;
+  const Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "", process.root());
+  const std::string maps = process.maps();
   for (auto _ : state) {
-    records.clear();
-    scanner.extractMmapInfo(process.maps(), records);
-    benchmark::DoNotOptimize(records.data());
+    extract(scanner, maps);
   }
   state.counters["lines/s"] =
       benchmark::Counter(72.0 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
+
+void BM_ExtractMmapInfoOneProcess(benchmark::State& state) {
+  std::vector<Heron::MmapInfo> records;
+  extractOneProcess(state, [&records](const Heron::HeronClientScanner& scanner, const std::string& maps) {
+    records.clear();
+    scanner.extractMmapInfo(maps, records);
+    benchmark::DoNotOptimize(records.data());
+  });
+}
 BENCHMARK(BM_ExtractMmapInfoOneProcess);
 
 void BM_ExtractMmapInfoByTableOneProcess(benchmark::State& state) {
-  FakeProcess process;
-  Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "", process.root());
-  for (auto _ : state) {
+  extractOneProcess(state, [](const Heron::HeronClientScanner& scanner, const std::string& maps) {
     Heron::HeronClientScanner::TableToInfoMap tables;
-    scanner.extractMmapInfoByTable(process.maps(), tables);
+    scanner.extractMmapInfoByTable(maps, tables);
     benchmark::DoNotOptimize(tables.size());
-  }
-  state.counters["lines/s"] =
-      benchmark::Counter(72.0 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  });
 }
 BENCHMARK(BM_ExtractMmapInfoByTableOneProcess);
 
