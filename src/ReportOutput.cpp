@@ -231,6 +231,8 @@ int CheckingBuffer::sync() {
   return 0;
 }
 
+// std::cout's buffer is only looked up, never replaced: the report writes in
+// front of it, so order with the warning on std::cout holds.
 ReportOutput::ReportOutput()
     : stdoutBuffer_(std::cout.rdbuf()), stream_(&stdout_), coutWasGood_(static_cast<bool>(std::cout)) {}
 
