@@ -33,42 +33,18 @@ struct Fixture {
   Mem::OrbRootPath root;
 };
 
-void BM_GetTokenPathname(benchmark::State& state) {
+// getToken's token `index` of `line`, split at blanks.
+void BM_GetToken(benchmark::State& state, const std::string& line, unsigned index) {
   Fixture fixture;
   Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "");
   for (auto _ : state) {
-    benchmark::DoNotOptimize(scanner.getToken(kLine, 6, " "));
+    benchmark::DoNotOptimize(scanner.getToken(line, index, " "));
   }
 }
-BENCHMARK(BM_GetTokenPathname);
-
-void BM_GetTokenPermissions(benchmark::State& state) {
-  Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "");
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(scanner.getToken(kLine, 2, " "));
-  }
-}
-BENCHMARK(BM_GetTokenPermissions);
-
-void BM_GetTokenAnonymous(benchmark::State& state) {
-  Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "");
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(scanner.getToken(kAnonymousLine, 6, " "));
-  }
-}
-BENCHMARK(BM_GetTokenAnonymous);
-
-void BM_GetTokenLongLine(benchmark::State& state) {
-  Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "");
-  const std::string line = kLibraryLine.substr(0, 74) + std::string(1000, 'x');
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(scanner.getToken(line, 6, " "));
-  }
-}
-BENCHMARK(BM_GetTokenLongLine);
+BENCHMARK_CAPTURE(BM_GetToken, Pathname, kLine, 6);
+BENCHMARK_CAPTURE(BM_GetToken, Permissions, kLine, 2);
+BENCHMARK_CAPTURE(BM_GetToken, Anonymous, kAnonymousLine, 6);
+BENCHMARK_CAPTURE(BM_GetToken, LongLine, kLibraryLine.substr(0, 74) + std::string(1000, 'x'), 6);
 
 // A fake /proc with one process whose maps file has 72 lines: libraries,
 // anonymous regions and the two files of one table.
@@ -102,32 +78,36 @@ class FakeProcess {
   std::string dir_;
 };
 
-void BM_ExtractMmapInfoOneProcess(benchmark::State& state) {
+// `extract` over the fake process's maps file (72 lines) every iteration.
+template <typename Extract>
+void extractOneProcess(benchmark::State& state, Extract extract) {
   FakeProcess process;
   Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "", process.root());
-  std::vector<Heron::MmapInfo> records;
+  const Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "", process.root());
+  const std::string maps = process.maps();
   for (auto _ : state) {
-    records.clear();
-    scanner.extractMmapInfo(process.maps(), records);
-    benchmark::DoNotOptimize(records.data());
+    extract(scanner, maps);
   }
   state.counters["lines/s"] =
       benchmark::Counter(72.0 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
+
+void BM_ExtractMmapInfoOneProcess(benchmark::State& state) {
+  std::vector<Heron::MmapInfo> records;
+  extractOneProcess(state, [&records](const Heron::HeronClientScanner& scanner, const std::string& maps) {
+    records.clear();
+    scanner.extractMmapInfo(maps, records);
+    benchmark::DoNotOptimize(records.data());
+  });
+}
 BENCHMARK(BM_ExtractMmapInfoOneProcess);
 
 void BM_ExtractMmapInfoByTableOneProcess(benchmark::State& state) {
-  FakeProcess process;
-  Fixture fixture;
-  Heron::HeronClientScanner scanner(&fixture.out, fixture.root, "", process.root());
-  for (auto _ : state) {
+  extractOneProcess(state, [](const Heron::HeronClientScanner& scanner, const std::string& maps) {
     Heron::HeronClientScanner::TableToInfoMap tables;
-    scanner.extractMmapInfoByTable(process.maps(), tables);
+    scanner.extractMmapInfoByTable(maps, tables);
     benchmark::DoNotOptimize(tables.size());
-  }
-  state.counters["lines/s"] =
-      benchmark::Counter(72.0 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  });
 }
 BENCHMARK(BM_ExtractMmapInfoByTableOneProcess);
 

@@ -93,11 +93,15 @@ Reader& reader() {
 
 constexpr std::size_t kBytes = 2ULL * kCapacity * 12;
 
-// The snapshot of scan with its vectors reused, as between attempts.
-void SnapshotReused(benchmark::State& state) {
+// The snapshot of scan: into vectors reused from the previous iteration, as
+// between attempts, or fresh ones, reserved and filled once, as one scan call
+// does.
+void Snapshot(benchmark::State& state, bool fresh) {
   Reader& r = reader();
-  std::vector<Notification> snapshot[2];
+  std::vector<Notification> reused[2];
   for (auto _ : state) {
+    std::vector<Notification> made[2];
+    std::vector<Notification>(&snapshot)[2] = fresh ? made : reused;
     unsigned restarts = r.takeSnapshot(snapshot, false);
     benchmark::DoNotOptimize(snapshot[1].data());
     benchmark::DoNotOptimize(restarts);
@@ -105,50 +109,27 @@ void SnapshotReused(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kBytes));
 }
 
-// The same bytes with memcpy from the same mappings into a reused buffer.
-void MemcpyReused(benchmark::State& state) {
+// The same bytes with memcpy from the same mappings, into a reused buffer or
+// into one allocated each time.
+void Memcpy(benchmark::State& state, bool fresh) {
   Reader& r = reader();
-  std::vector<char> buffer(kBytes);
+  std::vector<char> reused(fresh ? 0 : kBytes);
   for (auto _ : state) {
+    std::unique_ptr<char[]> made(fresh ? new char[kBytes] : nullptr);
+    char* buffer = fresh ? made.get() : reused.data();
     for (unsigned id = 0; id < 2; ++id) {
-      std::memcpy(buffer.data() + id * kBytes / 2, r.slots(static_cast<Reader::RelayTableId>(id)), kBytes / 2);
+      std::memcpy(buffer + id * kBytes / 2, r.slots(static_cast<Reader::RelayTableId>(id)), kBytes / 2);
     }
-    benchmark::DoNotOptimize(buffer.data());
+    benchmark::DoNotOptimize(buffer);
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kBytes));
 }
 
-// What one scan call does: fresh vectors, reserved, filled once.
-void SnapshotFresh(benchmark::State& state) {
-  Reader& r = reader();
-  for (auto _ : state) {
-    std::vector<Notification> snapshot[2];
-    unsigned restarts = r.takeSnapshot(snapshot, false);
-    benchmark::DoNotOptimize(snapshot[1].data());
-    benchmark::DoNotOptimize(restarts);
-  }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kBytes));
-}
-
-// memcpy into a fresh buffer of the same size (pages faulted in each time).
-void MemcpyFresh(benchmark::State& state) {
-  Reader& r = reader();
-  for (auto _ : state) {
-    std::unique_ptr<char[]> buffer(new char[kBytes]);
-    for (unsigned id = 0; id < 2; ++id) {
-      std::memcpy(buffer.get() + id * kBytes / 2, r.slots(static_cast<Reader::RelayTableId>(id)), kBytes / 2);
-    }
-    benchmark::DoNotOptimize(buffer.get());
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kBytes));
-}
-
-BENCHMARK(SnapshotReused)->Unit(benchmark::kMillisecond);
-BENCHMARK(MemcpyReused)->Unit(benchmark::kMillisecond);
-BENCHMARK(SnapshotFresh)->Unit(benchmark::kMillisecond);
-BENCHMARK(MemcpyFresh)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Snapshot, Reused, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Memcpy, Reused, false)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Snapshot, Fresh, true)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(Memcpy, Fresh, true)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -65,10 +65,10 @@ constexpr const char* kUsage =
     "   --help, -h          Display this helper and exit\n"
     "\n";
 
-void printHelp() {
-  std::cout << kDescription;
-  std::cout << kUsage;
-  std::cout.flush();
+void printHelp(std::ostream& out) {
+  out << kDescription;
+  out << kUsage;
+  out.flush();
 }
 
 // -r's number: base 10, text that is not a number is 0, trailing text is
@@ -115,9 +115,6 @@ void printStatistics(std::ostream& out, const SharedMem::OwnerFile& owner, Heron
   relay.formatIndividualRelayHeader(secondary, out);
   out << "\n";
   out.copyfmt(saved);
-  // The region scanner appends to the same file: everything so far must be
-  // in it first.
-  out.flush();
 
   quarry.printStats(detail, sortByOccupancy);
 }
@@ -235,7 +232,7 @@ int readOption(int option, Settings& settings) {
     default: {  // -h, --help, an unknown option or a missing argument
       // The help is a report too: a failed write of it is a failure.
       ReportOutput output;
-      printHelp();
+      printHelp(output.stream());
       return output.finish() ? 0 : 1;
     }
   }
@@ -360,9 +357,6 @@ int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool
               const std::unordered_set<unsigned>& regionIds, bool detail, bool sortByOccupancy, bool printEmpty,
               bool queues, Heron::Style style) {
   std::ostream* out = &output.stream();
-  // The region scanner opens its own stream: on the file already checked and
-  // opened, never on the name again.
-  const std::string outputFile = output.sharedName();
   Beacon::Platform::DebugHandler& handler = Heron::debugHandler();
   Mem::OrbRootPath root(handler, std::string(tableName), true);
   SharedMem::OwnerFile owner(handler, root, false);
@@ -381,7 +375,10 @@ int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool
     return scanner.doGetClientInfo(false);
   }
 
-  Heron::QuarryHelperScanner quarry(handler, root, outputFile);
+  Heron::QuarryHelperScanner quarry(handler, root, output.fileName());
+  // Its sections go to the same checked stream: the file named is never
+  // opened a second time.
+  quarry.writeTo(*out);
   if (!quarry.initialize()) {
     std::cerr << "Failed to initialize QuarryScanner" << std::endl;
     return 1;
@@ -396,16 +393,11 @@ int dumpTable(Heron::ReportOutput& output, const char* tableName, bool who, bool
     printStatistics(*out, owner, relay, quarry, detail, sortByOccupancy);
   } else {
     if (regions) {
-      // The region scanner appends to the same file through its own stream.
-      out->flush();
       quarry.scanRegions(regionIds, printEmpty);
     }
     if (queues) {
       relay.scan(*out, !printEmpty);
     }
-  }
-  if (quarry.outputError() != 0) {
-    output.writeFailed(quarry.outputError());
   }
   return 0;
 }

@@ -231,13 +231,13 @@ int CheckingBuffer::sync() {
   return 0;
 }
 
-ReportOutput::ReportOutput() : savedCout_(std::cout.rdbuf()), stdoutBuffer_(savedCout_), stream_(&std::cout) {
-  std::cout.rdbuf(&stdoutBuffer_);
-}
+// std::cout's buffer is only looked up, never replaced: the report writes in
+// front of it, so order with the warning on std::cout holds.
+ReportOutput::ReportOutput()
+    : stdoutBuffer_(std::cout.rdbuf()), stream_(&stdout_), coutWasGood_(static_cast<bool>(std::cout)) {}
 
 ReportOutput::~ReportOutput() {
-  std::cout.flush();
-  std::cout.rdbuf(savedCout_);
+  stdout_.flush();
   file_.flush();
   if (fd_ >= 0) {
     ::close(fd_);
@@ -255,20 +255,27 @@ bool ReportOutput::open(const std::string& name, const std::vector<std::string>&
   }
   fileBuffer_.attach(fd_);
   stream_ = &file_;
+  fileName_ = name;
   name_ = name;
   return true;
 }
 
-std::string ReportOutput::sharedName() const {
-  return fd_ >= 0 ? "/proc/self/fd/" + std::to_string(fd_) : std::string();
+int ReportOutput::coutError() {
+  errno = 0;
+  std::cout.flush();
+  if (!coutWasGood_ || std::cout) {
+    return 0;
+  }
+  return errno != 0 ? errno : EIO;
 }
 
 bool ReportOutput::finish() {
   stream_->flush();
-  std::cout.flush();
   int error = isFile() ? fileBuffer_.error() : stdoutBuffer_.error();
-  if (error == 0) {
-    error = external_;
+  // The warning on standard output counts when the report goes there too.
+  const int warning = coutError();
+  if (error == 0 && !isFile()) {
+    error = warning;
   }
   if (error == 0 && !*stream_) {
     error = EIO;

@@ -10,11 +10,14 @@
 // refused without waiting, and so is a file that is one of the files under a
 // protected directory by another name (a hard link).
 //
-// Every write is checked. While this object lives, std::cout writes through
-// a checking buffer that hands everything on to the buffer std::cout had
-// (so a caller's redirection of std::cout still holds, and output that the
-// libraries send to std::cout is checked too and keeps its order).
-// finish() flushes and reports the first failed write as one line,
+// Every report writes through stream(), and every write to it is checked:
+// the readers that print a section are handed this stream (the region
+// scanner too, see QuarryScannerBase::writeTo). Standard output is reached
+// through a checking buffer in front of the buffer std::cout writes to,
+// which is left in place: a caller's redirection of std::cout still holds,
+// the run-as-root warning that goes to std::cout keeps its order, and no
+// other thread ever sees std::cout change under it. finish() flushes and
+// reports the first failed write as one line,
 // "Error writing <output>: <system error>".
 #pragma once
 
@@ -84,24 +87,12 @@ class ReportOutput {
   ReportOutput& operator=(const ReportOutput&) = delete;
 
   // An empty name keeps standard output. Otherwise the file is created or
-  // truncated; every write appends, so the region scanner may append to the
-  // same file in between (after a flush). False after "Error opening " +
-  // name on standard error.
+  // truncated. False after "Error opening " + name on standard error.
   bool open(const std::string& name, const std::vector<std::string>& protectedDirs);
   std::ostream& stream() { return *stream_; }
-  // A write to the same output made elsewhere (the region scanner's own
-  // stream) failed with `error`; finish() reports the first failure once.
-  void writeFailed(int error) {
-    if (external_ == 0) {
-      external_ = error;
-    }
-  }
   bool isFile() const { return stream_ == &file_; }
-  // A name that opens the very file open() checked (through its
-  // descriptor), for a writer that opens its own stream on the output; empty
-  // for standard output. Opening the -f name again could meet another file
-  // swapped in since.
-  std::string sharedName() const;
+  // The file open() opened, "" for standard output.
+  const std::string& fileName() const { return fileName_; }
   // The name the error line uses: the file name or "standard output".
   const std::string& name() const { return name_; }
   // Flushes; false after "Error writing <output>: <error>" when any write
@@ -109,13 +100,18 @@ class ReportOutput {
   bool finish();
 
  private:
-  std::streambuf* savedCout_;
+  // The first failed write of std::cout itself (the run-as-root warning),
+  // when it went bad while this object lived.
+  int coutError();
+
   CheckingBuffer stdoutBuffer_;
+  std::ostream stdout_{&stdoutBuffer_};
   DescriptorBuffer fileBuffer_;
   std::ostream file_{&fileBuffer_};
   std::ostream* stream_;
+  bool coutWasGood_;
   int fd_ = -1;
-  int external_ = 0;
+  std::string fileName_;
   std::string name_ = "standard output";
 };
 

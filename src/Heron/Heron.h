@@ -78,8 +78,10 @@ class HERON_EXPORT HeronClientScanner : public Beacon::Debuggable {
   static const char* const heronFileTypes[2];
 
   HeronClientScanner(std::ostream* out, const Mem::OrbRootPath& rootPath, const char* tableName);
-  HeronClientScanner(std::ostream* out, const Mem::OrbRootPath& rootPath, const char* tableName,
-                     const std::string& procRoot);
+  // The process table read from `procRoot` instead of /proc: for the
+  // library's own tests, and not exported.
+  HERON_HIDDEN HeronClientScanner(std::ostream* out, const Mem::OrbRootPath& rootPath, const char* tableName,
+                                  const std::string& procRoot);
   ~HeronClientScanner() override;
 
   // Reports; each returns the exit status.

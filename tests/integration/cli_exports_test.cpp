@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -156,6 +157,70 @@ TEST(LibraryExports, TheThreeNamesArePresent) {
   EXPECT_EQ(found.count("Heron::HeronClientScanner::heronFileTypes"), 1U);
   EXPECT_EQ(found.count("typeinfo for Heron::HeronClientScanner"), 1U);
   EXPECT_EQ(found.count("vtable for Heron::HeronClientScanner"), 1U);
+}
+
+// The documented interface, name by name: the entry point, the styled
+// printer, and the client scanner class with every member its documentation
+// names (the number is how many overloads). A new export, or a documented one
+// that went missing, fails here.
+const std::map<std::string, int>& documentedExports() {
+  static const std::map<std::string, int> names = {
+      {"Heron::main", 1},
+      {"Heron::printHeron", 1},
+      {"Heron::HeronClientScanner::HeronClientScanner", 1},
+      {"Heron::HeronClientScanner::~HeronClientScanner", 1},
+      {"Heron::HeronClientScanner::heronFileTypes", 1},
+      {"Heron::HeronClientScanner::getFileType", 1},
+      {"Heron::HeronClientScanner::getToken", 1},
+      {"Heron::HeronClientScanner::readNextMmap", 1},
+      {"Heron::HeronClientScanner::extractMmapInfo", 2},
+      {"Heron::HeronClientScanner::extractMmapInfoByTable", 2},
+      {"Heron::HeronClientScanner::categorizeClient", 1},
+      {"Heron::HeronClientScanner::doPopulateCommandNames", 1},
+      {"Heron::HeronClientScanner::getHeaderInfo", 1},
+      {"Heron::HeronClientScanner::populateHeronTableHeaderInfo", 1},
+      {"Heron::HeronClientScanner::addClientlessHerons", 1},
+      {"Heron::HeronClientScanner::getAllClients", 1},
+      {"Heron::HeronClientScanner::getClients", 1},
+      {"Heron::HeronClientScanner::doGetAllClientInfo", 1},
+      {"Heron::HeronClientScanner::doGetTableInfo", 1},
+      {"Heron::HeronClientScanner::doGetClientInfo", 1},
+      {"Heron::HeronClientScanner::printClientTables", 1},
+      {"Heron::HeronClientScanner::warnRunAsRoot", 1},
+      {"Heron::HeronClientScanner::getProcNameForPid", 1},
+      {"typeinfo for Heron::HeronClientScanner", 1},
+      {"typeinfo name for Heron::HeronClientScanner", 1},
+      {"vtable for Heron::HeronClientScanner", 1},
+  };
+  return names;
+}
+
+// A demangled name without its parameters and ABI tags:
+// "Heron::X::f[abi:cxx11]() const" is "Heron::X::f".
+std::string bareName(const std::string& name) {
+  std::string bare = name.substr(0, name.find('('));
+  const std::size_t tag = bare.find("[abi:");
+  return tag == std::string::npos ? bare : bare.substr(0, tag);
+}
+
+TEST(LibraryExports, TheExportedNamesOfTheProjectAreExactlyTheDocumentedOnes) {
+  std::set<std::string> signatures;  // constructor and destructor variants demangle alike
+  for (const std::string& name : exportedNames(true)) {
+    const std::string bare = bareName(name);
+    if (bare.find("Heron::") != std::string::npos) {
+      signatures.insert(name);
+    }
+  }
+  std::map<std::string, int> found;
+  for (const std::string& name : signatures) {
+    ++found[bareName(name)];
+  }
+  for (const auto& entry : documentedExports()) {
+    EXPECT_EQ(found.count(entry.first) != 0 ? found.at(entry.first) : 0, entry.second) << entry.first;
+  }
+  for (const auto& entry : found) {
+    EXPECT_EQ(documentedExports().count(entry.first), 1U) << "exported: " << entry.first;
+  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <limits>
 #include <ostream>
 #include <string>
@@ -160,13 +161,32 @@ struct Parsed {
   CLI::Option* flatOut = nullptr;
 };
 
+// A command whose help ends with its examples ("Example:" for one).
+CLI::App& addCommand(CLI::App& app, const char* name, const std::string& description,
+                     std::initializer_list<const char*> examples) {
+  CLI::App& command = *app.add_subcommand(name, description);
+  std::string footer = examples.size() == 1 ? "Example:" : "Examples:";
+  for (const char* example : examples) {
+    footer += "\n  ";
+    footer += example;
+  }
+  command.footer(footer);
+  return command;
+}
+
+// The NAME argument: required, and never an empty name.
+template <typename Names>
+void addNames(CLI::App& command, Names& names, const std::string& description) {
+  command.add_option("NAME", names, description)->type_name("")->required()->check(notEmpty());
+}
+
 void addCreate(CLI::App& app, Invocation& invocation, std::string& regionsText, Parsed& parsed) {
   CreateSettings& create = invocation.create;
-  CLI::App& createApp = *app.add_subcommand("create", "Create a table: owner, queue files and region allocator");
-  createApp.add_option("NAME", invocation.name, "Table name, relative to the collection root")
-      ->type_name("")
-      ->required()
-      ->check(notEmpty());
+  CLI::App& createApp =
+      addCommand(app, "create", "Create a table: owner, queue files and region allocator",
+                 {"heron-sim create orders", "heron-sim create md/eu/quotes --capacity 4096 --regions 64x1024,4096x64",
+                  "heron-sim create cache/segment --type 1 --type-name SharedSegment"});
+  addNames(createApp, invocation.name, "Table name, relative to the collection root");
   addNumber(createApp, "--type", create.type, 0, kMaxU32, "N",
             "Owner type: 1 segment, 2 table, 3 archive; any other is written as given");
   createApp.add_option("--type-name", create.typeName, "Owner type name, at most 31 bytes")
@@ -182,31 +202,24 @@ void addCreate(CLI::App& app, Invocation& invocation, std::string& regionsText, 
           ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
           ->capture_default_str();
   parsed.noRegions = createApp.add_flag("--no-regions", "Create the allocator file without regions");
-  createApp.footer(
-      "Examples:\n"
-      "  heron-sim create orders\n"
-      "  heron-sim create md/eu/quotes --capacity 4096 --regions 64x1024,4096x64\n"
-      "  heron-sim create cache/segment --type 1 --type-name SharedSegment");
-
   parsed.create = &createApp;
 }
 
 void addRemove(CLI::App& app, Invocation& invocation, Parsed& parsed) {
-  CLI::App& removeApp = *app.add_subcommand("remove", "Remove a table's files and its directory");
-  removeApp.add_option("NAME", invocation.name, "Table name")->type_name("")->required()->check(notEmpty());
-  removeApp.footer("Example:\n  heron-sim remove orders");
-
+  CLI::App& removeApp =
+      addCommand(app, "remove", "Remove a table's files and its directory", {"heron-sim remove orders"});
+  addNames(removeApp, invocation.name, "Table name");
   parsed.remove = &removeApp;
 }
 
 void addWrite(CLI::App& app, Invocation& invocation, Parsed& parsed) {
   WriteSettings& write = invocation.write;
-  CLI::App& writeApp = *app.add_subcommand(
-      "write", "Become a table's writer; prints \"writer PID attached to PATH\" once mapped and a summary at the end");
-  writeApp.add_option("NAME", invocation.name, "Table name (made by heron-sim create)")
-      ->type_name("")
-      ->required()
-      ->check(notEmpty());
+  CLI::App& writeApp =
+      addCommand(app, "write",
+                 "Become a table's writer; prints \"writer PID attached to PATH\" once mapped and a summary at the end",
+                 {"heron-sim write orders --rate 500", "heron-sim write orders --flat-out --duration 10",
+                  "heron-sim write orders --grow-every 1000 --max-capacity 8192 --region-every 500"});
+  addNames(writeApp, invocation.name, "Table name (made by heron-sim create)");
   parsed.rate = addNumber(writeApp, "--rate", write.rate, 1, kMaxRate, "N", "Notifications a second");
   parsed.flatOut = writeApp.add_flag("--flat-out", write.flatOut, "Append as fast as possible, not at --rate");
   addSeconds(writeApp, write.seconds, "Stop after S seconds; 0: only on SIGINT, SIGTERM or SIGHUP");
@@ -217,42 +230,29 @@ void addWrite(CLI::App& app, Invocation& invocation, Parsed& parsed) {
             "Replace a region every N appends; 0: never");
   addNumber(writeApp, "--live", write.liveEntries, 0, kMaxU32, "N", "Entries kept before the oldest is released");
   addNumber(writeApp, "--payload-max", write.payloadMax, 8, kMaxPayload, "N", "Largest payload in bytes");
-  writeApp.footer(
-      "Examples:\n"
-      "  heron-sim write orders --rate 500\n"
-      "  heron-sim write orders --flat-out --duration 10\n"
-      "  heron-sim write orders --grow-every 1000 --max-capacity 8192 --region-every 500");
-
   parsed.write = &writeApp;
 }
 
 void addShadow(CLI::App& app, Invocation& invocation, Parsed& parsed) {
   ShadowSettings& shadow = invocation.shadow;
-  CLI::App& shadowApp = *app.add_subcommand(
-      "shadow", "Map tables' relay.1 and ember read-only, print \"shadow PID attached to PATH\" each, and wait");
-  shadowApp.add_option("NAME", shadow.names, "Table names")->type_name("")->required()->check(notEmpty());
+  CLI::App& shadowApp = addCommand(
+      app, "shadow", "Map tables' relay.1 and ember read-only, print \"shadow PID attached to PATH\" each, and wait",
+      {"heron-sim shadow orders &", "heron-sim shadow orders md/eu/quotes --duration 30"});
+  addNames(shadowApp, shadow.names, "Table names");
   shadowApp.add_flag("--rw", shadow.readWrite, "Map read-write and shared, as a writer does (nothing is written)");
   addSeconds(shadowApp, shadow.seconds, "Stop after S seconds; 0: only on SIGTERM or SIGINT");
-  shadowApp.footer(
-      "Examples:\n"
-      "  heron-sim shadow orders &\n"
-      "  heron-sim shadow orders md/eu/quotes --duration 30");
-
   parsed.shadow = &shadowApp;
 }
 
 void addDemo(CLI::App& app, Invocation& invocation) {
   DemoSettings& demo = invocation.demo;
-  CLI::App& demoApp = *app.add_subcommand(
-      "demo",
-      "Build a small live collection with a writer and shadows for each table, and print heron commands to try");
+  CLI::App& demoApp = addCommand(
+      app, "demo",
+      "Build a small live collection with a writer and shadows for each table, and print heron commands to try",
+      {"heron-sim demo", "HERON_ROOT=/tmp/demo heron-sim demo --duration 60 --rate 1000 --keep"});
   addSeconds(demoApp, demo.seconds, "Stop after S seconds; 0: only on Ctrl-C, SIGTERM or SIGHUP");
   demoApp.add_flag("--keep", demo.keep, "Leave the tables in place when the demo stops");
   addNumber(demoApp, "--rate", demo.rate, 1, kMaxRate, "N", "Each writer's notifications a second");
-  demoApp.footer(
-      "Examples:\n"
-      "  heron-sim demo\n"
-      "  HERON_ROOT=/tmp/demo heron-sim demo --duration 60 --rate 1000 --keep");
 }
 
 }  // namespace

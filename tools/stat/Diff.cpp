@@ -87,14 +87,7 @@ void diffAllocator(const Allocator& was, const Allocator& is, bool sameWriterThr
   }
 }
 
-std::string stamp(double seconds) {
-  const auto whole = static_cast<std::time_t>(seconds);
-  struct tm utc {};
-  ::gmtime_r(&whole, &utc);
-  char text[32] = {};
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc);
-  return text;
-}
+std::string stamp(double seconds) { return utcTime(seconds, "%Y-%m-%d %H:%M:%S UTC"); }
 
 std::string writerText(const WriterMark& mark) {
   if (!mark.known) {

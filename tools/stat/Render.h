@@ -39,6 +39,10 @@ constexpr int kJsonSchemaVersion = 1;
 // "2h01m" or "3d04h".
 std::string duration(double seconds);
 
+// `seconds` since the epoch as UTC in the strftime `format` (at most 31
+// characters of text).
+std::string utcTime(double seconds, const char* format);
+
 // The Prometheus text exposition format (version 0.0.4).
 std::string renderPrometheus(const Sample& sample);
 

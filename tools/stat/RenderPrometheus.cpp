@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -95,94 +96,89 @@ void renderStates(Exposition& out, const Sample& sample) {
   });
 }
 
+using Figure = std::optional<double>;
+
+// A family with at most one sample a table: `figure` gives the table's, or
+// none to leave the table out.
+void perTable(Exposition& out, const Sample& sample, const char* name, const char* type, const char* help,
+              const std::function<Figure(const Table&)>& figure) {
+  out.family(name, type, help);
+  eachTable(sample, [&out, &figure](const Table& table, const Labels& labels) {
+    if (const Figure value = figure(table)) {
+      out.add(labels, *value);
+    }
+  });
+}
+
+// The writer is up when it runs and maps the table. A writer out of sight
+// (another container's namespace) is up while its heartbeat is fresh: the
+// beat is the only evidence there is.
+bool writerUp(const Table& table) {
+  const Writer& writer = table.writer;
+  return writer.known &&
+         (writer.liveness == Liveness::Heartbeat ? table.state != State::Stale && table.state != State::Dead
+                                                 : writer.alive == Seen::Yes && writer.mapsTable != Seen::No);
+}
+
 // The writer and the clients. An archive kept without a writer has no
 // writer series at all: it is meant to have none, so neither "up" nor
 // "down" applies.
 void renderWriters(Exposition& out, const Sample& sample) {
-  out.family("heron_writer_up", "gauge",
-             "1 when the table's writer runs and maps the table (out of sight: beats), else 0.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (!table.keptWithoutWriter()) {
-      const Writer& writer = table.writer;
-      // A writer out of sight (another container's namespace) is up while
-      // its heartbeat is fresh: the beat is the only evidence there is.
-      const bool up = writer.known && (writer.liveness == Liveness::Heartbeat
-                                           ? table.state != State::Stale && table.state != State::Dead
-                                           : writer.alive == Seen::Yes && writer.mapsTable != Seen::No);
-      out.add(labels, up ? 1 : 0);
-    }
-  });
-  out.family("heron_writer_heartbeat_age_seconds", "gauge", "Seconds since the writer's last heartbeat.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.writer.known && table.writer.heartbeatAgeSeconds) {
-      out.add(labels, *table.writer.heartbeatAgeSeconds);
-    }
-  });
-  out.family("heron_writer_restarts_total", "counter", "Restarts of the table's writer.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.writer.known) {
-      out.add(labels, table.writer.restarts);
-    }
-  });
-  out.family("heron_writer_start_time_seconds", "gauge",
-             "When the current writer started, in seconds since the epoch.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.writer.known && table.writer.startedSeconds > 0 && !table.keptWithoutWriter()) {
-      out.add(labels, table.writer.startedSeconds);
-    }
-  });
-  out.family("heron_table_shadows", "gauge", "Read-only processes attached to the table (left out when unknown).");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.clients.known) {
-      out.add(labels, static_cast<double>(table.clients.shadows.size()));
+  perTable(out, sample, "heron_writer_up", "gauge",
+           "1 when the table's writer runs and maps the table (out of sight: beats), else 0.",
+           [](const Table& table) { return table.keptWithoutWriter() ? Figure() : Figure(writerUp(table) ? 1 : 0); });
+  perTable(out, sample, "heron_writer_heartbeat_age_seconds", "gauge", "Seconds since the writer's last heartbeat.",
+           [](const Table& table) { return table.writer.known ? table.writer.heartbeatAgeSeconds : Figure(); });
+  perTable(out, sample, "heron_writer_restarts_total", "counter", "Restarts of the table's writer.",
+           [](const Table& table) { return table.writer.known ? Figure(table.writer.restarts) : Figure(); });
+  perTable(out, sample, "heron_writer_start_time_seconds", "gauge",
+           "When the current writer started, in seconds since the epoch.", [](const Table& table) {
+             const bool started = table.writer.known && table.writer.startedSeconds > 0 && !table.keptWithoutWriter();
+             return started ? Figure(table.writer.startedSeconds) : Figure();
+           });
+  perTable(out, sample, "heron_table_shadows", "gauge",
+           "Read-only processes attached to the table (left out when unknown).", [](const Table& table) {
+             return table.clients.known ? Figure(static_cast<double>(table.clients.shadows.size())) : Figure();
+           });
+}
+
+// A family with one sample for each queue table, labelled 1 and 2.
+void perQueueTable(Exposition& out, const Sample& sample, const char* name, const char* help,
+                   std::uint32_t QueueTable::*figure) {
+  out.family(name, "gauge", help);
+  eachTable(sample, [&out, figure](const Table& table, const Labels& labels) {
+    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
+      out.add(with(labels, "queue", std::to_string(i + 1)), table.queues.tables[i].*figure);
     }
   });
 }
 
-void renderQueueTables(Exposition& out, const Sample& sample) {
-  out.family("heron_queue_capacity", "gauge", "Notifications each queue table holds.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
-      out.add(with(labels, "queue", std::to_string(i + 1)), table.queues.tables[i].capacity);
-    }
-  });
-  out.family("heron_queue_position", "gauge", "Next position the writer appends at in each queue table.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    for (unsigned i = 0; table.queues.known && i < 2; ++i) {
-      out.add(with(labels, "queue", std::to_string(i + 1)), table.queues.tables[i].position);
-    }
-  });
+// A figure of the queues, of tables whose queues could be read.
+std::function<Figure(const Table&)> ofQueues(double (*figure)(const Queues&)) {
+  return [figure](const Table& table) { return table.queues.known ? Figure(figure(table.queues)) : Figure(); };
 }
 
 void renderQueues(Exposition& out, const Sample& sample) {
-  out.family("heron_queue_sequence_total", "counter", "Latest sequence the writer appended to the queue.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.queues.known) {
-      out.add(labels, static_cast<double>(table.queues.sequence));
-    }
-  });
-  out.family("heron_queue_active", "gauge", "The queue table being appended to (1 or 2).");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.queues.known) {
-      out.add(labels, table.queues.active);
-    }
-  });
-  renderQueueTables(out, sample);
-  out.family("heron_queue_fill_ratio", "gauge", "Used positions over the capacity of the active queue table.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.queues.known) {
-      out.add(labels, table.queues.fillRatio);
-    }
-  });
+  perTable(out, sample, "heron_queue_sequence_total", "counter", "Latest sequence the writer appended to the queue.",
+           ofQueues([](const Queues& queues) { return static_cast<double>(queues.sequence); }));
+  perTable(out, sample, "heron_queue_active", "gauge", "The queue table being appended to (1 or 2).",
+           ofQueues([](const Queues& queues) { return static_cast<double>(queues.active); }));
+  perQueueTable(out, sample, "heron_queue_capacity", "Notifications each queue table holds.", &QueueTable::capacity);
+  perQueueTable(out, sample, "heron_queue_position", "Next position the writer appends at in each queue table.",
+                &QueueTable::position);
+  perTable(out, sample, "heron_queue_fill_ratio", "gauge",
+           "Used positions over the capacity of the active queue table.",
+           ofQueues([](const Queues& queues) { return queues.fillRatio; }));
   // Needs a rate, so two samples: left out of a single sample and while the
   // writer appends nothing.
-  out.family("heron_queue_seconds_to_switch", "gauge",
-             "Seconds until the active queue table is full at the current append rate.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.queues.known && table.queues.secondsToSwitch) {
-      out.add(labels, *table.queues.secondsToSwitch);
-    }
-  });
+  perTable(out, sample, "heron_queue_seconds_to_switch", "gauge",
+           "Seconds until the active queue table is full at the current append rate.",
+           [](const Table& table) { return table.queues.known ? table.queues.secondsToSwitch : Figure(); });
+}
+
+// A figure of the allocator, of tables whose allocator could be read.
+std::function<Figure(const Table&)> ofAllocator(double (*figure)(const Allocator&)) {
+  return [figure](const Table& table) { return table.allocator.known ? Figure(figure(table.allocator)) : Figure(); };
 }
 
 void renderAllocators(Exposition& out, const Sample& sample) {
@@ -193,30 +189,14 @@ void renderAllocators(Exposition& out, const Sample& sample) {
       out.add(with(labels, "state", "free"), static_cast<double>(table.allocator.freeBytes()));
     }
   });
-  out.family("heron_allocator_occupancy_ratio", "gauge", "Used bytes over all bytes of the table's regions.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.allocator.known) {
-      out.add(labels, table.allocator.occupancyRatio());
-    }
-  });
-  out.family("heron_allocator_allocations_total", "counter", "Entries the writer allocated.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.allocator.known) {
-      out.add(labels, static_cast<double>(table.allocator.allocations));
-    }
-  });
-  out.family("heron_allocator_releases_total", "counter", "Entries the writer released.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.allocator.known) {
-      out.add(labels, static_cast<double>(table.allocator.releases));
-    }
-  });
-  out.family("heron_allocator_regions", "gauge", "Region files of the table.");
-  eachTable(sample, [&out](const Table& table, const Labels& labels) {
-    if (table.allocator.known) {
-      out.add(labels, static_cast<double>(table.allocator.regions.size()));
-    }
-  });
+  perTable(out, sample, "heron_allocator_occupancy_ratio", "gauge", "Used bytes over all bytes of the table's regions.",
+           ofAllocator([](const Allocator& allocator) { return allocator.occupancyRatio(); }));
+  perTable(out, sample, "heron_allocator_allocations_total", "counter", "Entries the writer allocated.",
+           ofAllocator([](const Allocator& allocator) { return static_cast<double>(allocator.allocations); }));
+  perTable(out, sample, "heron_allocator_releases_total", "counter", "Entries the writer released.",
+           ofAllocator([](const Allocator& allocator) { return static_cast<double>(allocator.releases); }));
+  perTable(out, sample, "heron_allocator_regions", "gauge", "Region files of the table.",
+           ofAllocator([](const Allocator& allocator) { return static_cast<double>(allocator.regions.size()); }));
 }
 
 // The regions of one entry size: how many, their units, and the fullest.

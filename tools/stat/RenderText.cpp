@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <ctime>
 #include <cwchar>
 #include <vector>
 
@@ -83,6 +84,15 @@ std::string age(const std::optional<double>& seconds) {
 }
 
 }  // namespace
+
+std::string utcTime(double seconds, const char* format) {
+  const auto whole = static_cast<std::time_t>(seconds);
+  struct tm utc {};
+  ::gmtime_r(&whole, &utc);
+  char text[32] = {};
+  std::strftime(text, sizeof text, format, &utc);
+  return text;
+}
 
 // Tenths under 10 s ("0.2s"), then whole seconds as "59s", "3m05s",
 // "2h01m", "3d04h".

@@ -4,11 +4,9 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cmath>
-#include <ctime>
 #include <iostream>
 #include <optional>
 
@@ -65,12 +63,8 @@ std::string render(const Options& options, Sample& sample) {
 
 // "heron-stat  /dev/shm/heron  every 1 s  2026-11-23 15:20:01 UTC"
 std::string watchTitle(const Options& options, const Sample& sample) {
-  const auto seconds = static_cast<std::time_t>(sample.timeSeconds);
-  struct tm utc {};
-  ::gmtime_r(&seconds, &utc);
-  char stamp[32] = {};
-  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S UTC", &utc);
-  return fmt::format("heron-stat  {}  every {:g} s  {}\n", printable(sample.root), options.interval, stamp);
+  return fmt::format("heron-stat  {}  every {:g} s  {}\n", printable(sample.root), options.interval,
+                     utcTime(sample.timeSeconds, "%Y-%m-%d %H:%M:%S UTC"));
 }
 
 class Emitter {

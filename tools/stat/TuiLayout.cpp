@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <ctime>
 #include <numeric>
 #include <optional>
 
@@ -65,14 +64,7 @@ std::optional<double> sortFigure(const Table& table, SortKey key) {
   return std::nullopt;
 }
 
-std::string clock(double seconds) {
-  const auto whole = static_cast<std::time_t>(seconds);
-  struct tm utc {};
-  ::gmtime_r(&whole, &utc);
-  char stamp[16] = {};
-  std::strftime(stamp, sizeof stamp, "%H:%M:%S", &utc);
-  return stamp;
-}
+std::string clock(double seconds) { return utcTime(seconds, "%H:%M:%S"); }
 
 std::string clientsWord(const Sample& sample) {
   if (!sample.clientsWalked) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 
 #include "Beacon/Clock.h"
 #include "Tui.h"
@@ -104,43 +105,38 @@ class Terminal {
 
 double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
 
-Key keyOf(int kind, wint_t code) {
-  if (kind == KEY_CODE_YES) {
-    switch (code) {
-      case KEY_UP:
-        return Key{KeyKind::Up};
-      case KEY_DOWN:
-        return Key{KeyKind::Down};
-      case KEY_PPAGE:
-        return Key{KeyKind::PageUp};
-      case KEY_NPAGE:
-        return Key{KeyKind::PageDown};
-      case KEY_HOME:
-        return Key{KeyKind::Home};
-      case KEY_END:
-        return Key{KeyKind::End};
-      case KEY_ENTER:
-        return Key{KeyKind::Enter};
-      case KEY_BACKSPACE:
-        return Key{KeyKind::Backspace};
-      case KEY_RESIZE:
-        return Key{KeyKind::Resize};
-      default:
-        return Key{KeyKind::None};
+// What a key code means: the curses codes of the function keys, and the
+// characters that are no text (Enter, Escape, the two Backspaces).
+struct KeyCode {
+  wint_t code;
+  KeyKind kind;
+};
+constexpr KeyCode kFunctionKeys[] = {
+    {KEY_UP, KeyKind::Up},          {KEY_DOWN, KeyKind::Down},           {KEY_PPAGE, KeyKind::PageUp},
+    {KEY_NPAGE, KeyKind::PageDown}, {KEY_HOME, KeyKind::Home},           {KEY_END, KeyKind::End},
+    {KEY_ENTER, KeyKind::Enter},    {KEY_BACKSPACE, KeyKind::Backspace}, {KEY_RESIZE, KeyKind::Resize},
+};
+constexpr KeyCode kControlCharacters[] = {
+    {'\r', KeyKind::Enter},    {'\n', KeyKind::Enter},  {27, KeyKind::Escape},
+    {127, KeyKind::Backspace}, {8, KeyKind::Backspace},
+};
+
+template <std::size_t N>
+std::optional<KeyKind> kindOf(const KeyCode (&keys)[N], wint_t code) {
+  for (const KeyCode& key : keys) {
+    if (key.code == code) {
+      return key.kind;
     }
   }
-  switch (code) {
-    case '\r':
-    case '\n':
-      return Key{KeyKind::Enter};
-    case 27:
-      return Key{KeyKind::Escape};
-    case 127:
-    case 8:
-      return Key{KeyKind::Backspace};
-    default:
-      return Key{KeyKind::Char, static_cast<char32_t>(code)};
+  return std::nullopt;
+}
+
+Key keyOf(int kind, wint_t code) {
+  if (kind == KEY_CODE_YES) {
+    return Key{kindOf(kFunctionKeys, code).value_or(KeyKind::None)};
   }
+  const std::optional<KeyKind> control = kindOf(kControlCharacters, code);
+  return control ? Key{*control} : Key{KeyKind::Char, static_cast<char32_t>(code)};
 }
 
 // Waits for a key, a stop signal or `seconds`; false on a stop signal or

@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -50,6 +52,22 @@ std::string escapeText(const std::string& text);
 // The 8 bytes of a magic in memory (file) order as text; bytes that are not
 // printable ASCII show as '.'.
 std::string decodeMagic(unsigned long long magic);
+
+// Writes `value` in decimal at `out` (room for 10 characters), without a
+// terminator; returns the number of characters. For text built a line at a
+// time in hot loops, where a formatting library costs more than the copy.
+inline std::size_t putDecimal(char* out, std::uint32_t value) {
+  char digits[10];
+  std::size_t n = 0;
+  do {
+    digits[n++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  for (std::size_t i = 0; i < n; ++i) {
+    out[i] = digits[n - 1 - i];
+  }
+  return n;
+}
 
 }  // namespace Util
 }  // namespace Beacon

@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -161,9 +162,16 @@ class QuarryScannerBase : public Reader<Scanner> {
  public:
   // Output goes to the file `outputFile`, appended to (the caller may have
   // written the first part of the same report into it), or to standard
-  // output when it is empty.
+  // output when it is empty; unless writeTo() names a stream.
   QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& outputFile);
   ~QuarryScannerBase() override;
+
+  // printStats and scanRegions write to `out` from now on, and nothing else
+  // is opened: a caller that prints the rest of the report through one
+  // checked stream hands it over here, so that every write of the report is
+  // checked in one place (outputError() then stays 0). `out` must outlive
+  // the scanner.
+  void writeTo(std::ostream& out) { routed_ = &out; }
 
   // Maps and validates the `quarry` file and watches the table directory.
   // False when the allocator file is missing or invalid; initializeError()
@@ -192,6 +200,7 @@ class QuarryScannerBase : public Reader<Scanner> {
 
  protected:
   std::string outputFile_;
+  std::ostream* routed_ = nullptr;
   int outputError_ = 0;
   std::string initializeError_;
 };

@@ -106,16 +106,7 @@ class ReportBuffer {
 // "pos: " + index left-aligned in 10 blanks + "  |  ".
 std::size_t putPosition(char* out, std::uint32_t index) {
   std::copy_n("pos: ", 5, out);
-  char digits[10];
-  std::size_t n = 0;
-  do {
-    digits[n++] = static_cast<char>('0' + index % 10);
-    index /= 10;
-  } while (index != 0);
-  std::size_t at = 5;
-  for (std::size_t i = 0; i < n; ++i) {
-    out[at++] = digits[n - 1 - i];
-  }
+  std::size_t at = 5 + Beacon::Util::putDecimal(out + 5, index);
   while (at < 15) {
     out[at++] = ' ';
   }
@@ -304,22 +295,22 @@ unsigned RelayReaderGeneric<Slot>::attempt(std::vector<Notification> (&snapshot)
     currentPos_[Base::SECONDARY] = Shared::load32(header_[Base::SECONDARY], Shared::kCurrentPos);
     const std::uint32_t table = Shared::high(switchSnapshot_);
 
-    // collect clears (resizes) the vector it fills.
-    if (!activeOnly || table == Base::PRIMARY) {
-      if (!collect(Base::PRIMARY, snapshot[Base::PRIMARY])) {
-        ++restarts;
+    // collect clears (resizes) the vector it fills; a table left out is
+    // left empty. A copy that raced with the writer starts a new attempt.
+    bool copied = true;
+    for (const RelayTableId id : {Base::PRIMARY, Base::SECONDARY}) {
+      if (activeOnly && table != id) {
+        snapshot[id].clear();
         continue;
       }
-    } else {
-      snapshot[Base::PRIMARY].clear();
+      copied = collect(id, snapshot[id]);
+      if (!copied) {
+        break;
+      }
     }
-    if (!activeOnly || table == Base::SECONDARY) {
-      if (!collect(Base::SECONDARY, snapshot[Base::SECONDARY])) {
-        ++restarts;
-        continue;
-      }
-    } else {
-      snapshot[Base::SECONDARY].clear();
+    if (!copied) {
+      ++restarts;
+      continue;
     }
     // A file that shrank during the copy was read as zeros; say so.
     checkMapping(Base::PRIMARY);

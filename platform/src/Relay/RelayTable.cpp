@@ -20,20 +20,6 @@ constexpr std::uint64_t wideFileSize(unsigned capacity) {
   return RelayTable<RelaySlot>::kHeaderSize + RelayTable<RelaySlot>::kSlotSize * static_cast<std::uint64_t>(capacity);
 }
 
-// Writes `value` in decimal; returns the number of characters.
-std::size_t putDecimal(char* out, std::uint32_t value) {
-  char digits[10];
-  std::size_t n = 0;
-  do {
-    digits[n++] = static_cast<char>('0' + value % 10);
-    value /= 10;
-  } while (value != 0);
-  for (std::size_t i = 0; i < n; ++i) {
-    out[i] = digits[n - 1 - i];
-  }
-  return n;
-}
-
 std::size_t putLiteral(char* out, const char* text, std::size_t length) {
   std::memcpy(out, text, length);
   return length;
@@ -121,7 +107,7 @@ std::size_t RelayTable<Slot>::Notification::dumpTo(char* buffer) const {
   static constexpr char kHex[] = "0123456789abcdef";
   std::size_t n = putLiteral(buffer, "seq: ", 5);
   std::size_t start = n;
-  n += putDecimal(buffer + n, sequence);
+  n += Beacon::Util::putDecimal(buffer + n, sequence);
   n = padTo(buffer, n, start + 10);
   n += putLiteral(buffer + n, "  offset: 0x", 12);
   for (int shift = 28; shift >= 0; shift -= 4) {
@@ -133,14 +119,14 @@ std::size_t RelayTable<Slot>::Notification::dumpTo(char* buffer) const {
     n += putLiteral(buffer + n, "(tombstoned)", 12);
   } else {
     buffer[n++] = '(';
-    n += putDecimal(buffer + n, Quarry::Offset::regionId(offset));
+    n += Beacon::Util::putDecimal(buffer + n, Quarry::Offset::regionId(offset));
     buffer[n++] = ':';
-    n += putDecimal(buffer + n, Quarry::Offset::unitIndex(offset));
+    n += Beacon::Util::putDecimal(buffer + n, Quarry::Offset::unitIndex(offset));
     buffer[n++] = ')';
   }
   n = padTo(buffer, n, start + 14);
   n += putLiteral(buffer + n, "  size: ", 8);
-  n += putDecimal(buffer + n, size);
+  n += Beacon::Util::putDecimal(buffer + n, size);
   return n;
 }
 
