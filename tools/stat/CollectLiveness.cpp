@@ -1,6 +1,7 @@
 // Who is alive: a writer's process found by its ember's pid (across PID
-// namespaces), the clients the walk of every process's maps saw, and the
-// state each table is in once its facts are known.
+// namespaces), the clients the walk of every process's maps saw; how fast
+// (rates from two samples); and the state each table is in once its facts
+// are known.
 #include "CollectLiveness.h"
 
 #include <fmt/format.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <unordered_map>
 
 #include "Collect.h"
 
@@ -133,6 +135,47 @@ void fillClients(std::vector<Table>& tables, const SharedMem::TableMappings& map
     table.clients.writers = std::move(clients.writers);
     table.clients.shadows = std::move(clients.shadows);
     std::sort(table.clients.shadows.begin(), table.clients.shadows.end());
+  }
+}
+
+void deriveRates(const Sample& before, Sample& after) {
+  after.intervalSeconds = after.monotonicSeconds - before.monotonicSeconds;
+  std::unordered_map<std::string, const Table*> byPath;
+  byPath.reserve(before.tables.size());
+  for (const Table& table : before.tables) {
+    byPath.emplace(table.identity.path, &table);
+  }
+  for (Table& table : after.tables) {
+    auto found = byPath.find(table.identity.path);
+    if (found == byPath.end()) {
+      continue;
+    }
+    const Table* earlier = found->second;
+    // A rate over a writer's restart would mix two writers' counters.
+    const Writer& was = earlier->writer;
+    const Writer& is = table.writer;
+    if (was.known != is.known || was.emberPid != is.emberPid || was.instance != is.instance) {
+      continue;
+    }
+    const double elapsed = table.readMonotonicSeconds - earlier->readMonotonicSeconds;
+    if (elapsed <= 0) {
+      continue;
+    }
+    if (table.queues.known && earlier->queues.known && table.queues.sequence >= earlier->queues.sequence) {
+      Queues& queues = table.queues;
+      queues.ratePerSecond = static_cast<double>(queues.sequence - earlier->queues.sequence) / elapsed;
+      const QueueTable& active = queues.tables[queues.active - 1];
+      if (*queues.ratePerSecond > 0) {
+        const std::uint32_t left = active.capacity > active.position ? active.capacity - active.position : 0;
+        queues.secondsToSwitch = left / *queues.ratePerSecond;
+      }
+    }
+    const Allocator& then = earlier->allocator;
+    Allocator& now = table.allocator;
+    if (now.known && then.known && now.allocations >= then.allocations && now.releases >= then.releases) {
+      now.allocationsPerSecond = static_cast<double>(now.allocations - then.allocations) / elapsed;
+      now.releasesPerSecond = static_cast<double>(now.releases - then.releases) / elapsed;
+    }
   }
 }
 

@@ -16,6 +16,7 @@
 #include "Beacon/StopSignals.h"
 #include "Bundle.h"
 #include "Capture.h"
+#include "CollectKept.h"
 #include "Deadline.h"
 #include "Diff.h"
 #include "Health.h"
@@ -103,8 +104,9 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
   Sample previous;
   bool first = true;
   double next = monotonicNow();
+  KeptReaders kept;
   for (;;) {
-    Sample sample = collect(options.collect);
+    Sample sample = collect(options.collect, &kept);
     if (!first) {
       deriveRates(previous, sample);
     }
@@ -169,8 +171,9 @@ int record(const Options& options, StopSignals& signals) {
   Sample previous;
   bool first = true;
   bool failing = false;
+  KeptReaders kept;
   for (double next = monotonicNow();; next = std::max(next + options.interval, monotonicNow())) {
-    Sample sample = collect(options.collect);
+    Sample sample = collect(options.collect, &kept);
     if (!first) {
       deriveRates(previous, sample);
     }
