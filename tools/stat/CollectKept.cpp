@@ -36,6 +36,20 @@ bool fileIds(const std::string& dir, const std::vector<std::string>& names, std:
   return true;
 }
 
+// Both queue headers still valid for their files' sizes, as initialize()
+// checked them: a header damaged in place (through a mapping, which leaves
+// the file's id as it was) is then reported by a fresh reader.
+bool headersValid(const QueueReader& reader, const std::vector<FileId>& files) {
+  std::string error;
+  for (unsigned id = 0; id < 2; ++id) {
+    const QueueReader::Header header = reader.header(id == 0 ? QueueReader::PRIMARY : QueueReader::SECONDARY);
+    if (!header.validateSize(handler(), static_cast<std::uint64_t>(files[id].size), 0, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // The allocator file and the region files among the table's entries.
 std::vector<std::string> allocatorFiles(const Mem::TableFinder::Listing& listing) {
   std::vector<std::string> names{Quarry::kQuarryFileName};
@@ -147,7 +161,8 @@ QueueReader* KeptReaders::queues(const std::string& path) {
   if (!fileIds(path, {"relay.1", "relay.2"}, table.queueSeen)) {
     table.queueSeen.clear();
   }
-  if (!table.queueSeen.empty() && table.queues && table.queueSeen == table.queueIds) {
+  if (!table.queueSeen.empty() && table.queues && table.queueSeen == table.queueIds &&
+      headersValid(*table.queues, table.queueSeen)) {
     return table.queues.get();
   }
   table.queues.reset();
