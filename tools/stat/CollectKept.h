@@ -63,8 +63,6 @@ class KeptReaders {
   // Drops what is kept for the table (a reader failed on it).
   void forget(const std::string& path);
 
-  std::size_t tables() const { return tables_.size(); }
-
  private:
   struct Table;
   Table& touch(const std::string& path);
