@@ -10,7 +10,9 @@ build=${1:-build}
 bin=$(cd "$build/bin" && pwd)
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d "${TMPDIR:-/tmp}/heron-seeds.XXXXXX")
-trap 'rm -rf "$work"' EXIT
+recorder=
+writer=
+trap 'kill $recorder $writer 2>/dev/null || true; rm -rf "$work"' EXIT
 export HERON_ROOT=$work/root
 mkdir -p "$HERON_ROOT"
 # Small files keep each bundle under the fuzzer's 16 KiB inputs.
@@ -51,6 +53,8 @@ done
 kill "$recorder"
 wait "$recorder" || true
 wait "$writer" || true
+recorder=
+writer=
 file=$(ls "$work/rec"/heron-stat.*.ndjson.zst | head -1)
 cp "$file" "$recordings/three-samples"
 head -c "$(($(stat -c %s "$file") - 5))" "$file" >"$recordings/cut-last-frame"
