@@ -1,6 +1,7 @@
 // Reading a bundle: the archive is read once, in order; tables/ is written
 // into a private directory (sparse where the copy is zeros) and collected
-// like a live root; the manifest's sample supplies what the files cannot.
+// like a live root; the manifest's sample supplies what the files cannot
+// (BundleSample.cpp).
 #include "Bundle.h"
 
 #include <archive.h>
@@ -15,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "Mem/RootPath.h"
@@ -207,197 +207,6 @@ bool checkManifest(const Json& manifest, std::string& error) {
   return true;
 }
 
-double number(const Json& object, const char* key, double fallback) {
-  const auto found = object.find(key);
-  return found != object.end() && found->is_number() ? found->get<double>() : fallback;
-}
-
-std::optional<double> optionalNumber(const Json& object, const char* key) {
-  const auto found = object.find(key);
-  return found != object.end() && found->is_number() ? std::optional<double>(found->get<double>()) : std::nullopt;
-}
-
-std::string text(const Json& object, const char* key) {
-  const auto found = object.find(key);
-  return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
-}
-
-Seen seen(const Json& object, const char* key) {
-  const auto found = object.find(key);
-  if (found == object.end() || !found->is_boolean()) {
-    return Seen::Unknown;
-  }
-  return found->get<bool>() ? Seen::Yes : Seen::No;
-}
-
-std::vector<int> pids(const Json& object, const char* key) {
-  std::vector<int> out;
-  const auto found = object.find(key);
-  if (found != object.end() && found->is_array()) {
-    for (const Json& pid : *found) {
-      if (pid.is_number_integer()) {
-        out.push_back(pid.get<int>());
-      }
-    }
-  }
-  return out;
-}
-
-const Json& member(const Json& object, const char* key) {
-  static const Json kNull;
-  const auto found = object.find(key);
-  return found != object.end() && found->is_object() ? *found : kNull;
-}
-
-void overlayWriter(const Json& live, Writer& writer) {
-  if (!live.is_object()) {
-    return;
-  }
-  writer.hostPid = static_cast<std::uint32_t>(number(live, "pid", 0));
-  writer.pidNamespace = static_cast<std::uint64_t>(number(live, "pid_namespace", 0));
-  writer.liveness =
-      text(live, "liveness") == livenessName(Liveness::Heartbeat) ? Liveness::Heartbeat : Liveness::Process;
-  writer.heartbeatAgeSeconds = optionalNumber(live, "heartbeat_age_seconds");
-  writer.monotonicHeartbeat = text(live, "heartbeat_clock") == "monotonic";
-  writer.alive = seen(live, "alive");
-  writer.mapsTable = seen(live, "maps_table");
-}
-
-void overlayTable(const Json& live, Table& table) {
-  table.identity.path = text(live, "path");
-  overlayWriter(member(live, "writer"), table.writer);
-  const Json& clients = member(live, "clients");
-  table.clients.known = clients.is_object() && clients.value("known", false);
-  table.clients.writers = pids(clients, "writers");
-  table.clients.shadows = pids(clients, "shadows");
-  const Json& queues = member(live, "queues");
-  if (queues.is_object()) {
-    table.queues.ratePerSecond = optionalNumber(queues, "rate_per_second");
-    table.queues.secondsToSwitch = optionalNumber(queues, "seconds_to_switch");
-  }
-  const Json& allocator = member(live, "allocator");
-  if (allocator.is_object()) {
-    table.allocator.allocationsPerSecond = optionalNumber(allocator, "allocations_per_second");
-    table.allocator.releasesPerSecond = optionalNumber(allocator, "releases_per_second");
-  }
-}
-
-State stateOf(const std::string& name) {
-  for (State state : {State::Ok, State::Stale, State::Dead, State::Broken}) {
-    if (name == stateName(state)) {
-      return state;
-    }
-  }
-  return State::Broken;
-}
-
-std::vector<Problem> problemsOf(const Json& object) {
-  std::vector<Problem> out;
-  const auto found = object.find("problems");
-  if (found != object.end() && found->is_array()) {
-    for (const Json& entry : *found) {
-      if (entry.is_object()) {
-        const bool critical = text(entry, "severity") == severityName(Severity::Critical);
-        out.push_back({critical ? Severity::Critical : Severity::Warning, text(entry, "text")});
-      }
-    }
-  }
-  return out;
-}
-
-void ownerOf(const Json& owner, Identity& id) {
-  id.ownerKnown = owner.is_object();
-  if (id.ownerKnown) {
-    id.type = static_cast<std::uint32_t>(number(owner, "type", 0));
-    id.typeName = text(owner, "type_name");
-    id.creatorPid = static_cast<std::uint32_t>(number(owner, "creator_pid", 0));
-    id.createdSeconds = number(owner, "created", 0);
-    id.host = text(owner, "host");
-  }
-}
-
-void writerOf(const Json& live, Writer& writer) {
-  writer.known = live.is_object();
-  if (!writer.known) {
-    return;
-  }
-  overlayWriter(live, writer);
-  writer.pid = static_cast<std::uint32_t>(number(live, "namespace_pid", 0));
-  const Json& ember = member(live, "ember");
-  writer.emberPid = static_cast<std::uint16_t>(ember.is_object() ? number(ember, "pid", 0) : 0);
-  writer.instance = static_cast<std::uint16_t>(ember.is_object() ? number(ember, "instance", 0) : 0);
-  writer.restarts = static_cast<std::uint32_t>(number(live, "restarts", 0));
-  writer.startedSeconds = number(live, "started", 0);
-}
-
-void queuesOf(const Json& live, Queues& queues) {
-  queues.known = live.is_object();
-  if (!queues.known) {
-    return;
-  }
-  queues.active = number(live, "active", 1) == 2 ? 2 : 1;
-  queues.sequence = static_cast<std::uint64_t>(number(live, "sequence", 0));
-  queues.tableVersion = static_cast<std::uint32_t>(number(live, "table_version", 0));
-  queues.fillRatio = number(live, "fill_ratio", 0);
-  const auto sides = live.find("tables");
-  for (std::size_t i = 0; sides != live.end() && sides->is_array() && i < 2 && i < sides->size(); ++i) {
-    const Json& side = (*sides)[i];
-    if (side.is_object()) {
-      queues.tables[i] = {static_cast<std::uint32_t>(number(side, "capacity", 0)),
-                          static_cast<std::uint32_t>(number(side, "position", 0)),
-                          static_cast<std::uint64_t>(number(side, "epoch", 0))};
-    }
-  }
-}
-
-Region regionOf(const Json& row) {
-  Region region;
-  region.id = static_cast<std::uint32_t>(number(row, "id", 0));
-  region.entrySize = static_cast<std::uint32_t>(number(row, "entry_size", 0));
-  region.units = static_cast<std::uint32_t>(number(row, "units", 0));
-  region.used = static_cast<std::uint32_t>(number(row, "used", 0));
-  region.freePages = static_cast<std::uint32_t>(number(row, "free_pages", 0));
-  region.consistent = row.value("consistent", true);
-  return region;
-}
-
-void allocatorOf(const Json& live, Allocator& allocator) {
-  allocator.known = live.is_object();
-  if (!allocator.known) {
-    return;
-  }
-  allocator.bytes = static_cast<std::uint64_t>(number(live, "bytes", 0));
-  allocator.usedBytes = static_cast<std::uint64_t>(number(live, "used_bytes", 0));
-  allocator.freePages = static_cast<std::uint64_t>(number(live, "free_pages", 0));
-  allocator.allocations = static_cast<std::uint64_t>(number(live, "allocations", 0));
-  allocator.releases = static_cast<std::uint64_t>(number(live, "releases", 0));
-  const Json& fullest = member(live, "fullest_region");
-  if (fullest.is_object()) {
-    allocator.fullest = regionOf(fullest);
-  }
-  const auto rows = live.find("region_list");
-  if (rows != live.end() && rows->is_array()) {
-    for (const Json& row : *rows) {
-      if (row.is_object()) {
-        allocator.regions.push_back(regionOf(row));
-      }
-    }
-  }
-}
-
-Table tableOf(const Json& live) {
-  Table table;
-  table.identity.name = text(live, "name");
-  ownerOf(member(live, "owner"), table.identity);
-  writerOf(member(live, "writer"), table.writer);
-  queuesOf(member(live, "queues"), table.queues);
-  allocatorOf(member(live, "allocator"), table.allocator);
-  overlayTable(live, table);
-  table.state = stateOf(text(live, "state"));
-  table.problems = problemsOf(live);
-  return table;
-}
-
 }  // namespace
 
 ScratchDir::~ScratchDir() {
@@ -441,47 +250,6 @@ RootOverride::~RootOverride() {
   if (hadChroot_) {
     ::setenv("Q7_CHROOT", chroot_.c_str(), 1);
   }
-}
-
-bool overlayLiveSample(const Json& live, const std::string& copiedRoot, Sample& copied, std::string& error) {
-  const auto tables = live.find("tables");
-  if (!live.is_object() || tables == live.end() || !tables->is_array()) {
-    error = "the sample has no table list";
-    return false;
-  }
-  copied.root = text(live, "root");
-  copied.timeSeconds = number(live, "time", 0);
-  copied.intervalSeconds = number(live, "interval_seconds", 0);
-  copied.durationSeconds = number(live, "sample_duration_seconds", 0);
-  copied.clientsKnown = live.value("clients_known", false);
-  copied.clientsWalked = copied.clientsKnown;
-  // About the collection as sampled (an EXPR that matched nothing).
-  copied.problems = problemsOf(live);
-  std::unordered_map<std::string, const Json*> byName;
-  for (const Json& table : *tables) {
-    if (table.is_object()) {
-      byName.emplace(text(table, "name"), &table);
-    }
-  }
-  for (Table& table : copied.tables) {
-    for (std::string& line : table.fileErrors) {
-      for (std::size_t at = copiedRoot.empty() ? std::string::npos : line.find(copiedRoot); at != std::string::npos;
-           at = line.find(copiedRoot, at)) {
-        line.replace(at, copiedRoot.size(), copied.root);
-        at += copied.root.size();
-      }
-    }
-    const auto found = byName.find(table.identity.name);
-    if (found != byName.end()) {
-      overlayTable(*found->second, table);
-    } else {
-      // Copied but not in the sample: nothing says who used it.
-      table.identity.path = copied.root + "/" + table.identity.name;
-      table.writer.alive = Seen::Unknown;
-      table.writer.mapsTable = Seen::Unknown;
-    }
-  }
-  return true;
 }
 
 bool readBundle(const std::string& path, const std::string& into, Json& manifest, std::string& error) {
@@ -550,43 +318,6 @@ bool fromBundle(const std::string& path, const CollectOptions& options, const Th
     sample.rootError = "the bundle's tables cannot be listed";
   }
   assess(sample, thresholds);
-  return true;
-}
-
-}  // namespace Stat
-
-namespace Stat {
-
-bool sampleFromJson(const std::string& text, const Thresholds& thresholds, Sample& sample, std::string& error) {
-  const Json live = Json::parse(text, nullptr, false);
-  if (!overlayLiveSample(live, std::string(), sample, error)) {
-    return false;
-  }
-  sample.rootOk = live.value("root_ok", true);
-  sample.rootError = live.contains("root_error") && live["root_error"].is_string()
-                         ? live["root_error"].get<std::string>()
-                         : std::string();
-  sample.problems = problemsOf(live);
-  for (const Json& entry : live["tables"]) {
-    if (entry.is_object()) {
-      sample.tables.push_back(tableOf(entry));
-    }
-  }
-  // What assess() says again from the facts is not a reading problem; the
-  // rest of a broken table's critical problems were.
-  Sample again = sample;
-  assess(again, thresholds);
-  for (std::size_t i = 0; i < sample.tables.size(); ++i) {
-    Table& table = sample.tables[i];
-    for (const Problem& problem : table.state == State::Broken ? table.problems : std::vector<Problem>()) {
-      const std::vector<Problem>& said = again.tables[i].problems;
-      const bool regenerated =
-          std::any_of(said.begin(), said.end(), [&](const Problem& p) { return p.text == problem.text; });
-      if (problem.severity == Severity::Critical && !regenerated) {
-        table.fileErrors.push_back(problem.text);
-      }
-    }
-  }
   return true;
 }
 

@@ -24,6 +24,8 @@
 #include "Beacon/Platform.h"
 #include "Beacon/ProcPid.h"
 #include "Beacon/Util.h"
+#include "CollectKept.h"
+#include "CollectLiveness.h"
 #include "Mem/RootPath.h"
 #include "Mem/TableFinder.h"
 #include "Quarry/QuarryReader.h"
@@ -38,8 +40,6 @@ namespace Stat {
 namespace {
 
 constexpr double kNsPerSecond = 1e9;
-
-using QueueReader = Relay::RelayReaderGeneric<Relay::RelaySlot>;
 
 Beacon::Platform::DebugHandler& handler() {
   static std::shared_ptr<Beacon::Platform::DebugHandler> instance =
@@ -95,13 +95,11 @@ Region regionRow(const Quarry::RegionStats& stats) {
   return row;
 }
 
-// Fills `out` from the allocator's figures; each file that cannot be used
-// adds a line to `errors`. False when the allocator file itself is unusable
-// or the table directory cannot be listed (the figures are unknown, not
-// zero). `listing`: the table directory as the caller has just read it, or
-// null.
-bool readAllocator(const Mem::RootPath& root, const Mem::TableFinder::Listing* listing, Allocator& out,
-                   std::vector<std::string>& errors) {
+// The allocator's figures from a reader used once; each file that cannot
+// be used adds a line to `errors`. False when the allocator file itself is
+// unusable or the table directory cannot be listed.
+bool readAllocatorOnce(const Mem::RootPath& root, const Mem::TableFinder::Listing* listing,
+                       Quarry::AllocatorStats& stats, std::vector<std::string>& errors) {
   Quarry::QuarryScannerBase<Quarry::NoMapScanner> reader(handler(), root, std::string());
   // Used for one sample and destroyed: it keeps no watch on the directory.
   reader.watchDeletions(false);
@@ -110,10 +108,27 @@ bool readAllocator(const Mem::RootPath& root, const Mem::TableFinder::Listing* l
     return false;
   }
   reader.useListing(listing);
-  const Quarry::AllocatorStats stats = reader.readStats();
+  stats = reader.readStats();
   if (!reader.listError().empty()) {
     errors.push_back(reader.listError());
     return false;
+  }
+  for (const Quarry::BadRegion& bad : reader.badRegions()) {
+    errors.push_back(root.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
+  }
+  return true;
+}
+
+// Fills `out` from the allocator's figures (the kept readers' when they
+// can serve, `kept` not null); the figures stay unknown, not zero, when
+// they cannot be read. `listing`: the table directory as the caller has
+// just read it, or null.
+void readAllocator(const Mem::RootPath& root, const Mem::TableFinder::Listing* listing, Allocator& out,
+                   std::vector<std::string>& errors, KeptReaders* kept) {
+  Quarry::AllocatorStats stats;
+  const bool fromKept = kept != nullptr && listing != nullptr && kept->allocator(root.path(), *listing, stats);
+  if (!fromKept && !readAllocatorOnce(root, listing, stats, errors)) {
+    return;
   }
   for (const Quarry::RegionStats& region : stats.regions) {
     out.regions.push_back(regionRow(region));
@@ -129,16 +144,15 @@ bool readAllocator(const Mem::RootPath& root, const Mem::TableFinder::Listing* l
       out.fullest = row;
     }
   }
-  for (const Quarry::BadRegion& bad : reader.badRegions()) {
-    errors.push_back(root.fullPath(Quarry::kRegionFilePrefix + std::to_string(bad.id)) + ": " + bad.reason);
-  }
   out.allocations = stats.allocations;
   out.releases = stats.releases;
   out.known = true;
-  return true;
 }
 
-void readOwner(Table& table) {
+void readOwner(Table& table, KeptReaders* kept) {
+  if (kept != nullptr && kept->owner(table.identity.path, table.identity)) {
+    return;
+  }
   SharedMem::OwnerFile owner(handler(), Mem::RootPath(table.identity.path), false);
   SharedMem::OwnerFile::Header header{};
   if (!owner.header(header)) {
@@ -153,6 +167,9 @@ void readOwner(Table& table) {
   id.creatorPid = header.ownerPid;
   id.createdSeconds = seconds(header.createdNs);
   id.host = fixedText(header.hostname, sizeof header.hostname);
+  if (kept != nullptr) {
+    kept->keepOwner(table.identity.path, id);
+  }
 }
 
 void readEmber(Table& table) {
@@ -187,17 +204,40 @@ void readEmber(Table& table) {
   }
 }
 
-void readQueues(Table& table) {
+// The queues' figures from an initialized reader.
+void fillQueues(const QueueReader& relay, Queues& queues) {
+  const QueueReader::Header primary = relay.header(QueueReader::PRIMARY);
+  const QueueReader::Header secondary = relay.header(QueueReader::SECONDARY);
+  queues.known = true;
+  queues.active = primary.currentTable != 0 ? 2 : 1;
+  queues.tableVersion = primary.tableVersion;
+  queues.sequence = primary.latestWriterSequence;
+  const QueueReader::Header* headers[2] = {&primary, &secondary};
+  for (unsigned i = 0; i < 2; ++i) {
+    queues.tables[i].capacity = headers[i]->notifications.value;
+    queues.tables[i].position = headers[i]->currentPos;
+    queues.tables[i].epoch = primary.epoch[i];
+  }
+  const QueueTable& active = queues.tables[queues.active - 1];
+  queues.fillRatio =
+      active.capacity == 0 ? 0.0 : static_cast<double>(std::min(active.position, active.capacity)) / active.capacity;
+}
+
+void readQueues(Table& table, KeptReaders* kept) {
+  if (const QueueReader* reader = kept != nullptr ? kept->queues(table.identity.path) : nullptr) {
+    fillQueues(*reader, table.queues);
+    return;
+  }
   const Mem::RootPath root(table.identity.path);
-  QueueReader relay(handler(), root, false);
+  auto relay = std::make_unique<QueueReader>(handler(), root, false);
   // The reader's complaint becomes the table's reason instead of reaching
   // the terminal.
-  relay.reportErrorsTo(nullptr);
+  relay->reportErrorsTo(nullptr);
   bool ready = false;
   std::string said;
   try {
-    ready = relay.initialize();
-    said = relay.lastError();
+    ready = relay->initialize();
+    said = relay->lastError();
   } catch (const std::exception& error) {
     said = error.what();
   }
@@ -215,60 +255,10 @@ void readQueues(Table& table) {
     table.fileErrors.push_back(said.empty() ? root.fullPath("relay.1") + ": cannot be used" : said);
     return;
   }
-  const QueueReader::Header primary = relay.header(QueueReader::PRIMARY);
-  const QueueReader::Header secondary = relay.header(QueueReader::SECONDARY);
-  Queues& queues = table.queues;
-  queues.known = true;
-  queues.active = primary.currentTable != 0 ? 2 : 1;
-  queues.tableVersion = primary.tableVersion;
-  queues.sequence = primary.latestWriterSequence;
-  const QueueReader::Header* headers[2] = {&primary, &secondary};
-  for (unsigned i = 0; i < 2; ++i) {
-    queues.tables[i].capacity = headers[i]->notifications.value;
-    queues.tables[i].position = headers[i]->currentPos;
-    queues.tables[i].epoch = primary.epoch[i];
+  fillQueues(*relay, table.queues);
+  if (kept != nullptr) {
+    kept->keepQueues(table.identity.path, std::move(relay));
   }
-  const QueueTable& active = queues.tables[queues.active - 1];
-  queues.fillRatio =
-      active.capacity == 0 ? 0.0 : static_cast<double>(std::min(active.position, active.capacity)) / active.capacity;
-}
-
-// True when the kernel still has a process with that pid (one we may not
-// signal counts too).
-bool pidExists(std::uint32_t pid) {
-  if (pid == 0 || pid > 0x7FFFFFFFU) {
-    return false;
-  }
-  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
-}
-
-// Every process's maps can be read only as root or with CAP_SYS_PTRACE.
-bool seesEveryProcess() {
-  if (::geteuid() == 0) {
-    return true;
-  }
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.compare(0, 7, "CapEff:") == 0) {
-      const unsigned long long caps = std::strtoull(line.c_str() + 7, nullptr, 16);
-      return ((caps >> 19) & 1U) != 0;  // CAP_SYS_PTRACE
-    }
-  }
-  return false;
-}
-
-// "writer 4711", or for a writer in another PID namespace "writer 1 (pid
-// namespace 4026532001, pid 4711 here)": the ember's pid is the writer's own.
-std::string writerName(const Writer& writer) {
-  if (writer.liveness == Liveness::Process && (writer.hostPid == writer.pid || writer.pidNamespace == 0)) {
-    return "writer " + std::to_string(writer.pid);
-  }
-  std::string text = fmt::format("writer {} (pid namespace {}", writer.pid, writer.pidNamespace);
-  if (writer.hostPid != 0) {
-    text += fmt::format(", pid {} here", writer.hostPid);
-  }
-  return text + ")";
 }
 
 bool listedType(std::uint32_t type) { return type == SharedMem::Table || type == SharedMem::Archive; }
@@ -315,92 +305,29 @@ std::size_t countTables(const Mem::OrbRootPath& root) {
   return count;
 }
 
-// A writer in our own PID namespace (or one that predates the field): its
-// ember pid is our pid too. A zombie (killed, not yet reaped) is no live
-// writer; its status is read only where /proc may be read.
-void judgeByPid(Writer& writer, bool readProc) {
-  writer.hostPid = writer.pid;
-  writer.alive = pidExists(writer.pid) ? Seen::Yes : Seen::No;
-  Beacon::Proc::PidStatus status;
-  if (writer.alive == Seen::Yes && readProc && Beacon::Proc::readPidStatus(static_cast<int>(writer.pid), status) &&
-      status.exited()) {
-    writer.alive = Seen::No;
-  }
-}
-
 // Reads one table's files; false when the directory is not a table. An
 // exception from a reader (out of memory, a remap that failed) makes this
 // table broken with its reason instead of failing the whole sample.
-bool readTable(Table& table, const Mem::TableFinder::Listing* listing) {
+bool readTable(Table& table, const Mem::TableFinder::Listing* listing, KeptReaders* kept) {
   try {
-    readOwner(table);
+    readOwner(table, kept);
     if (table.identity.ownerKnown && !listedType(table.identity.type)) {
       return false;  // a plain segment or another kind of directory: not a table
     }
     readEmber(table);
     table.readMonotonicSeconds = seconds(SharedMem::monoNs());
-    readQueues(table);
-    readAllocator(Mem::RootPath(table.identity.path), listing, table.allocator, table.fileErrors);
+    readQueues(table, kept);
+    readAllocator(Mem::RootPath(table.identity.path), listing, table.allocator, table.fileErrors, kept);
   } catch (const std::exception& error) {
     table.fileErrors.push_back(table.identity.path + ": " + error.what());
+    if (kept != nullptr) {
+      kept->forget(table.identity.path);
+    }
   }
   return true;
 }
 
 }  // namespace
-
-void judgeWriter(Writer& writer, Beacon::Proc::PidNamespaceIndex& namespaces, const std::vector<int>* readWrite,
-                 bool readProc) {
-  writer.liveness = Liveness::Process;
-  writer.hostPid = 0;
-  writer.alive = Seen::Unknown;
-  writer.mapsTable = Seen::Unknown;
-  const std::uint64_t ns = writer.pidNamespace;
-  if (ns == 0 || ns == namespaces.own()) {
-    judgeByPid(writer, readProc);
-  } else if (const int found = namespaces.find(ns, writer.pid)) {
-    writer.hostPid = static_cast<std::uint32_t>(found);
-    writer.alive = Seen::Yes;
-  } else if (namespaces.complete() &&
-             (!namespaces.processesIn(ns).empty() || namespaces.own() == Beacon::Proc::kInitialPidNamespace)) {
-    // Its namespace is in sight without it, or gone: from the initial
-    // namespace every process of the machine is in sight.
-    writer.alive = Seen::No;
-  } else {
-    // Out of sight (we run in another container, or may not read every
-    // process's namespace): the heartbeat is the only evidence.
-    writer.liveness = Liveness::Heartbeat;
-    return;
-  }
-  if (writer.alive == Seen::Yes && readWrite != nullptr) {
-    const bool maps =
-        std::find(readWrite->begin(), readWrite->end(), static_cast<int>(writer.hostPid)) != readWrite->end();
-    writer.mapsTable = maps ? Seen::Yes : Seen::No;
-  }
-}
-
-// Every table's writer, with the pids the walk saw mapping the table
-// read-write where it saw every process.
-void judgeWriters(std::vector<Table>& tables, const SharedMem::TableMappings& mapped,
-                  Beacon::Proc::PidNamespaceIndex& namespaces, bool readProc) {
-  for (Table& table : tables) {
-    if (!table.writer.known) {
-      continue;
-    }
-    std::vector<int> readWrite;
-    if (table.clients.known) {
-      auto found = mapped.find(table.identity.path);
-      if (found != mapped.end()) {
-        for (const SharedMem::TableMapping& mapping : found->second) {
-          if (mapping.readWrite) {
-            readWrite.push_back(mapping.pid);
-          }
-        }
-      }
-    }
-    judgeWriter(table.writer, namespaces, table.clients.known ? &readWrite : nullptr, readProc);
-  }
-}
 
 namespace {
 
@@ -408,7 +335,7 @@ namespace {
 // table's files are read when it is added.
 class TableSet {
  public:
-  explicit TableSet(const CollectOptions& options) : options_(options) {}
+  TableSet(const CollectOptions& options, KeptReaders* kept) : options_(options), kept_(kept) {}
 
   // `listing`: the table directory as the caller has just read it, or null.
   void add(const std::string& name, const std::string& path, const Mem::TableFinder::Listing* listing) {
@@ -418,7 +345,7 @@ class TableSet {
     Table table;
     table.identity.name = name;
     table.identity.path = path;
-    if (readTable(table, listing)) {
+    if (readTable(table, listing, kept_)) {
       tables.push_back(std::move(table));
     }
   }
@@ -427,6 +354,7 @@ class TableSet {
 
  private:
   const CollectOptions& options_;
+  KeptReaders* kept_;
   std::unordered_set<std::string> paths_;
 };
 
@@ -445,27 +373,14 @@ void addOutsideTables(const Sample& sample, const SharedMem::TableMappings& mapp
   }
 }
 
-// Each table's writer and shadows as the walk saw them; our own process is
-// no client.
-void fillClients(std::vector<Table>& tables, const SharedMem::TableMappings& mapped, bool complete) {
-  const int self = static_cast<int>(::getpid());
-  for (Table& table : tables) {
-    table.clients.known = complete;
-    auto found = mapped.find(table.identity.path);
-    if (found == mapped.end()) {
-      continue;
-    }
-    SharedMem::TableClients clients = SharedMem::tableClients(found->second, self);
-    table.clients.writers = std::move(clients.writers);
-    table.clients.shadows = std::move(clients.shadows);
-    std::sort(table.clients.shadows.begin(), table.clients.shadows.end());
-  }
-}
-
 }  // namespace
 
-Sample collect(const CollectOptions& options) {
+Sample collect(const CollectOptions& options, KeptReaders* kept) {
   Sample sample;
+  // What this sample does not read again is let go at its end.
+  if (kept != nullptr) {
+    kept->beginSample();
+  }
   const std::uint64_t startMono = SharedMem::monoNs();
   sample.timeSeconds = seconds(SharedMem::nowNs());
   sample.monotonicSeconds = seconds(startMono);
@@ -476,6 +391,9 @@ Sample collect(const CollectOptions& options) {
   sample.rootOk = rootListable(sample.root, sample.rootError);
   if (!sample.rootOk) {
     // Nothing to walk: a wrong root is said once, not as "no tables".
+    if (kept != nullptr) {
+      kept->endSample();
+    }
     sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
     return sample;
   }
@@ -483,7 +401,7 @@ Sample collect(const CollectOptions& options) {
   // Each table's files are read as the walk meets it, the regions from the
   // listing the walk has just made: one read of each table directory.
   // Tables are sorted by name at the end.
-  TableSet set(options);
+  TableSet set(options, kept);
   Mem::TableFinder finder(handler(), rootPath);
   finder.visitOwned(options.expr.c_str(), [&](const std::string& name, const Mem::TableFinder::Listing* listing) {
     set.add(name, name.front() == '/' ? name : rootPath.fullPath(name), listing);
@@ -506,6 +424,9 @@ Sample collect(const CollectOptions& options) {
     fillClients(set.tables, mapped, sample.clientsKnown);
   }
 
+  if (kept != nullptr) {
+    kept->endSample();
+  }
   judgeWriters(set.tables, mapped, namespaces, options.walkProcesses);
   std::sort(set.tables.begin(), set.tables.end(),
             [](const Table& a, const Table& b) { return a.identity.name < b.identity.name; });
@@ -517,98 +438,6 @@ Sample collect(const CollectOptions& options) {
   sample.perRegionSeries = options.perRegionSeries;
   sample.durationSeconds = seconds(SharedMem::monoNs() - startMono);
   return sample;
-}
-
-void deriveRates(const Sample& before, Sample& after) {
-  after.intervalSeconds = after.monotonicSeconds - before.monotonicSeconds;
-  std::unordered_map<std::string, const Table*> byPath;
-  byPath.reserve(before.tables.size());
-  for (const Table& table : before.tables) {
-    byPath.emplace(table.identity.path, &table);
-  }
-  for (Table& table : after.tables) {
-    auto found = byPath.find(table.identity.path);
-    if (found == byPath.end()) {
-      continue;
-    }
-    const Table* earlier = found->second;
-    // A rate over a writer's restart would mix two writers' counters.
-    const Writer& was = earlier->writer;
-    const Writer& is = table.writer;
-    if (was.known != is.known || was.emberPid != is.emberPid || was.instance != is.instance) {
-      continue;
-    }
-    const double elapsed = table.readMonotonicSeconds - earlier->readMonotonicSeconds;
-    if (elapsed <= 0) {
-      continue;
-    }
-    if (table.queues.known && earlier->queues.known && table.queues.sequence >= earlier->queues.sequence) {
-      Queues& queues = table.queues;
-      queues.ratePerSecond = static_cast<double>(queues.sequence - earlier->queues.sequence) / elapsed;
-      const QueueTable& active = queues.tables[queues.active - 1];
-      if (*queues.ratePerSecond > 0) {
-        const std::uint32_t left = active.capacity > active.position ? active.capacity - active.position : 0;
-        queues.secondsToSwitch = left / *queues.ratePerSecond;
-      }
-    }
-    const Allocator& then = earlier->allocator;
-    Allocator& now = table.allocator;
-    if (now.known && then.known && now.allocations >= then.allocations && now.releases >= then.releases) {
-      now.allocationsPerSecond = static_cast<double>(now.allocations - then.allocations) / elapsed;
-      now.releasesPerSecond = static_cast<double>(now.releases - then.releases) / elapsed;
-    }
-  }
-}
-
-void assess(Sample& sample, const Thresholds& thresholds) {
-  for (Table& table : sample.tables) {
-    table.problems.clear();
-    table.state = State::Ok;
-    auto raise = [&table](State state) { table.state = std::max(table.state, state); };
-    for (const std::string& error : table.fileErrors) {
-      table.problems.push_back({Severity::Critical, error});
-      raise(State::Broken);
-    }
-    const Writer& writer = table.writer;
-    if (table.keptWithoutWriter()) {
-      // Kept without a writer by design.
-    } else if (!writer.known) {
-      if (table.identity.ownerKnown) {
-        table.problems.push_back({Severity::Critical, "no writer has started on this table (no ember)"});
-        raise(State::Dead);
-      }
-    } else if (writer.alive == Seen::No) {
-      table.problems.push_back({Severity::Critical, writerName(writer) + " is not running"});
-      raise(State::Dead);
-    } else if (writer.mapsTable == Seen::No) {
-      table.problems.push_back({Severity::Critical, writerName(writer) + " no longer maps the table"});
-      raise(State::Dead);
-    } else if (writer.heartbeatAgeSeconds && *writer.heartbeatAgeSeconds > thresholds.staleSeconds) {
-      std::string text = fmt::format("heartbeat {:.1f} s old (stale after {:g} s)", *writer.heartbeatAgeSeconds,
-                                     thresholds.staleSeconds);
-      if (writer.liveness == Liveness::Heartbeat) {
-        text += "; " + writerName(writer) + " cannot be seen from here";
-      }
-      table.problems.push_back({Severity::Warning, text});
-      raise(State::Stale);
-    }
-    if (table.allocator.known) {
-      const double percent = table.allocator.occupancyRatio() * 100;
-      if (thresholds.critAllocPercent > 0 && percent >= thresholds.critAllocPercent) {
-        table.problems.push_back({Severity::Critical, fmt::format("allocator {:.0f}% full (critical at {:g}%)", percent,
-                                                                  thresholds.critAllocPercent)});
-      } else if (percent >= thresholds.warnAllocPercent) {
-        table.problems.push_back({Severity::Warning, fmt::format("allocator {:.0f}% full (warning at {:g}%)", percent,
-                                                                 thresholds.warnAllocPercent)});
-      }
-    }
-    for (const Region& row : table.allocator.regions) {
-      if (!row.inconsistency.empty()) {
-        table.problems.push_back({Severity::Warning, fmt::format("region {} of {} is inconsistent: {}", row.id,
-                                                                 table.identity.name, row.inconsistency)});
-      }
-    }
-  }
 }
 
 Sample probe(const CollectOptions& options) {
@@ -644,23 +473,5 @@ std::string noMatchText(const Sample& sample) {
   return fmt::format("no table matches {} under {} ({} table{} there)", sample.expr, sample.root, sample.rootTables,
                      sample.rootTables == 1 ? "" : "s");
 }
-
-const char* stateName(State state) {
-  switch (state) {
-    case State::Ok:
-      return "ok";
-    case State::Stale:
-      return "stale";
-    case State::Dead:
-      return "dead";
-    case State::Broken:
-      return "broken";
-  }
-  return "broken";
-}
-
-const char* livenessName(Liveness liveness) { return liveness == Liveness::Heartbeat ? "heartbeat" : "process"; }
-
-const char* severityName(Severity severity) { return severity == Severity::Critical ? "critical" : "warning"; }
 
 }  // namespace Stat

@@ -3,8 +3,8 @@
 //
 // A sample reads, for each table: the owner file and the ember (pread), the
 // two queue headers and the allocator (mapped read-only, unmapped before the
-// next table), and once for all tables the memory maps of every process
-// (the runtime's walk of every process's maps). Nothing is kept open between samples.
+// next table, unless kept for the next sample), and once for all tables the
+// memory maps of every process (the runtime's walk of every process's maps).
 #pragma once
 
 #include <string>
@@ -33,9 +33,13 @@ struct Thresholds {
   double critAllocPercent = 0;  // 0: off
 };
 
+class KeptReaders;  // CollectKept.h
+
 // Takes one sample (no rates). Facts only: states and problems come from
-// assess(). File errors become Table::problems via assess as well.
-Sample collect(const CollectOptions& options);
+// assess(). File errors become Table::problems via assess as well. With
+// `kept`, the tables' readers are kept for the next sample with the same
+// `kept` (the long-running modes), which then reads only what changed.
+Sample collect(const CollectOptions& options, KeptReaders* kept = nullptr);
 
 // What /healthz needs, without reading any table's files beyond its owner:
 // the root's state and, for an EXPR, whether any table matches (each

@@ -51,11 +51,15 @@ class Recorder {
 struct RecordFile {
   std::string path;
   std::uint64_t bytes = 0;
+  // The number in its name: the time of its first sample, in milliseconds.
+  long long startMs = 0;
 };
 std::vector<RecordFile> recordFiles(const std::string& dir);
 
 // The recorded sample (a JSON document) whose time is nearest `at` (the
 // latest when `at` is negative). False with `error` when DIR holds none.
+// Only the files that can hold it are read (by the times in their names),
+// and in them only the frames a binary search by time touches.
 bool recordedSample(const std::string& dir, double at, std::string& sampleJson, std::string& error);
 
 // TIME as --at takes it: seconds since the epoch, or a UTC date and time

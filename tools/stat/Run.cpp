@@ -14,6 +14,7 @@
 #include "Beacon/StopSignals.h"
 #include "Bundle.h"
 #include "Capture.h"
+#include "CollectKept.h"
 #include "Deadline.h"
 #include "Diff.h"
 #include "Health.h"
@@ -98,8 +99,9 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
   Sample previous;
   bool first = true;
   double next = monotonicNow();
+  KeptReaders kept;
   for (;;) {
-    Sample sample = collect(options.collect);
+    Sample sample = collect(options.collect, &kept);
     if (!first) {
       deriveRates(previous, sample);
     }
@@ -164,8 +166,9 @@ int record(const Options& options, StopSignals& signals) {
   Sample previous;
   bool first = true;
   bool failing = false;
+  KeptReaders kept;
   for (double next = monotonicNow();; next = std::max(next + options.interval, monotonicNow())) {
-    Sample sample = collect(options.collect);
+    Sample sample = collect(options.collect, &kept);
     if (!first) {
       deriveRates(previous, sample);
     }

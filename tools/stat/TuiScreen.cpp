@@ -15,6 +15,7 @@
 #include <optional>
 
 #include "Beacon/Clock.h"
+#include "CollectKept.h"
 #include "Tui.h"
 #include "TuiLayout.h"
 #include "TuiView.h"
@@ -163,11 +164,12 @@ int run(const Options& options, int stopFd) {
     return 1;
   }
   View view(options);
+  KeptReaders kept;
   double next = monotonicNow();
   for (;;) {
     const double now = monotonicNow();
     if (!view.paused() && now >= next) {
-      view.take(collect(options.collect));
+      view.take(collect(options.collect, &kept));
       next = std::max(next + options.interval, now);
     }
     int height = 0;

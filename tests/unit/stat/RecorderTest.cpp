@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "Bundle.h"
 #include "Recorder.h"
@@ -87,6 +89,42 @@ TEST_F(RecorderTest, FindsTheNearestSampleAndSurvivesACutFile) {
   std::ofstream(files[0].path, std::ios::trunc) << "not zstd at all";
   EXPECT_FALSE(Stat::recordedSample(dir_, 1000, sample, error));
   EXPECT_NE(error.find("no recorded sample"), std::string::npos);
+}
+
+// The sample nearest a time is found from the files' names and a search
+// inside one file (and the first sample of the next): every time across
+// many files, at and between samples, before the first and after the last,
+// gets the same answer as a look at every sample would give.
+TEST_F(RecorderTest, FindsTheNearestSampleAcrossManyFiles) {
+  Stat::Recorder recorder(dir_, 64 << 10);
+  std::string error;
+  ASSERT_TRUE(recorder.open(error));
+  std::vector<double> times;
+  for (double time = 1000; time < 1120; time += 2) {
+    ASSERT_TRUE(recorder.append(line(time), time, error)) << error;
+    times.push_back(time);
+  }
+  ASSERT_GE(Stat::recordFiles(dir_).size(), 4U);
+  std::string sample;
+  for (double at = 990; at <= 1130; at += 0.5) {
+    double expected = times.front();
+    for (double time : times) {
+      // The earlier of two as near wins, as it did in a full scan.
+      expected = std::fabs(time - at) < std::fabs(expected - at) ? time : expected;
+    }
+    ASSERT_TRUE(Stat::recordedSample(dir_, at, sample, error)) << error;
+    EXPECT_EQ(timeOf(sample), expected) << "at " << at;
+  }
+  ASSERT_TRUE(Stat::recordedSample(dir_, -1, sample, error));
+  EXPECT_EQ(timeOf(sample), times.back());
+  // A newer file with nothing readable in it: the latest is still found,
+  // and so is a time after its name's.
+  const std::string garbage = dir_ + "/" + Stat::kRecordPrefix + "2000000" + Stat::kRecordSuffix;
+  std::ofstream(garbage) << "not zstd";
+  ASSERT_TRUE(Stat::recordedSample(dir_, -1, sample, error));
+  EXPECT_EQ(timeOf(sample), times.back());
+  ASSERT_TRUE(Stat::recordedSample(dir_, 2500, sample, error));
+  EXPECT_EQ(timeOf(sample), times.back());
 }
 
 TEST(RecordedSample, ReadsBackIntoTheSameSample) {

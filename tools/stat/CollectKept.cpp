@@ -1,0 +1,204 @@
+// The readers the long-running modes keep between samples: one sample of
+// 100 tables otherwise opens, maps and unmaps about 3,000 times, which is
+// most of its cost. A kept table costs one lstat of each of its files.
+#include "CollectKept.h"
+
+#include <sys/stat.h>
+
+#include "Beacon/Platform.h"
+#include "Mem/RootPath.h"
+#include "Quarry/QuarryReader.h"
+#include "Quarry/Region.h"
+
+namespace Stat {
+
+namespace {
+
+Beacon::Platform::DebugHandler& handler() {
+  static std::shared_ptr<Beacon::Platform::DebugHandler> instance =
+      Beacon::Platform::getDebugHandler("HeronStat", false);
+  return *instance;
+}
+
+// The ids of `names` in the directory `dir`; false when one cannot be
+// stat'ed (gone, or never there).
+bool fileIds(const std::string& dir, const std::vector<std::string>& names, std::vector<FileId>& ids) {
+  ids.clear();
+  for (const std::string& name : names) {
+    struct stat st {};
+    if (::lstat((dir + "/" + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      return false;
+    }
+    ids.push_back({static_cast<unsigned long long>(st.st_dev), static_cast<unsigned long long>(st.st_ino),
+                   static_cast<long long>(st.st_size),
+                   static_cast<long long>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec});
+  }
+  return true;
+}
+
+// Both queue headers still valid for their files' sizes, as initialize()
+// checked them: a header damaged in place (through a mapping, which leaves
+// the file's id as it was) is then reported by a fresh reader.
+bool headersValid(const QueueReader& reader, const std::vector<FileId>& files) {
+  std::string error;
+  for (unsigned id = 0; id < 2; ++id) {
+    const QueueReader::Header header = reader.header(id == 0 ? QueueReader::PRIMARY : QueueReader::SECONDARY);
+    if (!header.validateSize(handler(), static_cast<std::uint64_t>(files[id].size), 0, error)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The allocator file and the region files among the table's entries.
+std::vector<std::string> allocatorFiles(const Mem::TableFinder::Listing& listing) {
+  std::vector<std::string> names{Quarry::kQuarryFileName};
+  const std::string prefix = Quarry::kRegionFilePrefix;
+  for (const std::string& name : listing) {
+    if (name.compare(0, prefix.size(), prefix) == 0) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
+// An allocator reader whose regions stay attached between reads.
+class KeptAllocator : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
+ public:
+  explicit KeptAllocator(const std::string& path)
+      : Quarry::QuarryScannerBase<Quarry::NoMapScanner>(handler(), Mem::RootPath(path), std::string()) {
+    // Files that change are noticed by their ids, not by a watch.
+    watchDeletions(false);
+  }
+
+  // False when a file could not be used: then nothing is kept.
+  bool attach(const Mem::TableFinder::Listing& listing) {
+    if (!initialize()) {
+      return false;
+    }
+    useListing(&listing);
+    attachRegions();
+    return listError().empty() && badRegions().empty();
+  }
+
+  // The same figures as readStats(), from the attached regions.
+  Quarry::AllocatorStats read() const {
+    Quarry::AllocatorStats stats;
+    Quarry::RegionSnapshot copy;
+    for (const auto& entry : regions_) {
+      stats.add(Quarry::readRegionStats(*entry.second, copy, kCopyAttempts));
+    }
+    Quarry::QuarryHeader counters{};
+    stats.countersSettled = noMapReader_.copy(counters);
+    stats.allocations = counters.allocations;
+    stats.releases = counters.releases;
+    return stats;
+  }
+};
+
+}  // namespace
+
+struct KeptReaders::Table {
+  unsigned long long seen = 0;
+  std::vector<FileId> ownerIds;
+  std::vector<FileId> ownerSeen;
+  std::unique_ptr<Identity> owner;
+  std::vector<FileId> queueIds;
+  std::vector<FileId> queueSeen;
+  std::unique_ptr<QueueReader> queues;
+  std::vector<FileId> allocatorIds;
+  std::unique_ptr<KeptAllocator> allocator;
+};
+
+KeptReaders::KeptReaders() = default;
+KeptReaders::~KeptReaders() = default;
+
+void KeptReaders::beginSample() { ++sample_; }
+
+void KeptReaders::endSample() {
+  for (auto it = tables_.begin(); it != tables_.end();) {
+    it = it->second->seen == sample_ ? std::next(it) : tables_.erase(it);
+  }
+}
+
+KeptReaders::Table& KeptReaders::touch(const std::string& path) {
+  std::unique_ptr<Table>& table = tables_[path];
+  if (!table) {
+    table = std::make_unique<Table>();
+  }
+  table->seen = sample_;
+  return *table;
+}
+
+bool KeptReaders::owner(const std::string& path, Identity& identity) {
+  Table& table = touch(path);
+  const bool known = fileIds(path, {"owner"}, table.ownerSeen);
+  if (!known) {
+    table.ownerSeen.clear();
+  }
+  if (known && table.owner && table.ownerSeen == table.ownerIds) {
+    const std::string name = identity.name;
+    const std::string fullPath = identity.path;
+    identity = *table.owner;
+    identity.name = name;
+    identity.path = fullPath;
+    return true;
+  }
+  table.owner.reset();
+  return false;
+}
+
+void KeptReaders::keepOwner(const std::string& path, const Identity& identity) {
+  Table& table = touch(path);
+  if (!table.ownerSeen.empty()) {
+    table.ownerIds = table.ownerSeen;
+    table.owner = std::make_unique<Identity>(identity);
+  }
+}
+
+QueueReader* KeptReaders::queues(const std::string& path) {
+  Table& table = touch(path);
+  if (!fileIds(path, {"relay.1", "relay.2"}, table.queueSeen)) {
+    table.queueSeen.clear();
+  }
+  if (!table.queueSeen.empty() && table.queues && table.queueSeen == table.queueIds &&
+      headersValid(*table.queues, table.queueSeen)) {
+    return table.queues.get();
+  }
+  table.queues.reset();
+  return nullptr;
+}
+
+void KeptReaders::keepQueues(const std::string& path, std::unique_ptr<QueueReader> reader) {
+  Table& table = touch(path);
+  if (!table.queueSeen.empty()) {
+    table.queueIds = table.queueSeen;
+    table.queues = std::move(reader);
+  }
+}
+
+bool KeptReaders::allocator(const std::string& path, const Mem::TableFinder::Listing& listing,
+                            Quarry::AllocatorStats& stats) {
+  Table& table = touch(path);
+  std::vector<FileId> now;
+  if (!fileIds(path, allocatorFiles(listing), now)) {
+    table.allocator.reset();
+    return false;
+  }
+  if (!table.allocator || now != table.allocatorIds) {
+    // Ids taken before the files are read: a change after this is seen
+    // next time.
+    table.allocator = std::make_unique<KeptAllocator>(path);
+    table.allocatorIds = now;
+    if (!table.allocator->attach(listing)) {
+      table.allocator.reset();
+      return false;
+    }
+  }
+  stats = table.allocator->read();
+  return true;
+}
+
+void KeptReaders::forget(const std::string& path) { tables_.erase(path); }
+
+}  // namespace Stat

@@ -1,0 +1,74 @@
+// Table readers kept from one sample to the next by heron-stat's
+// long-running modes (--watch, --record): a table's queue files, allocator
+// and region files stay mapped and its owner header stays read while each
+// of those files is the one that was read, by (device, inode, size,
+// modification time) taken before it was read and compared every sample.
+// A file replaced, grown, shrunk, removed or added (a new region) makes the
+// table's readers be made again; a table no longer sampled is let go.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Mem/TableFinder.h"
+#include "Model.h"
+#include "Quarry/AllocatorStats.h"
+#include "Relay/RelayReaderGeneric.h"
+
+namespace Stat {
+
+using QueueReader = Relay::RelayReaderGeneric<Relay::RelaySlot>;
+
+// What lstat said of a file; equal only when it is the same, unchanged file.
+struct FileId {
+  unsigned long long device = 0;
+  unsigned long long inode = 0;
+  long long size = -1;
+  long long mtimeNs = 0;
+  bool operator==(const FileId& other) const {
+    return device == other.device && inode == other.inode && size == other.size && mtimeNs == other.mtimeNs;
+  }
+};
+
+class KeptReaders {
+ public:
+  KeptReaders();
+  ~KeptReaders();
+  KeptReaders(const KeptReaders&) = delete;
+  KeptReaders& operator=(const KeptReaders&) = delete;
+
+  // Around each sample: tables not touched between them are let go.
+  void beginSample();
+  void endSample();
+
+  // The owner fields of the table at `path` as read before, when its owner
+  // file is unchanged; else false, and keepOwner() may keep the new read.
+  bool owner(const std::string& path, Identity& identity);
+  void keepOwner(const std::string& path, const Identity& identity);
+
+  // The queue reader kept for the table, when both queue files are
+  // unchanged; else null, and keepQueues() may keep a new initialized one.
+  QueueReader* queues(const std::string& path);
+  void keepQueues(const std::string& path, std::unique_ptr<QueueReader> reader);
+
+  // The allocator's figures from the regions kept attached, when the
+  // allocator file and the region files of `listing` are those attached.
+  // Otherwise a new reader is made and kept when every region attaches;
+  // false when it cannot be (the caller reads the table its own way, and
+  // says why).
+  bool allocator(const std::string& path, const Mem::TableFinder::Listing& listing, Quarry::AllocatorStats& stats);
+
+  // Drops what is kept for the table (a reader failed on it).
+  void forget(const std::string& path);
+
+ private:
+  struct Table;
+  Table& touch(const std::string& path);
+
+  std::unordered_map<std::string, std::unique_ptr<Table>> tables_;
+  unsigned long long sample_ = 0;
+};
+
+}  // namespace Stat
