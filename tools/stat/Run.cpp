@@ -235,9 +235,12 @@ int serveListen(const Options& options) {
     return 2;
   }
   ScrapeRates rates;
+  // Every callback runs on the server's one sampler thread, so the scrapes
+  // and the page share the readers kept between samples.
+  KeptReaders kept;
   Endpoints endpoints;
-  endpoints.metrics = [&options, &rates]() {
-    Sample sample = collect(options.collect);
+  endpoints.metrics = [&options, &rates, &kept]() {
+    Sample sample = collect(options.collect, &kept);
     // Counters stay raw; gauges derived from two moments (seconds to
     // switch) come from the previous scrape.
     rates.derive(sample);
@@ -250,7 +253,7 @@ int serveListen(const Options& options) {
     const HealthAnswer answer = health(probe(options.collect));
     return Answer{answer.status, answer.body};
   };
-  PageSample page([&options] { return collect(options.collect); }, options.thresholds, options.interval);
+  PageSample page([&options, &kept] { return collect(options.collect, &kept); }, options.thresholds, options.interval);
   endpoints.sample = [&page] { return Answer{200, page.document(monotonicNow())}; };
   endpoints.refreshSeconds = page.refreshSeconds();
   return serve(where, endpoints, std::cout, std::cerr);
