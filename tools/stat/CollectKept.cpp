@@ -80,20 +80,6 @@ class KeptAllocator : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
     attachRegions();
     return listError().empty() && badRegions().empty();
   }
-
-  // The same figures as readStats(), from the attached regions.
-  Quarry::AllocatorStats read() const {
-    Quarry::AllocatorStats stats;
-    Quarry::RegionSnapshot copy;
-    for (const auto& entry : regions_) {
-      stats.add(Quarry::readRegionStats(*entry.second, copy, kCopyAttempts));
-    }
-    Quarry::QuarryHeader counters{};
-    stats.countersSettled = noMapReader_.copy(counters);
-    stats.allocations = counters.allocations;
-    stats.releases = counters.releases;
-    return stats;
-  }
 };
 
 }  // namespace
@@ -195,7 +181,7 @@ bool KeptReaders::allocator(const std::string& path, const Mem::TableFinder::Lis
       return false;
     }
   }
-  stats = table.allocator->read();
+  stats = table.allocator->readAttachedStats();
   return true;
 }
 

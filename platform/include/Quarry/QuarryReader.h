@@ -183,6 +183,9 @@ class QuarryScannerBase : public Reader<Scanner> {
   // When the table directory cannot be listed (listError()) no region is in
   // them.
   AllocatorStats readStats();
+  // The same figures from the regions attached now (attachRegions()), which
+  // stay attached: for a caller that keeps them between reads.
+  AllocatorStats readAttachedStats() const;
   // Totals; with `detail` or `sortByOccupancy` one row per region, sorted by
   // entry size then id, or entry size then occupancy.
   void printStats(bool detail, bool sortByOccupancy);

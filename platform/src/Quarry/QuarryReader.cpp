@@ -289,16 +289,36 @@ bool QuarryScannerBase<Scanner>::initialize() {
   return true;
 }
 
+namespace {
+
+// The allocator file's counters, as one copy.
+void addCounters(const NoMapReader& reader, AllocatorStats& stats) {
+  QuarryHeader counters{};
+  stats.countersSettled = reader.copy(counters);
+  stats.allocations = counters.allocations;
+  stats.releases = counters.releases;
+}
+
+}  // namespace
+
 template <typename Scanner>
 AllocatorStats QuarryScannerBase<Scanner>::readStats() {
   AllocatorStats stats;
   RegionSnapshot copy;
   this->visitAndReleaseRegions(
       [&stats, &copy](const RegionScanner& region) { stats.add(readRegionStats(region, copy, kCopyAttempts)); });
-  QuarryHeader counters{};
-  stats.countersSettled = this->noMapReader_.copy(counters);
-  stats.allocations = counters.allocations;
-  stats.releases = counters.releases;
+  addCounters(this->noMapReader_, stats);
+  return stats;
+}
+
+template <typename Scanner>
+AllocatorStats QuarryScannerBase<Scanner>::readAttachedStats() const {
+  AllocatorStats stats;
+  RegionSnapshot copy;
+  for (const auto& entry : this->regions_) {
+    stats.add(readRegionStats(*entry.second, copy, kCopyAttempts));
+  }
+  addCounters(this->noMapReader_, stats);
   return stats;
 }
 
