@@ -38,17 +38,20 @@ bench_init() {
   done
 }
 
-# bench_tables: HERON_ROOT=$WORK/root with 100 tables, t00 to t99; ten of
-# them (t00 to t09) have a writer at 100 notifications a second.
+# bench_tables [COUNT [WRITERS [RATE [PREFIX]]]]: HERON_ROOT=$WORK/root with
+# COUNT tables (100), PREFIX (t) and a number of as many digits as COUNT-1
+# has (t00 to t99); the first WRITERS of them (10) have a writer at RATE
+# notifications a second (100).
 bench_tables() {
-  local i
+  local count=${1:-100} writers=${2:-10} rate=${3:-100} prefix=${4:-t} i last
+  last=$((count - 1))
   export HERON_ROOT="$WORK/root"
   mkdir -p "$HERON_ROOT"
-  for i in $(seq -w 0 99); do
-    "$BIN/heron-sim" create "t$i" >/dev/null
+  for ((i = 0; i < count; i++)); do
+    "$BIN/heron-sim" create "$(printf '%s%0*d' "$prefix" "${#last}" "$i")" >/dev/null
   done
-  for i in $(seq -w 0 9); do
-    "$BIN/heron-sim" write "t0$i" --rate 100 >/dev/null 2>&1 &
+  for ((i = 0; i < writers; i++)); do
+    "$BIN/heron-sim" write "$(printf '%s%0*d' "$prefix" "${#last}" "$i")" --rate "$rate" >/dev/null 2>&1 &
     PIDS+=($!)
   done
 }

@@ -11,30 +11,12 @@
 # another heron-stat (an older build), over the same tables and writers.
 set -euo pipefail
 BUILD=${1:-build}
-BIN=$(cd "$BUILD/bin" && pwd)
 TABLES=${TABLES:-100}
 WRITERS=${WRITERS:-10}
 SECONDS_EACH=${SECONDS_EACH:-60}
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/heron-record-bench.XXXXXX")
-export HERON_ROOT=$WORK/root
-pids=()
-finish() {
-  for pid in "${pids[@]:-}"; do
-    [[ -n $pid ]] && kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$WORK"
-}
-trap finish EXIT
-mkdir -p "$HERON_ROOT"
-width=${#TABLES}
-for i in $(seq 1 "$TABLES"); do
-  "$BIN/heron-sim" create "bench/t$(printf "%0${width}d" "$i")" >/dev/null
-done
-for i in $(seq 1 "$WRITERS"); do
-  "$BIN/heron-sim" write "bench/t$(printf "%0${width}d" "$i")" --rate 1000 >/dev/null 2>&1 &
-  pids+=($!)
-done
+source "$(dirname "$0")/lib.sh"
+bench_init "$BUILD" "${TMPDIR:-/tmp}" heron-record-bench
+bench_tables "$TABLES" "$WRITERS" 1000 bench/t
 
 # measure NAME PID: CPU share and peak RSS of PID over SECONDS_EACH.
 measure() {
@@ -62,14 +44,14 @@ run_all() {
   dir=$(mktemp -d "$WORK/rec.XXXXXX")
   "$stat" --record "$dir" -i 1 ${ARGS:-} &
   local recorder=$!
-  pids+=($recorder)
+  PIDS+=($recorder)
   measure "$label --record DIR -i 1 ${ARGS:-}" "$recorder"
   kill "$recorder"
   echo "recorded: $(ls "$dir" | wc -l) file(s), $(du -sb "$dir" | cut -f1) bytes"
   if [[ -n ${WATCH:-} ]]; then
     "$stat" --watch -i 1 --json ${ARGS:-} >/dev/null &
     local watcher=$!
-    pids+=($watcher)
+    PIDS+=($watcher)
     measure "$label --watch -i 1 --json ${ARGS:-}" "$watcher"
     kill "$watcher"
   fi

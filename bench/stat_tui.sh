@@ -9,33 +9,16 @@
 # view.
 set -euo pipefail
 BUILD=${1:-build}
-BIN=$(cd "$BUILD/bin" && pwd)
 TABLES=${TABLES:-100}
 WRITERS=${WRITERS:-10}
 SECONDS_EACH=${SECONDS_EACH:-30}
 WIDTH=${WIDTH:-80}
 HEIGHT=${HEIGHT:-24}
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/heron-tui-bench.XXXXXX")
-export HERON_ROOT=$WORK/root
+source "$(dirname "$0")/lib.sh"
+bench_init "$BUILD" "${TMPDIR:-/tmp}" heron-tui-bench
 SOCKET=heron-tui-bench-$$
-pids=()
-finish() {
-  tmux -L "$SOCKET" kill-server 2>/dev/null || true
-  for pid in "${pids[@]:-}"; do
-    [[ -n $pid ]] && kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$WORK"
-}
-trap finish EXIT
-mkdir -p "$HERON_ROOT"
-for i in $(seq -w 1 "$TABLES"); do
-  "$BIN/heron-sim" create "bench/t$i" >/dev/null
-done
-for i in $(seq -w 1 "$WRITERS"); do
-  "$BIN/heron-sim" write "bench/t$(printf "%0${#TABLES}d" "$((10#$i))")" --rate 1000 >/dev/null 2>&1 &
-  pids+=($!)
-done
+trap 'tmux -L "$SOCKET" kill-server 2>/dev/null || true; bench_cleanup' EXIT
+bench_tables "$TABLES" "$WRITERS" 1000 bench/t
 tmux -L "$SOCKET" -f /dev/null new-session -d -s bench -x "$WIDTH" -y "$HEIGHT" \
   "exec env HERON_ROOT='$HERON_ROOT' '$BIN/heron-stat' --watch -i 1 ${ARGS:-} ${BLOCKS:+>/dev/null}"
 pid=$(tmux -L "$SOCKET" display -p -t bench '#{pane_pid}')
