@@ -136,14 +136,8 @@ int runCount() {
   if (const char* text = std::getenv("HERON_RANDOM_RUNS")) {
     return std::atoi(text);
   }
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(HERON_SANITIZED)
   return 500;  // every run starts a sanitized process
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-  return 500;  // clang says it this way
-#else
-  return 2500;
-#endif
 #else
   return 2500;
 #endif
