@@ -13,8 +13,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "Beacon/SharedWord.h"
 #include "Quarry/QuarryFormat.h"
@@ -108,6 +110,9 @@ bool stagePlain(CopiedFile& file) {
   return in.ok() && out.ok() && copyPlain(in.get(), out.get(), file);
 }
 
+// Tries between pauses while the generation word moves.
+constexpr unsigned kTriesBeforePause = 64;
+
 // Copies `size` bytes of `view` into `into` until the generation word at
 // `at` is even and the same before and after; the attempts it took, or 0
 // when it never was within the bound.
@@ -120,6 +125,12 @@ unsigned copyByGeneration(const HeaderView& view, std::size_t at, char* into, st
     if (before % 2 == 0 && view.load64(at) == before) {
       generation = before;
       return attempt;
+    }
+    // A writer between its two bumps of the generation may have lost its
+    // core: after each burst of tries it is given time to finish, so that
+    // the bound is not spent in microseconds on a loaded machine.
+    if (attempt % kTriesBeforePause == 0) {
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
   }
   return 0;
