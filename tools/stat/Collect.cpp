@@ -172,7 +172,12 @@ void readOwner(Table& table, KeptReaders* kept) {
   }
 }
 
-void readEmber(Table& table) {
+void readEmber(Table& table, const Mem::TableFinder::Listing* listing, const KeptReaders* kept) {
+  // No ember: no writer has started on this table yet.
+  if (kept != nullptr && listing != nullptr && kept->watched(table.identity.path) &&
+      std::find(listing->begin(), listing->end(), "ember") == listing->end()) {
+    return;
+  }
   SharedMem::EmberHeader ember{};
   const Mem::RootPath root(table.identity.path);
   const SharedMem::LoadStatus status = SharedMem::readEmber(root, ember);
@@ -314,7 +319,7 @@ bool readTable(Table& table, const Mem::TableFinder::Listing* listing, KeptReade
     if (table.identity.ownerKnown && !listedType(table.identity.type)) {
       return false;  // a plain segment or another kind of directory: not a table
     }
-    readEmber(table);
+    readEmber(table, listing, kept);
     table.readMonotonicSeconds = seconds(SharedMem::monoNs());
     readQueues(table, kept);
     readAllocator(Mem::RootPath(table.identity.path), listing, table.allocator, table.fileErrors, kept);
@@ -377,15 +382,15 @@ void addOutsideTables(const Sample& sample, const SharedMem::TableMappings& mapp
 
 Sample collect(const CollectOptions& options, KeptReaders* kept) {
   Sample sample;
-  // What this sample does not read again is let go at its end.
-  if (kept != nullptr) {
-    kept->beginSample();
-  }
   const std::uint64_t startMono = SharedMem::monoNs();
   sample.timeSeconds = seconds(SharedMem::nowNs());
   sample.monotonicSeconds = seconds(startMono);
 
   const Mem::OrbRootPath rootPath(handler(), std::string(), false);
+  // What this sample does not read again is let go at its end.
+  if (kept != nullptr) {
+    kept->beginSample(rootPath.path());
+  }
   sample.root = rootPath.path();
   sample.expr = options.expr;
   sample.rootOk = rootListable(sample.root, sample.rootError);
@@ -403,6 +408,9 @@ Sample collect(const CollectOptions& options, KeptReaders* kept) {
   // Tables are sorted by name at the end.
   TableSet set(options, kept);
   Mem::TableFinder finder(handler(), rootPath);
+  if (kept != nullptr) {
+    finder.useSource(&kept->directories());
+  }
   finder.visitOwned(options.expr.c_str(), [&](const std::string& name, const Mem::TableFinder::Listing* listing) {
     set.add(name, name.front() == '/' ? name : rootPath.fullPath(name), listing);
   });

@@ -86,6 +86,13 @@ class KeptAllocator : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
 
 struct KeptReaders::Table {
   unsigned long long seen = 0;
+  // The directory's version (WatchedDirs) this sample, and when each kept
+  // reader's files were last found as they were: equal and not 0, the
+  // files need no look.
+  std::uint64_t version = 0;
+  std::uint64_t ownerVersion = 0;
+  std::uint64_t queueVersion = 0;
+  std::uint64_t allocatorVersion = 0;
   std::vector<FileId> ownerIds;
   std::vector<FileId> ownerSeen;
   std::unique_ptr<Identity> owner;
@@ -96,10 +103,13 @@ struct KeptReaders::Table {
   std::unique_ptr<KeptAllocator> allocator;
 };
 
-KeptReaders::KeptReaders() = default;
+KeptReaders::KeptReaders() : dirs_(handler()) {}
 KeptReaders::~KeptReaders() = default;
 
-void KeptReaders::beginSample() { ++sample_; }
+void KeptReaders::beginSample(const std::string& root) {
+  ++sample_;
+  dirs_.refresh(root);
+}
 
 void KeptReaders::endSample() {
   for (auto it = tables_.begin(); it != tables_.end();) {
@@ -112,17 +122,32 @@ KeptReaders::Table& KeptReaders::touch(const std::string& path) {
   if (!table) {
     table = std::make_unique<Table>();
   }
-  table->seen = sample_;
+  if (table->seen != sample_) {
+    table->seen = sample_;
+    table->version = dirs_.version(path);
+  }
   return *table;
 }
 
+namespace {
+
+// Whether a reader kept at `kept` is vouched for by the directory's watch.
+bool unchanged(std::uint64_t kept, std::uint64_t now) { return now != 0 && kept == now; }
+
+}  // namespace
+
 bool KeptReaders::owner(const std::string& path, Identity& identity) {
   Table& table = touch(path);
-  const bool known = fileIds(path, {"owner"}, table.ownerSeen);
+  const bool same = table.owner && unchanged(table.ownerVersion, table.version);
+  const bool known = same || fileIds(path, {"owner"}, table.ownerSeen);
   if (!known) {
     table.ownerSeen.clear();
   }
+  if (same) {
+    table.ownerSeen = table.ownerIds;
+  }
   if (known && table.owner && table.ownerSeen == table.ownerIds) {
+    table.ownerVersion = table.version;
     const std::string name = identity.name;
     const std::string fullPath = identity.path;
     identity = *table.owner;
@@ -139,16 +164,20 @@ void KeptReaders::keepOwner(const std::string& path, const Identity& identity) {
   if (!table.ownerSeen.empty()) {
     table.ownerIds = table.ownerSeen;
     table.owner = std::make_unique<Identity>(identity);
+    table.ownerVersion = table.version;
   }
 }
 
 QueueReader* KeptReaders::queues(const std::string& path) {
   Table& table = touch(path);
-  if (!fileIds(path, {"relay.1", "relay.2"}, table.queueSeen)) {
+  if (table.queues && unchanged(table.queueVersion, table.version)) {
+    table.queueSeen = table.queueIds;
+  } else if (!fileIds(path, {"relay.1", "relay.2"}, table.queueSeen)) {
     table.queueSeen.clear();
   }
   if (!table.queueSeen.empty() && table.queues && table.queueSeen == table.queueIds &&
       headersValid(*table.queues, table.queueSeen)) {
+    table.queueVersion = table.version;
     return table.queues.get();
   }
   table.queues.reset();
@@ -160,12 +189,17 @@ void KeptReaders::keepQueues(const std::string& path, std::unique_ptr<QueueReade
   if (!table.queueSeen.empty()) {
     table.queueIds = table.queueSeen;
     table.queues = std::move(reader);
+    table.queueVersion = table.version;
   }
 }
 
 bool KeptReaders::allocator(const std::string& path, const Mem::TableFinder::Listing& listing,
                             Quarry::AllocatorStats& stats) {
   Table& table = touch(path);
+  if (table.allocator && unchanged(table.allocatorVersion, table.version)) {
+    stats = table.allocator->readAttachedStats();
+    return true;
+  }
   std::vector<FileId> now;
   if (!fileIds(path, allocatorFiles(listing), now)) {
     table.allocator.reset();
@@ -181,6 +215,7 @@ bool KeptReaders::allocator(const std::string& path, const Mem::TableFinder::Lis
       return false;
     }
   }
+  table.allocatorVersion = table.version;
   stats = table.allocator->readAttachedStats();
   return true;
 }

@@ -4,7 +4,9 @@
 // of those files is the one that was read, by (device, inode, size,
 // modification time) taken before it was read and compared every sample.
 // A file replaced, grown, shrunk, removed or added (a new region) makes the
-// table's readers be made again; a table no longer sampled is let go.
+// table's readers be made again; a table no longer sampled is let go. While
+// a watch on the table's directory vouches that nothing in it changed
+// (WatchedDirs), the files are not looked at at all.
 #pragma once
 
 #include <memory>
@@ -16,6 +18,7 @@
 #include "Model.h"
 #include "Quarry/AllocatorStats.h"
 #include "Relay/RelayReaderGeneric.h"
+#include "WatchedDirs.h"
 
 namespace Stat {
 
@@ -40,8 +43,16 @@ class KeptReaders {
   KeptReaders& operator=(const KeptReaders&) = delete;
 
   // Around each sample: tables not touched between them are let go.
-  void beginSample();
+  // `root`: the collection root of the sample.
+  void beginSample(const std::string& root);
   void endSample();
+
+  // The directories as last read, for the sample's walk of the root.
+  Mem::TableFinder::DirectorySource& directories() { return dirs_; }
+
+  // Whether a watch vouches that the directory `path` is as this sample's
+  // walk listed it: a file the listing lacks is not there.
+  bool watched(const std::string& path) const { return dirs_.version(path) != 0; }
 
   // The owner fields of the table at `path` as read before, when its owner
   // file is unchanged; else false, and keepOwner() may keep the new read.
@@ -67,6 +78,7 @@ class KeptReaders {
   struct Table;
   Table& touch(const std::string& path);
 
+  WatchedDirs dirs_;
   std::unordered_map<std::string, std::unique_ptr<Table>> tables_;
   unsigned long long sample_ = 0;
 };

@@ -38,6 +38,30 @@ class TableFinder {
   // left out), or null when it could not list the directory (or did not:
   // a table named by an absolute path outside the root).
   using Listing = std::vector<std::string>;
+
+  // What the walk needs of one directory.
+  struct Directory {
+    bool listed = false;                // false: it could not be listed
+    Listing entries;                    // its names, in directory order
+    std::vector<std::string> children;  // the subdirectories among them (symlinks are not)
+  };
+  // Reads `path` as the walk does by default.
+  static void readDirectory(Beacon::Platform::DebugHandler& handler, const std::string& path, Directory& out);
+
+  // Where the walk of the *Owned() calls takes each directory from. The
+  // default reads it every time; a long-running caller may answer from an
+  // earlier read while it knows the directory unchanged. The source must
+  // outlive the calls that use it; null restores the default.
+  class DirectorySource {
+   public:
+    virtual ~DirectorySource() = default;
+    virtual Directory read(const std::string& path) = 0;
+    // Whether `dir` holds a regular file named `owner`.
+    virtual bool owned(const std::string& dir) = 0;
+  };
+  void useSource(DirectorySource* source) { source_ = source; }
+  // Whether `dir` holds a regular file named `owner` (lstat, not followed).
+  static bool holdsOwnerFile(const std::string& dir);
   // Called for each match, with its listing.
   using Visitor = std::function<void(const std::string& name, const Listing* entries)>;
   // Calls `visit` for every table of `kind` that matches `expr`, in the
@@ -69,6 +93,7 @@ class TableFinder {
   RootPath root_;
   std::vector<std::string> matches_;
   bool anyOwner_ = false;
+  DirectorySource* source_ = nullptr;
 };
 
 }  // namespace Mem

@@ -24,47 +24,57 @@ bool isTableOfKind(Beacon::Platform::DebugHandler& handler, const std::string& d
 TableFinder::TableFinder(Beacon::Platform::DebugHandler& handler, const RootPath& root)
     : handler_(handler), root_(root) {}
 
+void TableFinder::readDirectory(Beacon::Platform::DebugHandler& handler, const std::string& path, Directory& out) {
+  out = Directory();
+  Beacon::DirNode node(handler, path);
+  if (!node.isOpen()) {
+    return;
+  }
+  out.listed = true;
+  while (const struct dirent* entry = node.readEntry()) {
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
+      continue;
+    }
+    out.entries.emplace_back(entry->d_name);
+    // The entry's own type where the file system gives it (a symlink is
+    // DT_LNK, so a symlinked directory is not followed); lstat otherwise.
+    if (entry->d_type != DT_DIR) {
+      if (entry->d_type != DT_UNKNOWN) {
+        continue;
+      }
+      const std::string child = path + "/" + entry->d_name;
+      struct stat st {};
+      if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        continue;
+      }
+    }
+    out.children.emplace_back(entry->d_name);
+  }
+}
+
+bool TableFinder::holdsOwnerFile(const std::string& dir) {
+  struct stat st {};
+  return ::lstat((dir + "/owner").c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 void TableFinder::walk(const std::string& dir, const std::string& relative, SharedMem::SharedMemType kind,
                        const Visitor& found) const {
   // No depth limit: symlinked directories are not followed, so the walk
   // cannot cycle, and a path past the system's limit fails to open, which
   // ends that branch. The directory is closed before the walk goes down, so
   // deep trees do not hold one descriptor per level.
-  Listing entries;
-  std::vector<std::string> children;
-  bool listed = false;
-  {
-    Beacon::DirNode node(handler_, dir);
-    if (node.isOpen()) {
-      listed = true;
-      while (const struct dirent* entry = node.readEntry()) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
-          continue;
-        }
-        entries.emplace_back(entry->d_name);
-        // The entry's own type where the file system gives it (a symlink
-        // is DT_LNK, so a symlinked directory is not followed); lstat
-        // otherwise.
-        if (entry->d_type != DT_DIR) {
-          if (entry->d_type != DT_UNKNOWN) {
-            continue;
-          }
-          const std::string child = dir + "/" + entry->d_name;
-          struct stat st {};
-          if (::lstat(child.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-            continue;
-          }
-        }
-        children.emplace_back(entry->d_name);
-      }
-    }
+  Directory read;
+  if (source_ != nullptr && anyOwner_) {
+    read = source_->read(dir);
+  } else {
+    readDirectory(handler_, dir, read);
   }
   // A table whose directory cannot be listed (searchable, not readable) is
   // still a table: its readers say why they cannot list it.
   if (!relative.empty() && accepts(dir, kind)) {
-    found(relative, listed ? &entries : nullptr);
+    found(relative, read.listed ? &read.entries : nullptr);
   }
-  for (const std::string& name : children) {
+  for (const std::string& name : read.children) {
     walk(dir + "/" + name, relative.empty() ? name : relative + "/" + name, kind, found);
   }
 }
@@ -73,8 +83,7 @@ bool TableFinder::accepts(const std::string& dir, SharedMem::SharedMemType kind)
   if (!anyOwner_) {
     return isTableOfKind(handler_, dir, kind);
   }
-  struct stat st {};
-  return ::lstat((dir + "/owner").c_str(), &st) == 0 && S_ISREG(st.st_mode);
+  return source_ != nullptr ? source_->owned(dir) : holdsOwnerFile(dir);
 }
 
 void TableFinder::find(const char* expr, SharedMem::SharedMemType kind) {

@@ -1,0 +1,134 @@
+#include "WatchedDirs.h"
+
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Stat {
+
+namespace {
+
+// Entries added, removed, renamed, written, truncated or changed in mode or
+// owner; the directory itself moved or removed. Writes through a mapping
+// make no event and need none: the kept mappings see them.
+constexpr std::uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_ATTRIB |
+                                IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
+
+}  // namespace
+
+WatchedDirs::WatchedDirs(Beacon::Platform::DebugHandler& handler)
+    : handler_(handler), fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+
+WatchedDirs::~WatchedDirs() {
+  if (fd_ >= 0) {
+    ::close(fd_);
+  }
+}
+
+void WatchedDirs::refresh(const std::string& root) {
+  if (fd_ < 0) {
+    return;
+  }
+  takeEvents();
+  // The root's path may now lead elsewhere (renamed, replaced, a symlink
+  // repointed): no event says so.
+  struct stat st {};
+  const bool found = ::stat(root.c_str(), &st) == 0;
+  const auto device = found ? static_cast<unsigned long long>(st.st_dev) : 0ULL;
+  const auto inode = found ? static_cast<unsigned long long>(st.st_ino) : 0ULL;
+  if (device != rootDevice_ || inode != rootInode_) {
+    forgetAll();
+    rootDevice_ = device;
+    rootInode_ = inode;
+  }
+}
+
+void WatchedDirs::takeEvents() {
+  alignas(struct inotify_event) char buffer[16 * 1024];
+  for (;;) {
+    const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      return;  // EAGAIN: nothing more
+    }
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(struct inotify_event)) <= n;) {
+      struct inotify_event event {};
+      std::memcpy(&event, buffer + at, sizeof event);
+      const char* name = buffer + at + sizeof event;
+      at += static_cast<ssize_t>(sizeof event + event.len);
+      if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        forgetAll();
+        continue;
+      }
+      auto path = paths_.find(event.wd);
+      if (path == paths_.end()) {
+        continue;
+      }
+      const std::string dir = path->second;
+      if ((event.mask & (IN_IGNORED | IN_MOVE_SELF | IN_DELETE_SELF)) != 0) {
+        forgetTree(dir);
+        if ((event.mask & IN_MOVE_SELF) != 0) {
+          ::inotify_rm_watch(fd_, event.wd);  // it now lives elsewhere
+        }
+        paths_.erase(event.wd);
+        continue;
+      }
+      forget(dir);
+      if ((event.mask & IN_ISDIR) != 0 && event.len != 0) {
+        forgetTree(dir + "/" + std::string(name, ::strnlen(name, event.len)));
+      }
+    }
+  }
+}
+
+void WatchedDirs::forget(const std::string& path) { dirs_.erase(path); }
+
+void WatchedDirs::forgetTree(const std::string& path) {
+  const std::string below = path + "/";
+  for (auto it = dirs_.begin(); it != dirs_.end();) {
+    const bool inside = it->first == path || it->first.compare(0, below.size(), below) == 0;
+    it = inside ? dirs_.erase(it) : std::next(it);
+  }
+}
+
+void WatchedDirs::forgetAll() { dirs_.clear(); }
+
+Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
+  auto kept = dirs_.find(path);
+  if (kept != dirs_.end()) {
+    return kept->second.directory;
+  }
+  Entry entry;
+  entry.wd = fd_ >= 0 ? ::inotify_add_watch(fd_, path.c_str(), kMask) : -1;
+  // Read after the watch is in place: a change from now on is an event.
+  Mem::TableFinder::readDirectory(handler_, path, entry.directory);
+  entry.owned = Mem::TableFinder::holdsOwnerFile(path);
+  ++reads_;
+  if (entry.wd < 0) {
+    return entry.directory;
+  }
+  auto previous = paths_.find(entry.wd);
+  if (previous != paths_.end() && previous->second != path) {
+    forgetTree(previous->second);  // the same directory under its new name
+  }
+  paths_[entry.wd] = path;
+  entry.version = nextVersion_++;
+  return dirs_.emplace(path, std::move(entry)).first->second.directory;
+}
+
+bool WatchedDirs::owned(const std::string& dir) {
+  auto kept = dirs_.find(dir);
+  return kept != dirs_.end() ? kept->second.owned : Mem::TableFinder::holdsOwnerFile(dir);
+}
+
+std::uint64_t WatchedDirs::version(const std::string& dir) const {
+  auto kept = dirs_.find(dir);
+  return kept != dirs_.end() ? kept->second.version : 0;
+}
+
+}  // namespace Stat
