@@ -3,7 +3,8 @@
 # an unchanged table's files are not opened again, while a table replaced
 # under the same name (other queue capacity, other regions) or removed shows
 # as it is now from the next samples on, a queue header damaged in place is
-# noticed, and a kept sample says what a fresh one says of the same files.
+# noticed, a kept sample says what a fresh one says of the same files, and
+# the kept files are mapped no further than what is read of them.
 source "$(dirname "$0")/sim_lib/common.sh"
 STAT=$BIN/heron-stat
 command -v strace >/dev/null || fail "strace is not installed (scripts/install-deps.sh installs it)"
@@ -18,6 +19,20 @@ STARTED+=("$STAT_PID")
 samples() { wc -l <"$OUT"; }
 at_least() { (($(samples) >= $1)); }
 wait_until 30 at_least 2 || fail "no samples: $(cat "$WORK/stat.err")"
+
+# The kept readers map each table file's header (a region's with its
+# bitmap) and no more: one page each here, where a whole region.1 is two.
+root=$(realpath "$HERON_ROOT")
+page=$(getconf PAGESIZE)
+mapped=0
+while read -r range _ _ _ _ file; do
+  [[ $file == "$root"/*/relay.[12] || $file == "$root"/*/quarry || $file == "$root"/*/region.* ]] || continue
+  length=$((16#${range#*-} - 16#${range%-*}))
+  ((length == page)) || fail "$file is mapped $length bytes: $(grep -F "$root" "/proc/$STAT_PID/maps")"
+  mapped=$((mapped + 1))
+done <"/proc/$STAT_PID/maps"
+# Queues and allocator of each table, a region each of md/a and md/b at least.
+((mapped >= 11)) || fail "$mapped table files mapped, not 11 or more: $(grep -F "$root" "/proc/$STAT_PID/maps")"
 
 # From now on every open of the sampler is traced.
 strace -f -qq -e trace=openat -p "$STAT_PID" -o "$WORK/trace" 2>"$WORK/strace.err" &

@@ -234,7 +234,8 @@ void readQueues(Table& table, KeptReaders* kept) {
     return;
   }
   const Mem::RootPath root(table.identity.path);
-  auto relay = std::make_unique<QueueReader>(handler(), root, false);
+  std::unique_ptr<QueueReader> relay = kept != nullptr ? KeptReaders::newQueues(table.identity.path)
+                                                       : std::make_unique<QueueReader>(handler(), root, false);
   // The reader's complaint becomes the table's reason instead of reaching
   // the terminal.
   relay->reportErrorsTo(nullptr);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "Beacon/Platform.h"
+#include "Mem/MapExtent.h"
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryReader.h"
 #include "Quarry/Region.h"
@@ -62,11 +63,15 @@ std::vector<std::string> allocatorFiles(const Mem::TableFinder::Listing& listing
   return names;
 }
 
-// An allocator reader whose regions stay attached between reads.
+// An allocator reader whose regions stay attached between reads. Only
+// their headers and bitmaps are mapped: a whole region kept mapped would
+// keep up to sixteen of its pages resident, which the kernel maps around
+// the header when it is read.
 class KeptAllocator : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
  public:
   explicit KeptAllocator(const std::string& path)
-      : Quarry::QuarryScannerBase<Quarry::NoMapScanner>(handler(), Mem::RootPath(path), std::string()) {
+      : Quarry::QuarryScannerBase<Quarry::NoMapScanner>(handler(), Mem::RootPath(path), std::string(),
+                                                        Mem::MapExtent::Header) {
     // Files that change are noticed by their ids, not by a watch.
     watchDeletions(false);
   }
@@ -168,7 +173,7 @@ void KeptReaders::keepOwner(const std::string& path, const Identity& identity) {
   }
 }
 
-QueueReader* KeptReaders::queues(const std::string& path) {
+const QueueReader* KeptReaders::queues(const std::string& path) {
   Table& table = touch(path);
   if (table.queues && unchanged(table.queueVersion, table.version)) {
     table.queueSeen = table.queueIds;
@@ -182,6 +187,12 @@ QueueReader* KeptReaders::queues(const std::string& path) {
   }
   table.queues.reset();
   return nullptr;
+}
+
+std::unique_ptr<QueueReader> KeptReaders::newQueues(const std::string& path) {
+  // A page a file: the slots would cost up to sixteen pages each, mapped
+  // around the header by the kernel, for as long as the reader is kept.
+  return std::make_unique<QueueReader>(handler(), Mem::RootPath(path), false, Mem::MapExtent::Header);
 }
 
 void KeptReaders::keepQueues(const std::string& path, std::unique_ptr<QueueReader> reader) {

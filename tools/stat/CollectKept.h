@@ -1,12 +1,13 @@
 // Table readers kept from one sample to the next by heron-stat's
 // long-running modes (--watch, --record): a table's queue files, allocator
-// and region files stay mapped and its owner header stays read while each
-// of those files is the one that was read, by (device, inode, size,
-// modification time) taken before it was read and compared every sample.
-// A file replaced, grown, shrunk, removed or added (a new region) makes the
-// table's readers be made again; a table no longer sampled is let go. While
-// a watch on the table's directory vouches that nothing in it changed
-// (WatchedDirs), the files are not looked at at all.
+// and region files stay mapped (no further than the headers and the
+// regions' bitmaps, all that is read of them) and its owner header stays
+// read while each of those files is the one that was read, by (device,
+// inode, size, modification time) taken before it was read and compared
+// every sample. A file replaced, grown, shrunk, removed or added (a new
+// region) makes the table's readers be made again; a table no longer
+// sampled is let go. While a watch on the table's directory vouches that
+// nothing in it changed (WatchedDirs), the files are not looked at at all.
 #pragma once
 
 #include <memory>
@@ -60,8 +61,11 @@ class KeptReaders {
   void keepOwner(const std::string& path, const Identity& identity);
 
   // The queue reader kept for the table, when both queue files are
-  // unchanged; else null, and keepQueues() may keep a new initialized one.
-  QueueReader* queues(const std::string& path);
+  // unchanged; else null, and keepQueues() may keep a new initialized one,
+  // made by newQueues(): it maps the queue headers only, all the figures
+  // read of it.
+  const QueueReader* queues(const std::string& path);
+  static std::unique_ptr<QueueReader> newQueues(const std::string& path);
   void keepQueues(const std::string& path, std::unique_ptr<QueueReader> reader);
 
   // The allocator's figures from the regions kept attached, when the

@@ -26,6 +26,7 @@
 #include "Beacon/Debuggable.h"
 #include "Beacon/MappingGuard.h"
 #include "Mem/Inotify.h"
+#include "Mem/MapExtent.h"
 #include "Mem/RootPath.h"
 #include "Quarry/AllocatorStats.h"
 #include "Quarry/QuarryFormat.h"
@@ -79,7 +80,11 @@ struct BadRegion {
 template <typename Scanner>
 class Reader : public Mem::InotifyMgr::Watcher {
  public:
-  Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& name);
+  // `regions`: how much of each region file is mapped. MapExtent::Header
+  // maps header and bitmap only, enough for the figures (readStats,
+  // readAttachedStats) and nothing that prints an entry.
+  Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& name,
+         Mem::MapExtent regions = Mem::MapExtent::Whole);
   ~Reader() override;
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
@@ -155,6 +160,7 @@ class Reader : public Mem::InotifyMgr::Watcher {
   std::string listError_;
   bool watchDeletions_ = true;
   const std::vector<std::string>* listing_ = nullptr;
+  Mem::MapExtent regionExtent_;
 };
 
 template <typename Scanner>
@@ -163,7 +169,9 @@ class QuarryScannerBase : public Reader<Scanner> {
   // Output goes to the file `outputFile`, appended to (the caller may have
   // written the first part of the same report into it), or to standard
   // output when it is empty; unless writeTo() names a stream.
-  QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& outputFile);
+  // `regions` as for Reader.
+  QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string& outputFile,
+                    Mem::MapExtent regions = Mem::MapExtent::Whole);
   ~QuarryScannerBase() override;
 
   // printStats and scanRegions write to `out` from now on, and nothing else

@@ -1,5 +1,6 @@
 // One attached region file, mapped read-only at the size the file had when
-// it was attached (region files never shrink).
+// it was attached (region files never shrink), or only its header and
+// bitmap.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +10,7 @@
 
 #include "Beacon/MappingGuard.h"
 #include "Beacon/SharedWord.h"
+#include "Mem/MapExtent.h"
 #include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
@@ -22,8 +24,11 @@ class RegionReader {
   RegionReader& operator=(const RegionReader&) = delete;
 
   // Opens `path` O_RDONLY, checks its size against what the header claims
-  // and maps it. False with `error` set (one line) when it is unusable.
-  bool attach(const std::string& path, std::uint32_t expectedId, std::string& error);
+  // and maps it: the whole file, or with MapExtent::Header the header and
+  // bitmap only, [0, dataOffset). False with `error` set (one line) when it
+  // is unusable.
+  bool attach(const std::string& path, std::uint32_t expectedId, std::string& error,
+              Mem::MapExtent extent = Mem::MapExtent::Whole);
 
   // The header as copied and validated at attach. Its fixed fields (id, unit
   // size and count, page size, offsets) bound every later read of the
@@ -33,6 +38,11 @@ class RegionReader {
   // The writer's current used count, one relaxed load from the mapping.
   std::uint32_t usedUnits() const { return Beacon::Shared::load32Relaxed(&live(), offsetof(RegionHeader, usedUnits)); }
   std::size_t mappedSize() const { return size_; }
+  // Whether the mapping holds every unit's bytes (not when only the header
+  // and bitmap are mapped).
+  bool unitsMapped() const {
+    return size_ >= header_.dataOffset + static_cast<std::uint64_t>(header_.unitCount) * header_.unitSize;
+  }
 
  protected:
   // The header in the shared mapping: only its changing fields are read.
@@ -43,6 +53,11 @@ class RegionReader {
   RegionHeader header_{};
 
  private:
+  bool mapWhole(int fd, unsigned long long fileSize, std::uint32_t expectedId, std::string& error);
+  bool mapHeaderAndBitmap(int fd, unsigned long long fileSize, std::uint32_t expectedId, std::string& error);
+  bool map(int fd, std::size_t length, std::string& error);
+  void unmap();
+
   Beacon::MappingGuard::Range guard_;
 };
 
@@ -68,7 +83,8 @@ class RegionScanner : public RegionReader {
   // used unit), retrying up to `attempts` times while the writer changes the
   // region. `consistent` is false when no attempt succeeded; the last copy
   // is kept. With `everyUnit` the previews cover every unit, free ones too
-  // (what a released entry left in memory).
+  // (what a released entry left in memory). Previews need the units mapped
+  // (unitsMapped()): asking them of a header-only mapping is fatal.
   void snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts, bool everyUnit = false) const;
   // Pages of the unit area that no used unit touches.
   std::uint32_t numFreePages() const;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Mem/MapExtent.h"
 #include "Relay/RelayTable.h"
 
 namespace Relay {
@@ -26,7 +27,10 @@ class RelayReaderGeneric : public RelayTable<Slot> {
   using Notification = typename Base::Notification;
   using RelayTableId = typename Base::RelayTableId;
 
-  RelayReaderGeneric(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool writer);
+  // `extent`: MapExtent::Header maps each file's header only, never its
+  // slots: header() works, takeSnapshot() and scan() are fatal.
+  RelayReaderGeneric(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, bool writer,
+                     Mem::MapExtent extent = Mem::MapExtent::Whole);
   ~RelayReaderGeneric() override = default;
 
   bool initialize();
@@ -76,6 +80,7 @@ class RelayReaderGeneric : public RelayTable<Slot> {
   Mem::VersionedRef<unsigned> cachedNotifications_[2] = {{0xFFFFFFFFU, 0}, {0xFFFFFFFFU, 0}};
   std::string lastError_;
   std::ostream* errors_ = &std::cerr;
+  Mem::MapExtent extent_;
 };
 
 }  // namespace Relay

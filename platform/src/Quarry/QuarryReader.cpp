@@ -78,8 +78,9 @@ bool NoMapReader::copy(QuarryHeader& out) const {
 // --------------------------------------------------------------------- Reader
 
 template <typename Scanner>
-Reader<Scanner>::Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string&)
-    : Mem::InotifyMgr::Watcher(handler), root_(root), regionRoot_(root) {
+Reader<Scanner>::Reader(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root, const std::string&,
+                        Mem::MapExtent regions)
+    : Mem::InotifyMgr::Watcher(handler), root_(root), regionRoot_(root), regionExtent_(regions) {
   // The default callback names the constructor that installed it: inside
   // the lambda __func__ would only say "operator()".
   const char* function = __func__;
@@ -141,7 +142,8 @@ template <typename Scanner>
 std::unique_ptr<RegionScanner> Reader<Scanner>::openRegion(std::uint32_t regionId) {
   auto region = std::make_unique<RegionScanner>();
   std::string error;
-  if (!region->attach(regionRoot_.fullPath(kRegionFilePrefix + std::to_string(regionId)), regionId, error)) {
+  if (!region->attach(regionRoot_.fullPath(kRegionFilePrefix + std::to_string(regionId)), regionId, error,
+                      regionExtent_)) {
     if (error != std::strerror(ENOENT)) {  // deleted since the directory was read
       badRegions_.push_back(BadRegion{regionId, error});
       ++counters_.badRegions;
@@ -268,8 +270,8 @@ void Reader<Scanner>::visitAndReleaseRegions(const std::function<void(const Regi
 
 template <typename Scanner>
 QuarryScannerBase<Scanner>::QuarryScannerBase(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root,
-                                              const std::string& outputFile)
-    : Reader<Scanner>(handler, root, outputFile), outputFile_(outputFile) {}
+                                              const std::string& outputFile, Mem::MapExtent regions)
+    : Reader<Scanner>(handler, root, outputFile, regions), outputFile_(outputFile) {}
 
 template <typename Scanner>
 QuarryScannerBase<Scanner>::~QuarryScannerBase() = default;

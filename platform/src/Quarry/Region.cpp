@@ -12,68 +12,111 @@
 
 #include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 #include "Beacon/Util.h"
 #include "Quarry/Offset.h"
 
 namespace Quarry {
 
-RegionReader::~RegionReader() {
-  if (base_ != nullptr) {
-    guard_.reset();
-    ::munmap(const_cast<unsigned char*>(base_), size_);
+namespace {
+
+// Why `h` does not describe region `expectedId` in a file of `fileSize`
+// bytes, or "" when it does. A header that passes puts its bitmap inside
+// [0, dataOffset) and its units inside the file.
+std::string layoutTrouble(const RegionHeader& h, std::uint32_t expectedId, unsigned long long fileSize) {
+  RegionLayout layout;
+  if (h.magic != RegionHeader::kMagic || h.version != RegionHeader::kVersion) {
+    return "bad magic or version";
   }
+  if (h.regionId != expectedId) {
+    return "header names region " + std::to_string(h.regionId);
+  }
+  if (h.bitmapOffset != RegionHeader::kBitmapOffset || h.unitCount > Offset::kMaxUnitIndex ||
+      !regionLayout(h.unitCount, h.unitSize, h.pageSize, layout) || h.dataOffset != layout.dataOffset) {
+    return "inconsistent layout";
+  }
+  if (layout.fileSize > fileSize) {
+    return "file is " + std::to_string(fileSize) + " bytes, header claims " + std::to_string(layout.fileSize);
+  }
+  return std::string();
 }
 
-bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std::string& error) {
+}  // namespace
+
+RegionReader::~RegionReader() { unmap(); }
+
+bool RegionReader::attach(const std::string& path, std::uint32_t expectedId, std::string& error,
+                          Mem::MapExtent extent) {
   struct stat st {};
-  int fd = Beacon::Util::openRegularFile(path, error, &st);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(Beacon::Util::openRegularFile(path, error, &st));
+  if (!fd.valid()) {
     return false;
   }
   const auto fileSize = static_cast<unsigned long long>(st.st_size);
   if (fileSize < sizeof(RegionHeader)) {
     error = "file is " + std::to_string(fileSize) + " bytes, shorter than a region header";
-    ::close(fd);
     return false;
   }
   if (fileSize > SIZE_MAX) {
     error = "file too large to map";
-    ::close(fd);
     return false;
   }
-  void* base = ::mmap(nullptr, static_cast<std::size_t>(fileSize), PROT_READ, MAP_SHARED, fd, 0);
-  ::close(fd);
+  return extent == Mem::MapExtent::Header ? mapHeaderAndBitmap(fd.get(), fileSize, expectedId, error)
+                                          : mapWhole(fd.get(), fileSize, expectedId, error);
+}
+
+bool RegionReader::mapWhole(int fd, unsigned long long fileSize, std::uint32_t expectedId, std::string& error) {
+  if (!map(fd, static_cast<std::size_t>(fileSize), error)) {
+    return false;
+  }
+  // The fixed fields never change once the file is in place; they are
+  // copied and checked once here, and only the copy is used afterwards, so
+  // later reads stay inside the mapping.
+  std::memcpy(&header_, base_, sizeof header_);
+  error = layoutTrouble(header_, expectedId, fileSize);
+  if (!error.empty()) {
+    unmap();
+    return false;
+  }
+  return true;
+}
+
+bool RegionReader::mapHeaderAndBitmap(int fd, unsigned long long fileSize, std::uint32_t expectedId,
+                                      std::string& error) {
+  // The mapping's length comes from the header, so the header is read
+  // first; as above, that copy is checked once and the only one used.
+  const ssize_t got = ::pread(fd, &header_, sizeof header_, 0);
+  if (got != static_cast<ssize_t>(sizeof header_)) {
+    error = got < 0 ? std::string("read: ") + std::strerror(errno) : std::string("shorter than a region header");
+    return false;
+  }
+  error = layoutTrouble(header_, expectedId, fileSize);
+  // dataOffset is a 32-bit field, at least the 64-byte header (the layout
+  // rounds header and bitmap up to a page) and at most the layout's file
+  // size, which the file holds: the mapping ends inside the file, after the
+  // bitmap, and nothing is added that could overflow.
+  return error.empty() && map(fd, header_.dataOffset, error);
+}
+
+bool RegionReader::map(int fd, std::size_t length, std::string& error) {
+  void* base = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) {
     error = std::string("mmap: ") + std::strerror(errno);
     return false;
   }
   base_ = static_cast<const unsigned char*>(base);
-  size_ = static_cast<std::size_t>(fileSize);
+  size_ = length;
   guard_ = Beacon::MappingGuard::Range(base_, size_);
+  return true;
+}
 
-  // The fixed fields never change once the file is in place; they are
-  // copied and checked once here, and only the copy is used afterwards, so
-  // later reads stay inside the mapping.
-  std::memcpy(&header_, base_, sizeof header_);
-  const RegionHeader& h = header_;
-  RegionLayout layout;
-  if (h.magic != RegionHeader::kMagic || h.version != RegionHeader::kVersion) {
-    error = "bad magic or version";
-  } else if (h.regionId != expectedId) {
-    error = "header names region " + std::to_string(h.regionId);
-  } else if (h.bitmapOffset != RegionHeader::kBitmapOffset || h.unitCount > Offset::kMaxUnitIndex ||
-             !regionLayout(h.unitCount, h.unitSize, h.pageSize, layout) || h.dataOffset != layout.dataOffset) {
-    error = "inconsistent layout";
-  } else if (layout.fileSize > fileSize) {
-    error = "file is " + std::to_string(fileSize) + " bytes, header claims " + std::to_string(layout.fileSize);
-  } else {
-    return true;
+void RegionReader::unmap() {
+  if (base_ != nullptr) {
+    guard_.reset();
+    ::munmap(const_cast<unsigned char*>(base_), size_);
+    base_ = nullptr;
+    size_ = 0;
   }
-  guard_.reset();
-  ::munmap(const_cast<unsigned char*>(base_), size_);
-  base_ = nullptr;
-  size_ = 0;
-  return false;
 }
 
 void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigned attempts, bool everyUnit) const {
@@ -88,6 +131,8 @@ void RegionScanner::snapshot(RegionSnapshot& out, unsigned previewBytes, unsigne
   out.consistent = false;
   out.attempts = 0;
   out.bitmap.resize(bitmapBytes);
+  Beacon::fmassert(preview == 0 || unitsMapped(), __FILE__, __func__, __LINE__, "RegionScanner",
+                   "region {}: previews asked of a mapping of its header and bitmap only", h.regionId);
   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
     out.attempts = attempt + 1;
     const std::uint64_t before = Beacon::Shared::load64(&shared, offsetof(RegionHeader, generation));

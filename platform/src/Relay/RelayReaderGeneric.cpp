@@ -118,8 +118,8 @@ std::size_t putPosition(char* out, std::uint32_t index) {
 
 template <typename Slot>
 RelayReaderGeneric<Slot>::RelayReaderGeneric(Beacon::Platform::DebugHandler& handler, const Mem::RootPath& root,
-                                             bool writer)
-    : RelayTable<Slot>(handler, root, writer) {}
+                                             bool writer, Mem::MapExtent extent)
+    : RelayTable<Slot>(handler, root, writer), extent_(extent) {}
 
 template <typename Slot>
 bool RelayReaderGeneric<Slot>::initialize() {
@@ -179,6 +179,9 @@ void RelayReaderGeneric<Slot>::resizeRelay(RelayTableId id) {
     return;
   }
   cachedNotifications_[id] = live;
+  if (extent_ == Mem::MapExtent::Header) {
+    return;  // the slots are never mapped: no mapping follows the capacity
+  }
   Mem::Tracked<Mem::SharedMemWrapper>& file = this->files_[id];
   const std::size_t need = Header::fileSize(live.value);
   // Table files never shrink: a size seen before that holds the mapping
@@ -280,6 +283,8 @@ unsigned RelayReaderGeneric<Slot>::takeSnapshot(std::vector<Notification> (&snap
 template <typename Slot>
 unsigned RelayReaderGeneric<Slot>::attempt(std::vector<Notification> (&snapshot)[2], bool activeOnly,
                                            std::ostringstream* report) {
+  Beacon::fmassert(extent_ == Mem::MapExtent::Whole, __FILE__, __func__, __LINE__, kClass,
+                   "slots of {} asked of a reader that maps the queue headers only", this->name_);
   unsigned restarts = 0;
   for (;;) {
     if (report != nullptr) {

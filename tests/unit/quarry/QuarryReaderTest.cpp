@@ -9,6 +9,7 @@
 #include "Quarry/QuarryReader.h"
 #include "Quarry/Region.h"
 #include "QuarryFixture.h"
+#include "support/Mappings.h"
 
 using Scanner = Quarry::QuarryScannerBase<Quarry::NoMapScanner>;
 
@@ -283,4 +284,39 @@ TEST_F(QuarryReaderTest, VisitAndReleaseListsAShortRegionFileAsBad) {
   EXPECT_EQ(seen, std::vector<std::uint32_t>{good});
   ASSERT_EQ(scanner.badRegions().size(), 1U);
   EXPECT_EQ(scanner.badRegions()[0].id, cut);
+}
+
+// A scanner told to map region headers only keeps each region mapped up to
+// its data offset (one page here, of regions of two to nine pages) and
+// reads the same figures as one that maps them whole.
+TEST_F(QuarryReaderTest, HeaderExtentRegionsAreMappedToTheirDataAndCountedAlike) {
+  const std::uint32_t small = region(64, 64);
+  const std::uint32_t large = region(4096, 8);
+  fill(small, 10);
+  fill(large, 3);
+  writer_.reset();  // its mappings would be listed too
+  Scanner whole(handler_, root_, "");
+  Scanner header(handler_, root_, "", Mem::MapExtent::Header);
+  ASSERT_TRUE(whole.initialize());
+  ASSERT_TRUE(header.initialize());
+  whole.attachRegions();
+  header.attachRegions();
+  ASSERT_EQ(header.attachedRegions(), 2U);
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  for (const std::uint32_t id : {small, large}) {
+    // The whole scanner's mapping, then the header scanner's.
+    const std::vector<std::size_t> lengths = HeronTest::mappingLengths(root_.fullPath("region." + std::to_string(id)));
+    ASSERT_EQ(lengths.size(), 2U) << id;
+    EXPECT_EQ(std::min(lengths[0], lengths[1]), page) << id;
+    EXPECT_GT(std::max(lengths[0], lengths[1]), page) << id;
+  }
+  const Quarry::AllocatorStats expected = whole.readAttachedStats();
+  const Quarry::AllocatorStats got = header.readAttachedStats();
+  ASSERT_EQ(got.regions.size(), 2U);
+  EXPECT_EQ(got.bytes, expected.bytes);
+  EXPECT_EQ(got.usedBytes, expected.usedBytes);
+  EXPECT_EQ(got.confirmedUsedBytes, expected.confirmedUsedBytes);
+  EXPECT_EQ(got.freePages, expected.freePages);
+  EXPECT_EQ(got.allocations, expected.allocations);
+  EXPECT_EQ(got.usedBytes, 10U * 64 + 3U * 4096);
 }

@@ -4,13 +4,22 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Quarry/AllocatorStats.h"
+#include "Quarry/Offset.h"
 #include "Quarry/QuarryFormat.h"
 #include "Quarry/Region.h"
 #include "QuarryFixture.h"
+#include "support/Mappings.h"
 
 class RegionReaderTest : public QuarryTest::TableDir {
  protected:
   std::string path(std::uint32_t id) const { return root_.fullPath("region." + std::to_string(id)); }
+  // What attaching region `id` with `extent` says: "" when it attaches.
+  std::string attachError(std::uint32_t id, Mem::MapExtent extent) {
+    Quarry::RegionScanner scanner;
+    std::string error;
+    return scanner.attach(path(id), id, error, extent) ? std::string() : error;
+  }
 
   void poke(std::uint32_t id, std::size_t offset, std::uint32_t value) {
     const int fd = ::open(path(id).c_str(), O_WRONLY);
@@ -82,4 +91,89 @@ TEST_F(RegionReaderTest, RegionOfNoUnitsSnapshotsEmpty) {
   EXPECT_TRUE(copy.bitmap.empty());
   EXPECT_TRUE(copy.used.empty());
   EXPECT_TRUE(copy.previews.empty());
+}
+
+// Told to map the header only, the reader maps [0, dataOffset): header and
+// bitmap, here three pages of bitmap (65,536 units), none of the 512 KiB of
+// units after them.
+TEST_F(RegionReaderTest, HeaderExtentMapsTheHeaderAndBitmapOnly) {
+  const std::uint32_t id = region(8, 65536);
+  writer_.reset();  // its mappings would be listed too
+  Quarry::RegionScanner scanner;
+  std::string error;
+  ASSERT_TRUE(scanner.attach(path(id), id, error, Mem::MapExtent::Header)) << error;
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  ASSERT_EQ(scanner.header().dataOffset, 3 * page);
+  EXPECT_EQ(scanner.mappedSize(), 3 * page);
+  EXPECT_EQ(HeronTest::mappingLengths(path(id)), std::vector<std::size_t>{3 * page});
+  EXPECT_FALSE(scanner.unitsMapped());
+}
+
+TEST_F(RegionReaderTest, WholeExtentMapsTheWholeFile) {
+  const std::uint32_t id = region(8, 65536);
+  writer_.reset();
+  Quarry::RegionScanner scanner;
+  std::string error;
+  ASSERT_TRUE(scanner.attach(path(id), id, error)) << error;
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  EXPECT_EQ(HeronTest::mappingLengths(path(id)), std::vector<std::size_t>{3 * page + 8 * 65536});
+  EXPECT_TRUE(scanner.unitsMapped());
+}
+
+// Units used here and there, a bitmap past the first page: a header-only
+// mapping counts them as the whole mapping does.
+TEST_F(RegionReaderTest, HeaderExtentGivesTheStatisticsOfTheWholeFile) {
+  const std::uint32_t id = region(8, 65536);
+  fill(id, 40000);
+  for (std::uint32_t unit = 0; unit < 40000; unit += 3) {
+    ASSERT_TRUE(writer_->release(Quarry::Offset::encode(id, unit)));
+  }
+  Quarry::RegionScanner whole;
+  Quarry::RegionScanner header;
+  std::string error;
+  ASSERT_TRUE(whole.attach(path(id), id, error)) << error;
+  ASSERT_TRUE(header.attach(path(id), id, error, Mem::MapExtent::Header)) << error;
+  Quarry::RegionSnapshot copy;
+  const Quarry::RegionStats expected = Quarry::readRegionStats(whole, copy, 4);
+  const Quarry::RegionStats got = Quarry::readRegionStats(header, copy, 4);
+  EXPECT_EQ(expected.inBitmap, 40000U - 13334U);
+  EXPECT_EQ(got.id, expected.id);
+  EXPECT_EQ(got.unitSize, expected.unitSize);
+  EXPECT_EQ(got.units, expected.units);
+  EXPECT_EQ(got.usedCount, expected.usedCount);
+  EXPECT_EQ(got.inBitmap, expected.inBitmap);
+  EXPECT_EQ(got.freePages, expected.freePages);
+  EXPECT_TRUE(got.copySettled);
+}
+
+using RegionReaderDeathTest = RegionReaderTest;
+
+// The units are not mapped: a preview, which reads them, is refused.
+TEST_F(RegionReaderDeathTest, PreviewsOfAHeaderExtentAreFatal) {
+  const std::uint32_t id = region(64, 16);
+  fill(id, 2);
+  Quarry::RegionScanner scanner;
+  std::string error;
+  ASSERT_TRUE(scanner.attach(path(id), id, error, Mem::MapExtent::Header)) << error;
+  Quarry::RegionSnapshot copy;
+  EXPECT_DEATH(scanner.snapshot(copy, 16, 4), "previews asked of a mapping of its header and bitmap only");
+}
+
+// The header-only attach checks the layout as the whole one does.
+TEST_F(RegionReaderTest, HeaderExtentRefusesWhatTheWholeExtentRefuses) {
+  const std::uint32_t shortFile = region(4096, 8);
+  ASSERT_EQ(::truncate(path(shortFile).c_str(), 4096), 0);
+  const std::uint32_t otherId = region(64, 16);
+  poke(otherId, offsetof(Quarry::RegionHeader, regionId), 4000);
+  const std::uint32_t noPage = region(64, 16);
+  poke(noPage, offsetof(Quarry::RegionHeader, pageSize), 0);
+  const std::uint32_t farData = region(64, 16);
+  poke(farData, offsetof(Quarry::RegionHeader, dataOffset), 0xFFFFF000U);
+  writer_.reset();
+  for (const std::uint32_t id : {shortFile, otherId, noPage, farData}) {
+    const std::string whole = attachError(id, Mem::MapExtent::Whole);
+    EXPECT_FALSE(whole.empty()) << id;
+    EXPECT_EQ(attachError(id, Mem::MapExtent::Header), whole) << id;
+  }
+  EXPECT_EQ(HeronTest::mappingLengths(path(farData)), std::vector<std::size_t>{});
 }

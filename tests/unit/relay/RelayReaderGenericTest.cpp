@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "Beacon/Util.h"
+#include "support/Mappings.h"
 #include "unit/relay/RelayBrokenQueues.h"
 #include "unit/relay/RelayReaderFixture.h"
 
@@ -91,6 +92,14 @@ TEST_P(RelayReaderBrokenQueueTest, InitializeToldToKeepItsErrorsSaysNothing) {
     expected.pop_back();
   }
   EXPECT_EQ(reader.lastError(), expected);
+}
+
+// A reader of the headers only refuses the same files with the same words.
+TEST_P(RelayReaderBrokenQueueTest, InitializeOfTheHeadersOnlyFailsAlike) {
+  Reader reader(RelayTest::handler(), root, false, Mem::MapExtent::Header);
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(reader.initialize());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), GetParam().expectedMessage(dir));
 }
 
 INSTANTIATE_TEST_SUITE_P(RelayBrokenQueues, RelayReaderBrokenQueueTest, testing::ValuesIn(RelayTest::kBrokenQueues),
@@ -271,4 +280,59 @@ TEST_F(RelayReaderDeathTest, FailedRemapThrowsMemoryResourceException) {
         std::_Exit(0);
       },
       ::testing::ExitedWithCode(3), "caught: failed to resize .*/t/relay.1 to size 1200000088: Cannot allocate memory");
+}
+
+// --- the headers only ----------------------------------------------------
+
+// Whatever the capacity, a reader told to map the headers only maps each
+// file's 88-byte header: one page, of the 30 that 10,000 slots take.
+TEST_F(RelayReaderTest, HeaderExtentMapsOnlyTheHeaders) {
+  std::string error;
+  ASSERT_TRUE(Relay::RelayWriter::createFiles(root, 10000, SharedMem::EmberId{4711, 2}, error)) << error;
+  Reader reader(RelayTest::handler(), root, false, Mem::MapExtent::Header);
+  ASSERT_TRUE(reader.initialize());
+  EXPECT_EQ(reader.mappedSize(Table::PRIMARY), Table::kHeaderSize);
+  EXPECT_EQ(reader.mappedSize(Table::SECONDARY), Table::kHeaderSize);
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  EXPECT_EQ(HeronTest::mappingLengths(dir + "/relay.1"), std::vector<std::size_t>{page});
+  EXPECT_EQ(HeronTest::mappingLengths(dir + "/relay.2"), std::vector<std::size_t>{page});
+  EXPECT_EQ(reader.header(Table::PRIMARY).notifications.value, 10000U);
+}
+
+// Both readers copy the same headers, word for word.
+TEST_F(RelayReaderTest, HeaderExtentReadsTheHeadersAWholeMappingReads) {
+  writeStandardQueue();
+  Reader& whole = attached();
+  Reader headers(RelayTest::handler(), root, false, Mem::MapExtent::Header);
+  ASSERT_TRUE(headers.initialize());
+  for (const Table::RelayTableId id : {Table::PRIMARY, Table::SECONDARY}) {
+    const Header expected = whole.header(id);
+    const Header got = headers.header(id);
+    EXPECT_EQ(std::memcmp(&got, &expected, sizeof got), 0) << id;
+    EXPECT_EQ(headers.cachedNotifications(id).value, whole.cachedNotifications(id).value) << id;
+    EXPECT_EQ(headers.snapshotPosition(id), whole.snapshotPosition(id)) << id;
+  }
+  EXPECT_EQ(headers.switchSnapshot(), whole.switchSnapshot());
+}
+
+// A writer's growth is read from the header and never mapped.
+TEST_F(RelayReaderTest, HeaderExtentFollowsGrowthWithoutMappingIt) {
+  ASSERT_TRUE(createWriter(2, SharedMem::EmberId{4711, 2}));
+  Reader reader(RelayTest::handler(), root, false, Mem::MapExtent::Header);
+  ASSERT_TRUE(reader.initialize());
+  std::string error;
+  ASSERT_TRUE(writer().grow(5000, error)) << error;
+  reader.resizeRelay(Table::PRIMARY);
+  EXPECT_EQ(reader.cachedNotifications(Table::PRIMARY).value, 5000U);
+  EXPECT_EQ(reader.header(Table::PRIMARY).notifications.value, 5000U);
+  EXPECT_EQ(reader.mappedSize(Table::PRIMARY), Table::kHeaderSize);
+}
+
+// The slots are not mapped: a copy of them is refused.
+TEST_F(RelayReaderDeathTest, SlotsOfAHeaderExtentAreFatal) {
+  writeStandardQueue();
+  Reader reader(RelayTest::handler(), root, false, Mem::MapExtent::Header);
+  ASSERT_TRUE(reader.initialize());
+  std::vector<Table::Notification> snapshot[2];
+  EXPECT_DEATH(reader.takeSnapshot(snapshot, false), "asked of a reader that maps the queue headers only");
 }
