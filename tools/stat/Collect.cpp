@@ -210,9 +210,9 @@ void readEmber(Table& table, const Mem::TableFinder::Listing* listing, const Kep
 }
 
 // The queues' figures from an initialized reader.
-void fillQueues(const QueueReader& relay, Queues& queues) {
-  const QueueReader::Header primary = relay.header(QueueReader::PRIMARY);
-  const QueueReader::Header secondary = relay.header(QueueReader::SECONDARY);
+void fillQueues(const QueueHeaders& both, Queues& queues) {
+  const QueueReader::Header& primary = both.primary;
+  const QueueReader::Header& secondary = both.secondary;
   queues.known = true;
   queues.active = primary.currentTable != 0 ? 2 : 1;
   queues.tableVersion = primary.tableVersion;
@@ -229,8 +229,9 @@ void fillQueues(const QueueReader& relay, Queues& queues) {
 }
 
 void readQueues(Table& table, KeptReaders* kept) {
-  if (const QueueReader* reader = kept != nullptr ? kept->queues(table.identity.path) : nullptr) {
-    fillQueues(*reader, table.queues);
+  QueueHeaders headers;
+  if (kept != nullptr && kept->queues(table.identity.path, headers)) {
+    fillQueues(headers, table.queues);
     return;
   }
   const Mem::RootPath root(table.identity.path);
@@ -261,7 +262,7 @@ void readQueues(Table& table, KeptReaders* kept) {
     table.fileErrors.push_back(said.empty() ? root.fullPath("relay.1") + ": cannot be used" : said);
     return;
   }
-  fillQueues(*relay, table.queues);
+  fillQueues(QueueHeaders::of(*relay), table.queues);
   if (kept != nullptr) {
     kept->keepQueues(table.identity.path, std::move(relay));
   }

@@ -40,15 +40,10 @@ bool fileIds(const std::string& dir, const std::vector<std::string>& names, std:
 // Both queue headers still valid for their files' sizes, as initialize()
 // checked them: a header damaged in place (through a mapping, which leaves
 // the file's id as it was) is then reported by a fresh reader.
-bool headersValid(const QueueReader& reader, const std::vector<FileId>& files) {
+bool headersValid(const QueueHeaders& headers, const std::vector<FileId>& files) {
   std::string error;
-  for (unsigned id = 0; id < 2; ++id) {
-    const QueueReader::Header header = reader.header(id == 0 ? QueueReader::PRIMARY : QueueReader::SECONDARY);
-    if (!header.validateSize(handler(), static_cast<std::uint64_t>(files[id].size), 0, error)) {
-      return false;
-    }
-  }
-  return true;
+  return headers.primary.validateSize(handler(), static_cast<std::uint64_t>(files[0].size), 0, error) &&
+         headers.secondary.validateSize(handler(), static_cast<std::uint64_t>(files[1].size), 0, error);
 }
 
 // The allocator file and the region files among the table's entries.
@@ -173,20 +168,22 @@ void KeptReaders::keepOwner(const std::string& path, const Identity& identity) {
   }
 }
 
-const QueueReader* KeptReaders::queues(const std::string& path) {
+bool KeptReaders::queues(const std::string& path, QueueHeaders& headers) {
   Table& table = touch(path);
   if (table.queues && unchanged(table.queueVersion, table.version)) {
     table.queueSeen = table.queueIds;
   } else if (!fileIds(path, {"relay.1", "relay.2"}, table.queueSeen)) {
     table.queueSeen.clear();
   }
-  if (!table.queueSeen.empty() && table.queues && table.queueSeen == table.queueIds &&
-      headersValid(*table.queues, table.queueSeen)) {
-    table.queueVersion = table.version;
-    return table.queues.get();
+  if (!table.queueSeen.empty() && table.queues && table.queueSeen == table.queueIds) {
+    headers = QueueHeaders::of(*table.queues);
+    if (headersValid(headers, table.queueSeen)) {
+      table.queueVersion = table.version;
+      return true;
+    }
   }
   table.queues.reset();
-  return nullptr;
+  return false;
 }
 
 std::unique_ptr<QueueReader> KeptReaders::newQueues(const std::string& path) {

@@ -25,6 +25,15 @@ namespace Stat {
 
 using QueueReader = Relay::RelayReaderGeneric<Relay::RelaySlot>;
 
+// Both queue headers, each taken once with single loads.
+struct QueueHeaders {
+  QueueReader::Header primary{};
+  QueueReader::Header secondary{};
+  static QueueHeaders of(const QueueReader& reader) {
+    return {reader.header(QueueReader::PRIMARY), reader.header(QueueReader::SECONDARY)};
+  }
+};
+
 // What lstat said of a file; equal only when it is the same, unchanged file.
 struct FileId {
   unsigned long long device = 0;
@@ -60,11 +69,11 @@ class KeptReaders {
   bool owner(const std::string& path, Identity& identity);
   void keepOwner(const std::string& path, const Identity& identity);
 
-  // The queue reader kept for the table, when both queue files are
-  // unchanged; else null, and keepQueues() may keep a new initialized one,
-  // made by newQueues(): it maps the queue headers only, all the figures
-  // read of it.
-  const QueueReader* queues(const std::string& path);
+  // The headers of the queue reader kept for the table, when both queue
+  // files are unchanged and the headers still fit them; else false, and
+  // keepQueues() may keep a new initialized reader, made by newQueues(): it
+  // maps the queue headers only, all the figures read of it.
+  bool queues(const std::string& path, QueueHeaders& headers);
   static std::unique_ptr<QueueReader> newQueues(const std::string& path);
   void keepQueues(const std::string& path, std::unique_ptr<QueueReader> reader);
 
