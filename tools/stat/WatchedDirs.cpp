@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 namespace Stat {
 
@@ -17,10 +18,19 @@ namespace {
 constexpr std::uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_MODIFY | IN_ATTRIB |
                                 IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
 
+// A quarter of the user's inotify watches; 2,048 when the limit cannot be read.
+std::size_t watchBudget() {
+  std::ifstream limit("/proc/sys/fs/inotify/max_user_watches");
+  unsigned long long watches = 0;
+  return limit >> watches && watches >= 4 ? static_cast<std::size_t>(watches / 4) : 2048;
+}
+
 }  // namespace
 
-WatchedDirs::WatchedDirs(Beacon::Platform::DebugHandler& handler)
-    : handler_(handler), fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+WatchedDirs::WatchedDirs(Beacon::Platform::DebugHandler& handler) : WatchedDirs(handler, watchBudget()) {}
+
+WatchedDirs::WatchedDirs(Beacon::Platform::DebugHandler& handler, std::size_t budget)
+    : handler_(handler), fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), budget_(budget) {}
 
 WatchedDirs::~WatchedDirs() {
   if (fd_ >= 0) {
@@ -104,7 +114,7 @@ Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
     return kept->second.directory;
   }
   Entry entry;
-  entry.wd = fd_ >= 0 ? ::inotify_add_watch(fd_, path.c_str(), kMask) : -1;
+  entry.wd = fd_ >= 0 && paths_.size() < budget_ ? ::inotify_add_watch(fd_, path.c_str(), kMask) : -1;
   // Read after the watch is in place: a change from now on is an event.
   Mem::TableFinder::readDirectory(handler_, path, entry.directory);
   entry.owned = Mem::TableFinder::holdsOwnerFile(path);

@@ -14,6 +14,7 @@
 // One thread; owns its inotify instance.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -26,6 +27,8 @@ namespace Stat {
 class WatchedDirs : public Mem::TableFinder::DirectorySource {
  public:
   explicit WatchedDirs(Beacon::Platform::DebugHandler& handler);
+  // At most `budget` watches at once (tests).
+  WatchedDirs(Beacon::Platform::DebugHandler& handler, std::size_t budget);
   ~WatchedDirs() override;
   WatchedDirs(const WatchedDirs&) = delete;
   WatchedDirs& operator=(const WatchedDirs&) = delete;
@@ -58,6 +61,7 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
 
   Beacon::Platform::DebugHandler& handler_;
   int fd_ = -1;
+  std::size_t budget_;
   std::unordered_map<std::string, Entry> dirs_;
   std::unordered_map<int, std::string> paths_;  // by watch descriptor
   std::uint64_t nextVersion_ = 1;

@@ -130,4 +130,20 @@ TEST_F(WatchedDirsTest, ARootReplacedUnderTheSamePathIsReadAgain) {
   ASSERT_EQ(::rename(moved.c_str(), root().c_str()), 0);
 }
 
+TEST(WatchedDirsBudget, DirectoriesBeyondTheWatchBudgetAreReadEveryTime) {
+  HeronTest::TempDir root("heron-watch", true);
+  ASSERT_EQ(::mkdir(root.file("a").c_str(), 0755), 0);
+  Stat::WatchedDirs watched(HeronTest::quietHandler(), 1);
+  watched.refresh(root.path());
+  watched.read(root.path());
+  watched.read(root.file("a"));
+  EXPECT_NE(watched.version(root.path()), 0U);
+  EXPECT_EQ(watched.version(root.file("a")), 0U);
+  const std::uint64_t reads = watched.reads();
+  watched.refresh(root.path());
+  watched.read(root.path());
+  watched.read(root.file("a"));
+  EXPECT_EQ(watched.reads(), reads + 1);
+}
+
 }  // namespace
