@@ -134,38 +134,56 @@ std::string_view printedName(const char* name, std::size_t size, std::string& ou
 
 enum class Queried { Done, Unsupported };
 
+void askName(Beacon::Proc::MapQuery& query, std::string& name) {
+  query.vmaNameSize = static_cast<std::uint32_t>(name.size());
+  query.vmaNameAddr = reinterpret_cast<std::uintptr_t>(name.data());
+}
+
 // The process's file-backed mappings one by one; the name is asked only of
-// those on `devices`. Unsupported when the first query is refused as
-// unknown, before anything is added.
+// those on `devices`. A file's mappings come in runs: after one on the
+// devices, the next is asked its name along, saving a second call where
+// the devices hold the libraries too. Unsupported when the first query is
+// refused as unknown, before anything is added.
 Queried queryMappings(const MappingWalk& walk, const Devices& devices, int fd, ProcessMappings& process,
                       std::string& name, std::string& printed) {
   using namespace Beacon::Proc;
   bool first = true;
+  bool named = false;
   for (std::uint64_t at = 0;;) {
     MapQuery query{};
     query.size = sizeof query;
     query.queryFlags = kQueryCoveringOrNext | kQueryFileBacked;
     query.queryAddr = at;
+    if (named) {
+      askName(query, name);
+    }
     if (walk.refuseQuery || ::ioctl(fd, kMapQueryRequest, &query) != 0) {
       const int error = walk.refuseQuery ? ENOTTY : errno;
+      if (named && error == ENAMETOOLONG) {
+        named = false;  // asked again without the name
+        continue;
+      }
       // ENOENT: no mapping above `at`; ESRCH: the process has exited.
       return first && mapQueryUnsupported(error) ? Queried::Unsupported : Queried::Done;
     }
     first = false;
     at = query.vmaEnd;
     if (!onDevices(devices, query)) {
+      named = false;
       continue;
     }
-    // Asked again, with room for the name, of the mapping just found.
-    query.queryFlags = kQueryFileBacked;
-    query.queryAddr = query.vmaStart;
-    query.vmaNameSize = static_cast<std::uint32_t>(name.size());
-    query.vmaNameAddr = reinterpret_cast<std::uintptr_t>(name.data());
-    if (::ioctl(fd, kMapQueryRequest, &query) != 0) {
-      if (errno == ESRCH) {
-        return Queried::Done;
+    if (!named) {
+      // Asked again, with room for the name, of the mapping just found.
+      query.queryFlags = kQueryFileBacked;
+      query.queryAddr = query.vmaStart;
+      askName(query, name);
+      if (::ioctl(fd, kMapQueryRequest, &query) != 0) {
+        if (errno == ESRCH) {
+          return Queried::Done;
+        }
+        continue;  // gone meanwhile, or a name longer than a path can be
       }
-      continue;  // gone meanwhile, or a name longer than a path can be
+      named = true;
     }
     const std::size_t size = query.vmaNameSize > 0 ? query.vmaNameSize - 1 : 0;
     const bool readWrite = (query.vmaFlags & kVmaReadable) != 0 && (query.vmaFlags & kVmaWritable) != 0;
