@@ -18,8 +18,10 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "Beacon/Platform.h"
 #include "Beacon/ProcPid.h"
@@ -365,6 +367,37 @@ class TableSet {
   std::unordered_set<std::string> paths_;
 };
 
+// The devices of the root and of every table directory of the sample: a
+// mapping of a file elsewhere is none of theirs, and the walk need not ask
+// its name. None when one of them is on a file system whose mappings may
+// show another device.
+std::optional<std::vector<std::uint64_t>> tableDevices(const std::string& root, const std::vector<Table>& tables,
+                                                       const KeptReaders* kept) {
+  std::vector<std::uint64_t> devices;
+  auto add = [&](const std::string& dir) {
+    std::optional<std::uint64_t> device;
+    if (kept == nullptr || !kept->device(dir, device)) {
+      std::uint64_t read = 0;
+      if (SharedMem::mappedDevice(dir, read)) {
+        device = read;
+      }
+    }
+    if (device && std::find(devices.begin(), devices.end(), *device) == devices.end()) {
+      devices.push_back(*device);
+    }
+    return device.has_value();
+  };
+  if (!add(root)) {
+    return std::nullopt;
+  }
+  for (const Table& table : tables) {
+    if (!add(table.identity.path)) {
+      return std::nullopt;
+    }
+  }
+  return devices;
+}
+
 // Tables outside the root that a process maps and EXPR names, by path.
 void addOutsideTables(const Sample& sample, const SharedMem::TableMappings& mapped, TableSet& set) {
   std::vector<std::string> outside;
@@ -424,7 +457,11 @@ Sample collect(const CollectOptions& options, KeptReaders* kept) {
   Beacon::Proc::PidNamespaceIndex namespaces(handler());
   SharedMem::TableMappings mapped;
   if (options.walkProcesses) {
-    mapped = SharedMem::findTableMappings();
+    SharedMem::MappingWalk walk;
+    if (!options.allRoots) {
+      walk.devices = tableDevices(sample.root, set.tables, kept);
+    }
+    mapped = SharedMem::findTableMappings(walk);
     sample.clientsWalked = true;
     // Inside a container the walk sees its own processes only.
     sample.clientsKnown = seesEveryProcess() && namespaces.own() == Beacon::Proc::kInitialPidNamespace;

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -63,6 +64,11 @@ class KeptReaders {
   // Whether a watch vouches that the directory `path` is as this sample's
   // walk listed it: a file the listing lacks is not there.
   bool watched(const std::string& path) const { return dirs_.version(path) != 0; }
+
+  // The device of the directory `path` as last read (WatchedDirs::device).
+  bool device(const std::string& path, std::optional<std::uint64_t>& device) const {
+    return dirs_.device(path, device);
+  }
 
   // The owner fields of the table at `path` as read before, when its owner
   // file is unchanged; else false, and keepOwner() may keep the new read.

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "SharedMem/TableClients.h"
+
 namespace Stat {
 
 namespace {
@@ -118,6 +120,10 @@ Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
   // Read after the watch is in place: a change from now on is an event.
   Mem::TableFinder::readDirectory(handler_, path, entry.directory);
   entry.owned = Mem::TableFinder::holdsOwnerFile(path);
+  std::uint64_t device = 0;
+  if (SharedMem::mappedDevice(path, device)) {
+    entry.device = device;
+  }
   ++reads_;
   if (entry.wd < 0) {
     return entry.directory;
@@ -134,6 +140,15 @@ Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
 bool WatchedDirs::owned(const std::string& dir) {
   auto kept = dirs_.find(dir);
   return kept != dirs_.end() ? kept->second.owned : Mem::TableFinder::holdsOwnerFile(dir);
+}
+
+bool WatchedDirs::device(const std::string& dir, std::optional<std::uint64_t>& device) const {
+  auto kept = dirs_.find(dir);
+  if (kept == dirs_.end()) {
+    return false;
+  }
+  device = kept->second.device;
+  return true;
 }
 
 std::uint64_t WatchedDirs::version(const std::string& dir) const {

@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -43,6 +44,11 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
   // read; 0 when nothing vouches for it (its files must be looked at).
   std::uint64_t version(const std::string& dir) const;
 
+  // The device of `dir` as SharedMem::mappedDevice() gave it when `dir` was
+  // last read (empty: none the walk of mappings can use); false when `dir`
+  // is not kept.
+  bool device(const std::string& dir, std::optional<std::uint64_t>& device) const;
+
   // How many times a directory was read from the file system.
   std::uint64_t reads() const { return reads_; }
 
@@ -52,6 +58,7 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
     std::uint64_t version = 0;
     Mem::TableFinder::Directory directory;
     bool owned = false;
+    std::optional<std::uint64_t> device;
   };
 
   void forget(const std::string& path);

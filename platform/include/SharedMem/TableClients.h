@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -31,12 +32,27 @@ struct MappingWalk {
   std::string procRoot = "/proc";
   // Also read each mapping process's innermost pid and PID namespace.
   bool namespaces = false;
+  // The devices (st_dev) of the directories that hold the tables asked
+  // about, when known: a mapping of a file on another device cannot be one
+  // of theirs, and the kernel is not asked to name it (each process's
+  // mappings are asked for one by one, where the kernel can). Unset: every
+  // mapping is named, from the maps text.
+  std::optional<std::vector<std::uint64_t>> devices;
+  // Behave as on a kernel that refuses the one-by-one query: the text is
+  // read. For tests.
+  bool refuseQuery = false;
 };
 
 // Every process under the walk's /proc, in directory order. A process whose
 // maps file or executable link cannot be read (gone, or another user's
 // without the rights) contributes nothing.
 TableMappings findTableMappings(const MappingWalk& walk = MappingWalk());
+
+// The device (st_dev) of the directory `dir` when the mappings of files in
+// it show that device; false when it cannot be read or its file system may
+// show another (one that maps the file of a lower layer, or gives each
+// subvolume a device of its own): the walk must then be given no devices.
+bool mappedDevice(const std::string& dir, std::uint64_t& device);
 
 // Whether maps permissions ("rw-s") allow writing.
 bool mapsForWriting(std::string_view permissions);

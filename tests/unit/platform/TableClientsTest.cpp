@@ -1,10 +1,18 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "SharedMem/TableClients.h"
+#include "support/Child.h"
 #include "support/Run.h"
 #include "support/TempDir.h"
 
@@ -95,4 +103,133 @@ TEST(TableClientsTest, PermissionsAllowWritingOnlyWithReadAndWrite) {
   EXPECT_FALSE(SharedMem::mapsForWriting("r--s"));
   EXPECT_FALSE(SharedMem::mapsForWriting("-w-s"));
   EXPECT_FALSE(SharedMem::mapsForWriting(""));
+}
+
+namespace {
+
+// A file of one page to map, in a directory made when missing.
+std::string pageFile(const std::string& dir, const std::string& name) {
+  ::mkdir(dir.c_str(), 0755);
+  const std::string path = dir + "/" + name;
+  EXPECT_TRUE(HeronTest::writeFile(path, std::string(4096, 'x')));
+  return path;
+}
+
+struct Mapped {
+  std::string path;
+  bool readWrite = false;
+  bool unlink = false;  // removed once mapped
+};
+
+// A child process that maps `files` in order and stays up.
+std::unique_ptr<HeronTest::Child> mapper(const std::vector<Mapped>& files) {
+  auto child = std::make_unique<HeronTest::Child>([files] {
+    for (const Mapped& file : files) {
+      const int fd = ::open(file.path.c_str(), file.readWrite ? O_RDWR : O_RDONLY);
+      const int protection = file.readWrite ? PROT_READ | PROT_WRITE : PROT_READ;
+      if (fd < 0 || ::mmap(nullptr, 4096, protection, MAP_SHARED, fd, 0) == MAP_FAILED) {
+        return 1;
+      }
+      ::close(fd);
+      if (file.unlink && ::unlink(file.path.c_str()) != 0) {
+        return 1;
+      }
+    }
+    if (::write(1, "ready\n", 6) != 6) {
+      return 1;
+    }
+    for (;;) {
+      ::pause();
+    }
+  });
+  EXPECT_TRUE(child->waitForLines(1)) << child->err();
+  return child;
+}
+
+// The mappings of processes `pids` only: (pid, readWrite, ember) in the
+// order found, by directory.
+using Seen = std::map<std::string, std::vector<std::tuple<int, bool, bool>>>;
+Seen seenOf(const SharedMem::TableMappings& mapped, const std::set<int>& pids) {
+  Seen seen;
+  for (const auto& group : mapped) {
+    for (const SharedMem::TableMapping& mapping : group.second) {
+      if (pids.count(mapping.pid) != 0) {
+        seen[group.first].emplace_back(mapping.pid, mapping.readWrite, mapping.ember);
+      }
+    }
+  }
+  return seen;
+}
+
+std::uint64_t deviceOf(const std::string& path) {
+  struct stat st {};
+  EXPECT_EQ(::stat(path.c_str(), &st), 0);
+  return static_cast<std::uint64_t>(st.st_dev);
+}
+
+SharedMem::MappingWalk onDevices(const std::vector<std::uint64_t>& devices, bool refuseQuery = false) {
+  SharedMem::MappingWalk walk;
+  walk.devices = devices;
+  walk.refuseQuery = refuseQuery;
+  return walk;
+}
+
+}  // namespace
+
+// Named for the lock the mappers take: these children map files named
+// relay.1 that are no tables.
+TEST(TableClientsWalkTest, TheQueryFindsWhatTheTextShows) {
+  HeronTest::TempDir dir("walk");
+  const std::string orders = dir.file("orders");
+  const auto first = mapper({{pageFile(orders, "relay.1"), false}, {pageFile(orders, "ember"), true}});
+  const auto second = mapper({{pageFile(orders, "relay.1"), true},
+                              {pageFile(dir.file("a b"), "relay.1"), false},
+                              {pageFile(dir.file("gone"), "relay.1"), false, true},
+                              {pageFile(dir.file("new\nline"), "relay.1"), false},
+                              {pageFile(dir.file("plain"), "relay.1"), false},
+                              {pageFile(orders, "ember"), false}});
+  const std::set<int> pids = {first->pid(), second->pid()};
+
+  const Seen text = seenOf(SharedMem::findTableMappings(), pids);
+  const Seen queried = seenOf(SharedMem::findTableMappings(onDevices({deviceOf(dir.path())})), pids);
+  EXPECT_EQ(queried, text);
+  ASSERT_EQ(text.count(orders), 1U);
+  EXPECT_EQ(text.at(orders).size(), 4U);
+  EXPECT_EQ(text.count(dir.file("gone")), 1U);
+  EXPECT_EQ(text.count(dir.file("new\\012line")), 1U);
+  EXPECT_EQ(text.count(dir.file("plain")), 1U);
+  EXPECT_EQ(text.size(), 4U);  // "a b" is cut at its blank
+}
+
+TEST(TableClientsWalkTest, TheDeviceSetLeavesOutOnlyMappingsOnOtherDevices) {
+  HeronTest::TempDir disk("walk");
+  HeronTest::TempDir shm("walk", true);
+  if (deviceOf(disk.path()) == deviceOf(shm.path())) {
+    GTEST_SKIP() << "no second file system";
+  }
+  const auto child = mapper({{pageFile(disk.file("t"), "relay.1"), false}, {pageFile(shm.file("t"), "relay.1"), true}});
+  const std::set<int> pids = {child->pid()};
+  const Seen all = seenOf(SharedMem::findTableMappings(), pids);
+  const Seen onDisk = seenOf(SharedMem::findTableMappings(onDevices({deviceOf(disk.path())})), pids);
+  EXPECT_EQ(all.size(), 2U);
+  EXPECT_EQ(onDisk, Seen({{disk.file("t"), {{child->pid(), false, false}}}}));
+}
+
+TEST(TableClientsWalkTest, ARefusedQueryFallsBackToTheText) {
+  HeronTest::TempDir disk("walk");
+  HeronTest::TempDir shm("walk", true);
+  const auto child = mapper({{pageFile(disk.file("t"), "relay.1"), false}, {pageFile(shm.file("t"), "relay.1"), true}});
+  const std::set<int> pids = {child->pid()};
+  // The text knows no devices: the mapping on the other one is there too.
+  EXPECT_EQ(seenOf(SharedMem::findTableMappings(onDevices({deviceOf(disk.path())}, true)), pids),
+            seenOf(SharedMem::findTableMappings(), pids));
+  EXPECT_EQ(seenOf(SharedMem::findTableMappings(onDevices({}, true)), pids).size(), 2U);
+}
+
+TEST(TableClientsTest, AMapsFileThatIsNoMapsFileIsReadAsText) {
+  FakeProc proc;
+  proc.add(100, line("rw-s", "/r/orders/relay.1"));
+  SharedMem::MappingWalk walk = proc.walk();
+  walk.devices = std::vector<std::uint64_t>();
+  EXPECT_EQ(SharedMem::findTableMappings(walk).size(), 1U);
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
 
 #include "WatchedDirs.h"
@@ -128,6 +129,17 @@ TEST_F(WatchedDirsTest, ARootReplacedUnderTheSamePathIsReadAgain) {
   ASSERT_EQ(::rmdir(dir("c").c_str()), 0);
   ASSERT_EQ(::rmdir(root().c_str()), 0);
   ASSERT_EQ(::rename(moved.c_str(), root().c_str()), 0);
+}
+
+TEST_F(WatchedDirsTest, ADirectoryReadKeepsTheDeviceItWasReadOn) {
+  std::optional<std::uint64_t> device;
+  EXPECT_FALSE(watched_.device(dir("a/t"), device));
+  readAll();
+  struct stat st {};
+  ASSERT_EQ(::stat(dir("a/t").c_str(), &st), 0);
+  ASSERT_TRUE(watched_.device(dir("a/t"), device));
+  ASSERT_TRUE(device.has_value());  // tmpfs, or /tmp's file system
+  EXPECT_EQ(*device, static_cast<std::uint64_t>(st.st_dev));
 }
 
 TEST(WatchedDirsBudget, DirectoriesBeyondTheWatchBudgetAreReadEveryTime) {
