@@ -424,7 +424,7 @@ Sample collect(const CollectOptions& options, KeptReaders* kept) {
   const Mem::OrbRootPath rootPath(handler(), std::string(), false);
   // What this sample does not read again is let go at its end.
   if (kept != nullptr) {
-    kept->beginSample(rootPath.path());
+    kept->beginSample();
   }
   sample.root = rootPath.path();
   sample.expr = options.expr;

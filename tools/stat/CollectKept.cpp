@@ -106,9 +106,9 @@ struct KeptReaders::Table {
 KeptReaders::KeptReaders() : dirs_(handler()) {}
 KeptReaders::~KeptReaders() = default;
 
-void KeptReaders::beginSample(const std::string& root) {
+void KeptReaders::beginSample() {
   ++sample_;
-  dirs_.refresh(root);
+  dirs_.refresh();
 }
 
 void KeptReaders::endSample() {

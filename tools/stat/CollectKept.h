@@ -54,8 +54,7 @@ class KeptReaders {
   KeptReaders& operator=(const KeptReaders&) = delete;
 
   // Around each sample: tables not touched between them are let go.
-  // `root`: the collection root of the sample.
-  void beginSample(const std::string& root);
+  void beginSample();
   void endSample();
 
   // The directories as last read, for the sample's walk of the root.

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <vector>
 
 #include "SharedMem/TableClients.h"
 
@@ -40,21 +41,23 @@ WatchedDirs::~WatchedDirs() {
   }
 }
 
-void WatchedDirs::refresh(const std::string& root) {
+void WatchedDirs::refresh() {
   if (fd_ < 0) {
     return;
   }
   takeEvents();
-  // The root's path may now lead elsewhere (renamed, replaced, a symlink
-  // repointed): no event says so.
-  struct stat st {};
-  const bool found = ::stat(root.c_str(), &st) == 0;
-  const auto device = found ? static_cast<unsigned long long>(st.st_dev) : 0ULL;
-  const auto inode = found ? static_cast<unsigned long long>(st.st_ino) : 0ULL;
-  if (device != rootDevice_ || inode != rootInode_) {
-    forgetAll();
-    rootDevice_ = device;
-    rootInode_ = inode;
+  // A path may now lead to another directory with no event to say so: a
+  // mount over it, a parent renamed or replaced, a symlink repointed.
+  std::vector<std::string> moved;
+  for (const auto& kept : dirs_) {
+    struct stat st {};
+    if (::stat(kept.first.c_str(), &st) != 0 || static_cast<unsigned long long>(st.st_dev) != kept.second.device ||
+        static_cast<unsigned long long>(st.st_ino) != kept.second.inode) {
+      moved.push_back(kept.first);
+    }
+  }
+  for (const std::string& path : moved) {
+    forgetTree(path);
   }
 }
 
@@ -118,11 +121,17 @@ Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
   Entry entry;
   entry.wd = fd_ >= 0 && paths_.size() < budget_ ? ::inotify_add_watch(fd_, path.c_str(), kMask) : -1;
   // Read after the watch is in place: a change from now on is an event.
+  struct stat st {};
+  if (entry.wd >= 0 && ::stat(path.c_str(), &st) != 0) {
+    entry.wd = -1;  // cannot be told apart from its successor: not kept
+  }
+  entry.device = static_cast<unsigned long long>(st.st_dev);
+  entry.inode = static_cast<unsigned long long>(st.st_ino);
   Mem::TableFinder::readDirectory(handler_, path, entry.directory);
   entry.owned = Mem::TableFinder::holdsOwnerFile(path);
   std::uint64_t device = 0;
   if (SharedMem::mappedDevice(path, device)) {
-    entry.device = device;
+    entry.mappedDevice = device;
   }
   ++reads_;
   if (entry.wd < 0) {
@@ -147,7 +156,7 @@ bool WatchedDirs::device(const std::string& dir, std::optional<std::uint64_t>& d
   if (kept == dirs_.end()) {
     return false;
   }
-  device = kept->second.device;
+  device = kept->second.mappedDevice;
   return true;
 }
 

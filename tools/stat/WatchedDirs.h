@@ -7,8 +7,9 @@
 // an event. Events are taken at the start of each sample (refresh()); the
 // directory they name is read again, and so is everything below an entry
 // that was a directory (moved, removed or replaced). A lost event (queue
-// overflow) or a root path that now names another directory makes every
-// directory be read again. Where no watch can be had (inotify unavailable,
+// overflow) makes every directory be read again, and so does a path that
+// now leads to another directory (one stat a directory a sample: a mount
+// over it, a parent replaced, a symlink repointed make no event). Where no watch can be had (inotify unavailable,
 // the watch limit reached) the directory is read every time.
 //
 // One thread; owns its inotify instance.
@@ -34,8 +35,9 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
   WatchedDirs(const WatchedDirs&) = delete;
   WatchedDirs& operator=(const WatchedDirs&) = delete;
 
-  // Takes the events since the last call. `root`: the collection root.
-  void refresh(const std::string& root);
+  // Takes the events since the last call, and checks that every kept path
+  // still leads to the directory that was read.
+  void refresh();
 
   Mem::TableFinder::Directory read(const std::string& path) override;
   bool owned(const std::string& dir) override;
@@ -58,7 +60,10 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
     std::uint64_t version = 0;
     Mem::TableFinder::Directory directory;
     bool owned = false;
-    std::optional<std::uint64_t> device;
+    // What stat gave just before the read: the path must still lead there.
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    std::optional<std::uint64_t> mappedDevice;
   };
 
   void forget(const std::string& path);
@@ -73,8 +78,6 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
   std::unordered_map<int, std::string> paths_;  // by watch descriptor
   std::uint64_t nextVersion_ = 1;
   std::uint64_t reads_ = 0;
-  unsigned long long rootDevice_ = 0;
-  unsigned long long rootInode_ = 0;
 };
 
 }  // namespace Stat

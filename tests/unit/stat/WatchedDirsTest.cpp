@@ -37,7 +37,7 @@ class WatchedDirsTest : public testing::Test {
   const std::string& root() const { return root_.path(); }
   // The walk's reads of a sample: the root, then down to the table.
   void readAll() {
-    watched_.refresh(root());
+    watched_.refresh();
     watched_.read(root());
     watched_.read(dir("a"));
     watched_.read(dir("a/t"));
@@ -63,7 +63,7 @@ TEST_F(WatchedDirsTest, AFileAddedIsListedAtTheNextSample) {
   readAll();
   const std::uint64_t version = watched_.version(dir("a/t"));
   touchFile(dir("a/t/region.1"));
-  watched_.refresh(root());
+  watched_.refresh();
   EXPECT_EQ(watched_.version(dir("a/t")), 0U);
   EXPECT_TRUE(holds(watched_.read(dir("a/t")), "region.1"));
   EXPECT_NE(watched_.version(dir("a/t")), version);
@@ -95,7 +95,7 @@ TEST_F(WatchedDirsTest, AnOwnerFileReplacedByASymlinkNoLongerMakesATable) {
 TEST_F(WatchedDirsTest, ARenamedDirectoryIsForgottenUnderItsOldName) {
   readAll();
   ASSERT_EQ(::rename(dir("a").c_str(), dir("b").c_str()), 0);
-  watched_.refresh(root());
+  watched_.refresh();
   EXPECT_EQ(watched_.version(dir("a/t")), 0U);
   EXPECT_EQ(watched_.version(dir("a")), 0U);
   const Mem::TableFinder::Directory top = watched_.read(root());
@@ -109,7 +109,7 @@ TEST_F(WatchedDirsTest, ARemovedDirectoryIsForgotten) {
   ASSERT_EQ(::unlink(dir("a/t/owner").c_str()), 0);
   ASSERT_EQ(::unlink(dir("a/t/relay.1").c_str()), 0);
   ASSERT_EQ(::rmdir(dir("a/t").c_str()), 0);
-  watched_.refresh(root());
+  watched_.refresh();
   EXPECT_EQ(watched_.version(dir("a/t")), 0U);
   EXPECT_TRUE(watched_.read(dir("a")).children.empty());
 }
@@ -120,7 +120,7 @@ TEST_F(WatchedDirsTest, ARootReplacedUnderTheSamePathIsReadAgain) {
   ASSERT_EQ(::rename(root().c_str(), moved.c_str()), 0);
   ASSERT_EQ(::mkdir(root().c_str(), 0755), 0);
   ASSERT_EQ(::mkdir(dir("c").c_str(), 0755), 0);
-  watched_.refresh(root());
+  watched_.refresh();
   const Mem::TableFinder::Directory top = watched_.read(root());
   EXPECT_TRUE(holds(top, "c"));
   EXPECT_FALSE(holds(top, "a"));
@@ -142,17 +142,32 @@ TEST_F(WatchedDirsTest, ADirectoryReadKeepsTheDeviceItWasReadOn) {
   EXPECT_EQ(*device, static_cast<std::uint64_t>(st.st_dev));
 }
 
+TEST_F(WatchedDirsTest, APathThatNowLeadsToAnotherDirectoryIsReadAgain) {
+  // A symlink repointed makes an event in its own directory, none in the
+  // directories it led to, and none names the path through it.
+  ASSERT_EQ(::mkdir(dir("b").c_str(), 0755), 0);
+  touchFile(dir("b/region.1"));
+  ASSERT_EQ(::symlink("a", dir("via").c_str()), 0);
+  watched_.refresh();
+  EXPECT_TRUE(holds(watched_.read(dir("via/t")), "relay.1"));
+  ASSERT_EQ(::symlink("b", dir("via.new").c_str()), 0);
+  ASSERT_EQ(::rename(dir("via.new").c_str(), dir("via").c_str()), 0);
+  watched_.refresh();
+  EXPECT_EQ(watched_.version(dir("via/t")), 0U);
+  EXPECT_TRUE(holds(watched_.read(dir("via")), "region.1"));
+}
+
 TEST(WatchedDirsBudget, DirectoriesBeyondTheWatchBudgetAreReadEveryTime) {
   HeronTest::TempDir root("heron-watch", true);
   ASSERT_EQ(::mkdir(root.file("a").c_str(), 0755), 0);
   Stat::WatchedDirs watched(HeronTest::quietHandler(), 1);
-  watched.refresh(root.path());
+  watched.refresh();
   watched.read(root.path());
   watched.read(root.file("a"));
   EXPECT_NE(watched.version(root.path()), 0U);
   EXPECT_EQ(watched.version(root.file("a")), 0U);
   const std::uint64_t reads = watched.reads();
-  watched.refresh(root.path());
+  watched.refresh();
   watched.read(root.path());
   watched.read(root.file("a"));
   EXPECT_EQ(watched.reads(), reads + 1);
