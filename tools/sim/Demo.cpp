@@ -11,7 +11,6 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -98,12 +97,6 @@ unsigned firstRegionId(const std::string& tableDir) {
   }
   ::closedir(dir);
   return best;
-}
-
-long long monotonicMs() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 // What the demo created, removed again on every way out unless kept.

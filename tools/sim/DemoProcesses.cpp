@@ -13,15 +13,13 @@
 #include <cstring>
 #include <iostream>
 
+#include "Beacon/Clock.h"
+
 namespace Sim {
 
-namespace {
+long long monotonicMs() { return static_cast<long long>(Beacon::monoNs() / 1000000); }
 
-long long monotonicMs() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
+namespace {
 
 void sleepMs(int ms) {
   struct timespec pause {

@@ -11,6 +11,9 @@
 
 namespace Sim {
 
+// CLOCK_MONOTONIC in ms: the demo's deadlines.
+long long monotonicMs();
+
 struct DemoChild {
   pid_t pid = -1;
   std::string role;   // "writer", "shadow"
