@@ -39,15 +39,17 @@
 
 namespace Stat {
 
-namespace {
-
-constexpr double kNsPerSecond = 1e9;
-
-Beacon::Platform::DebugHandler& handler() {
+Beacon::Platform::DebugHandler& collectHandler() {
   static std::shared_ptr<Beacon::Platform::DebugHandler> instance =
       Beacon::Platform::getDebugHandler("HeronStat", false);
   return *instance;
 }
+
+namespace {
+
+constexpr double kNsPerSecond = 1e9;
+
+Beacon::Platform::DebugHandler& handler() { return collectHandler(); }
 
 double seconds(std::uint64_t ns) { return static_cast<double>(ns) / kNsPerSecond; }
 

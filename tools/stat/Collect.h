@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/Platform.h"
 #include "Beacon/ProcPid.h"
 #include "Model.h"
 
@@ -34,6 +35,9 @@ struct Thresholds {
 };
 
 class KeptReaders;  // CollectKept.h
+
+// The collectors' debug handler ("HeronStat"), shared by their units.
+Beacon::Platform::DebugHandler& collectHandler();
 
 // Takes one sample (no rates). Facts only: states and problems come from
 // assess(). File errors become Table::problems via assess as well. With

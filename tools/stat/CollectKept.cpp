@@ -1,11 +1,13 @@
 // The readers the long-running modes keep between samples: one sample of
 // 100 tables otherwise opens, maps and unmaps about 3,000 times, which is
-// most of its cost. A kept table costs one lstat of each of its files.
+// most of its cost. A kept table costs the reads of its mapped headers; its
+// files are looked at (one lstat each) only when no watch vouches for them.
 #include "CollectKept.h"
 
 #include <sys/stat.h>
 
 #include "Beacon/Platform.h"
+#include "Collect.h"
 #include "Mem/MapExtent.h"
 #include "Mem/RootPath.h"
 #include "Quarry/QuarryReader.h"
@@ -15,11 +17,7 @@ namespace Stat {
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() {
-  static std::shared_ptr<Beacon::Platform::DebugHandler> instance =
-      Beacon::Platform::getDebugHandler("HeronStat", false);
-  return *instance;
-}
+Beacon::Platform::DebugHandler& handler() { return collectHandler(); }
 
 // The ids of `names` in the directory `dir`; false when one cannot be
 // stat'ed (gone, or never there).
