@@ -419,15 +419,15 @@ void addOutsideTables(const Sample& sample, const SharedMem::TableMappings& mapp
 
 Sample collect(const CollectOptions& options, KeptReaders* kept) {
   Sample sample;
+  // What this sample does not read again is let go at its end.
+  if (kept != nullptr) {
+    kept->beginSample();
+  }
   const std::uint64_t startMono = SharedMem::monoNs();
   sample.timeSeconds = seconds(SharedMem::nowNs());
   sample.monotonicSeconds = seconds(startMono);
 
   const Mem::OrbRootPath rootPath(handler(), std::string(), false);
-  // What this sample does not read again is let go at its end.
-  if (kept != nullptr) {
-    kept->beginSample();
-  }
   sample.root = rootPath.path();
   sample.expr = options.expr;
   sample.rootOk = rootListable(sample.root, sample.rootError);

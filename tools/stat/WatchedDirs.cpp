@@ -123,7 +123,8 @@ Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
   // Read after the watch is in place: a change from now on is an event.
   struct stat st {};
   if (entry.wd >= 0 && ::stat(path.c_str(), &st) != 0) {
-    entry.wd = -1;  // cannot be told apart from its successor: not kept
+    ::inotify_rm_watch(fd_, entry.wd);  // cannot be told apart from its successor: not kept
+    entry.wd = -1;
   }
   entry.device = static_cast<unsigned long long>(st.st_dev);
   entry.inode = static_cast<unsigned long long>(st.st_ino);
