@@ -10,6 +10,9 @@ JOBS       ?= $(shell nproc)
 CMAKE_GEN  := -G Ninja
 # Benchmarks are built by `make bench` only: no test needs them.
 BENCH      ?= OFF
+# More arguments for every configure (CI: -DHERON_LINE_TABLES=ON).
+HERON_CMAKE_ARGS ?=
+CONFIGURE  := cmake -S . $(CMAKE_GEN) $(HERON_CMAKE_ARGS)
 
 .PHONY: all build deps test test-native test-asan m32 m32-clang lint format format-check demo bench fuzz fuzz-build clean install
 
@@ -19,7 +22,7 @@ deps:
 	@bash scripts/install-deps.sh
 
 build:
-	@test -f $(BUILD)/build.ninja || cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_BENCH=$(BENCH)
+	@test -f $(BUILD)/build.ninja || $(CONFIGURE) -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_BENCH=$(BENCH)
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: deps
@@ -32,7 +35,7 @@ test-native: build
 # clang: it compiles this code in about 60 % of GCC's time, and GCC already
 # builds the native and 32-bit sides.
 test-asan:
-	@test -f $(ASAN_BUILD)/build.ninja || CC=clang CXX=clang++ cmake -S . -B $(ASAN_BUILD) $(CMAKE_GEN) \
+	@test -f $(ASAN_BUILD)/build.ninja || CC=clang CXX=clang++ $(CONFIGURE) -B $(ASAN_BUILD) \
 	  -DCMAKE_BUILD_TYPE=Debug -DHERON_SANITIZE=ON
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	# Tests labelled `once` (packaging, installing, the soak, a real
@@ -42,14 +45,14 @@ test-asan:
 	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS) --timeout 900 -LE once
 
 m32: deps
-	@test -f $(M32_BUILD)/build.ninja || cmake -S . -B $(M32_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_M32=ON
+	@test -f $(M32_BUILD)/build.ninja || $(CONFIGURE) -B $(M32_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_M32=ON
 	cmake --build $(M32_BUILD) -j $(JOBS)
 	ctest --test-dir $(M32_BUILD) --output-on-failure -j $(JOBS) -L unit
 
 # The 32-bit unit tests built with clang too: it lays out and lowers atomics
 # differently from GCC (unit tests only, to keep CI short).
 m32-clang: deps
-	@test -f $(M32_CLANG_BUILD)/build.ninja || CC=clang CXX=clang++ cmake -S . -B $(M32_CLANG_BUILD) $(CMAKE_GEN) \
+	@test -f $(M32_CLANG_BUILD)/build.ninja || CC=clang CXX=clang++ $(CONFIGURE) -B $(M32_CLANG_BUILD) \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_M32=ON -DHERON_BENCH=OFF
 	cmake --build $(M32_CLANG_BUILD) -j $(JOBS) --target heron_unit
 	ctest --test-dir $(M32_CLANG_BUILD) --output-on-failure -j $(JOBS) -L unit
@@ -79,7 +82,7 @@ fuzz: fuzz-build
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/fuzz.sh $(FUZZ_BUILD)
 
 fuzz-build: deps
-	@test -f $(FUZZ_BUILD)/build.ninja || CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) \
+	@test -f $(FUZZ_BUILD)/build.ninja || CC=clang CXX=clang++ $(CONFIGURE) -B $(FUZZ_BUILD) \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_BENCH=OFF -DHERON_FUZZ=ON
 	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz
 
