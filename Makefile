@@ -14,7 +14,7 @@ BENCH      ?= OFF
 HERON_CMAKE_ARGS ?=
 CONFIGURE  := cmake -S . $(CMAKE_GEN) $(HERON_CMAKE_ARGS)
 
-.PHONY: all build deps test test-native test-asan m32 m32-clang lint format format-check demo bench fuzz fuzz-build clean install
+.PHONY: all build deps test test-native test-asan asan-build m32 m32-clang lint format format-check demo bench fuzz fuzz-build clean install
 
 all: build
 
@@ -25,19 +25,29 @@ build:
 	@test -f $(BUILD)/build.ninja || $(CONFIGURE) -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_BENCH=$(BENCH)
 	cmake --build $(BUILD) -j $(JOBS)
 
-test: deps
-	$(MAKE) test-native
+# The sanitizer build compiles at the lowest priority while the native tests
+# run: they spend much of their time waiting on the processes they start,
+# and the build fills the idle cores without taking them from the tests.
+test: deps build
+	@log=$$(mktemp) && { nice -n 19 $(MAKE) --no-print-directory asan-build >"$$log" 2>&1 & pid=$$!; } && \
+	  status=0 && { $(MAKE) --no-print-directory test-native || status=$$?; } && \
+	  { wait $$pid || { cat "$$log"; rm -f "$$log"; echo "the sanitizer build failed"; exit 1; }; } && \
+	  rm -f "$$log" && exit $$status
 	$(MAKE) test-asan
 
 test-native: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 600
 
 # clang: it compiles this code in about 60 % of GCC's time, and GCC already
-# builds the native and 32-bit sides.
-test-asan:
+# builds the native and 32-bit sides. The fuzz targets are built here too,
+# over the same instrumented libraries: CI runs them from this build instead
+# of compiling everything once more.
+asan-build:
 	@test -f $(ASAN_BUILD)/build.ninja || CC=clang CXX=clang++ $(CONFIGURE) -B $(ASAN_BUILD) \
-	  -DCMAKE_BUILD_TYPE=Debug -DHERON_SANITIZE=ON
+	  -DCMAKE_BUILD_TYPE=Debug -DHERON_SANITIZE=ON -DHERON_FUZZ=ON
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+test-asan: asan-build
 	# Tests labelled `once` (packaging, installing, the soak, a real
 	# Prometheus) check the system around the code, not its memory safety:
 	# the native run covers them. LeakSanitizer is on; only the tests that run
