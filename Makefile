@@ -59,13 +59,15 @@ m32: deps
 	cmake --build $(M32_BUILD) -j $(JOBS)
 	ctest --test-dir $(M32_BUILD) --output-on-failure -j $(JOBS) -L unit
 
-# The 32-bit unit tests built with clang too: it lays out and lowers atomics
-# differently from GCC (unit tests only, to keep CI short).
+# The 32-bit runtime built with clang too: it lays out and lowers atomics
+# differently from GCC. The layouts are pinned by static_asserts the compile
+# checks; the generated code is checked for single-instruction shared words.
+# The 32-bit unit tests run in the GCC build (make m32).
 m32-clang: deps
 	@test -f $(M32_CLANG_BUILD)/build.ninja || CC=clang CXX=clang++ $(CONFIGURE) -B $(M32_CLANG_BUILD) \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_M32=ON -DHERON_BENCH=OFF
-	cmake --build $(M32_CLANG_BUILD) -j $(JOBS) --target heron_unit
-	ctest --test-dir $(M32_CLANG_BUILD) --output-on-failure -j $(JOBS) -L unit
+	cmake --build $(M32_CLANG_BUILD) -j $(JOBS) --target heronrt
+	ctest --test-dir $(M32_CLANG_BUILD) --output-on-failure -R '^m32\.SharedWords'
 
 lint: build
 	bash scripts/lint.sh $(BUILD)
