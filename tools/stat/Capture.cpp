@@ -48,11 +48,9 @@ double wallNow() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
-
 void sleepUntil(double monotonic) {
   for (;;) {
-    const double left = monotonic - monotonicNow();
+    const double left = monotonic - Beacon::monoSeconds();
     if (left <= 0) {
       return;
     }
@@ -281,7 +279,7 @@ bool writeBundle(int fd, bool zstd, std::vector<CopiedFile>& files, Json& manife
   }
   manifest["files"] = std::move(list);
   manifest["capture"]["end"] = wallNow();
-  manifest["capture"]["end_monotonic"] = monotonicNow();
+  manifest["capture"]["end_monotonic"] = Beacon::monoSeconds();
   return writeText(writer, kManifestName, manifest.dump(2) + "\n", time, error) && writer.close(error);
 }
 
@@ -332,7 +330,7 @@ int capture(const Options& options) {
     return 1;
   }
   const double startWall = wallNow();
-  const double startMono = monotonicNow();
+  const double startMono = Beacon::monoSeconds();
   const Sample live = liveSample(options);
   const std::string trouble = sampleTrouble(live);
   if (!trouble.empty()) {

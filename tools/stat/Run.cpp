@@ -32,8 +32,6 @@ namespace Stat {
 
 namespace {
 
-double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
-
 // Ctrl-C, SIGTERM and SIGHUP are blocked and waited for, so that a signal
 // ends a wait cleanly between two samples instead of cutting a report short;
 // a write that waits for its reader waits for them too. After a stop they
@@ -46,7 +44,7 @@ class StopSignals : public Beacon::StopSignals {
 
   // Waits until the monotonic time `until`; true when a signal came first.
   bool waitUntil(double until) {
-    const double left = until - monotonicNow();
+    const double left = until - Beacon::monoSeconds();
     return waitNs(left > 0 ? static_cast<long long>(left * 1e9) : 0) != 0;
   }
 };
@@ -98,7 +96,7 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
   }
   Sample previous;
   bool first = true;
-  double next = monotonicNow();
+  double next = Beacon::monoSeconds();
   KeptReaders kept;
   for (;;) {
     Sample sample = collect(options.collect, &kept);
@@ -116,7 +114,7 @@ int watch(const Options& options, StopSignals& signals, Emitter& emitter) {
     previous = std::move(sample);
     first = false;
     next += options.interval;
-    const double now = monotonicNow();
+    const double now = Beacon::monoSeconds();
     if (next < now) {
       next = now;  // a sample took longer than the interval: no burst to catch up
     }
@@ -167,7 +165,7 @@ int record(const Options& options, StopSignals& signals) {
   bool first = true;
   bool failing = false;
   KeptReaders kept;
-  for (double next = monotonicNow();; next = std::max(next + options.interval, monotonicNow())) {
+  for (double next = Beacon::monoSeconds();; next = std::max(next + options.interval, Beacon::monoSeconds())) {
     Sample sample = collect(options.collect, &kept);
     if (!first) {
       deriveRates(previous, sample);
@@ -254,7 +252,7 @@ int serveListen(const Options& options) {
     return Answer{answer.status, answer.body};
   };
   PageSample page([&options, &kept] { return collect(options.collect, &kept); }, options.thresholds, options.interval);
-  endpoints.sample = [&page] { return Answer{200, page.document(monotonicNow())}; };
+  endpoints.sample = [&page] { return Answer{200, page.document(Beacon::monoSeconds())}; };
   endpoints.refreshSeconds = page.refreshSeconds();
   return serve(where, endpoints, std::cout, std::cerr);
 }

@@ -104,8 +104,6 @@ class Terminal {
   bool colour_ = false;
 };
 
-double monotonicNow() { return static_cast<double>(Beacon::monoNs()) / 1e9; }
-
 // What a key code means: the curses codes of the function keys, and the
 // characters that are no text (Enter, Escape, the two Backspaces).
 struct KeyCode {
@@ -165,9 +163,9 @@ int run(const Options& options, int stopFd) {
   }
   View view(options);
   KeptReaders kept;
-  double next = monotonicNow();
+  double next = Beacon::monoSeconds();
   for (;;) {
-    const double now = monotonicNow();
+    const double now = Beacon::monoSeconds();
     if (!view.paused() && now >= next) {
       view.take(collect(options.collect, &kept));
       next = std::max(next + options.interval, now);
@@ -177,7 +175,7 @@ int run(const Options& options, int stopFd) {
     getmaxyx(stdscr, height, width);
     terminal.draw(
         view.frame(static_cast<std::size_t>(std::max(height, 1)), static_cast<std::size_t>(std::max(width, 1))));
-    if (!waitForInput(stopFd, view.paused() ? -1.0 : next - monotonicNow())) {
+    if (!waitForInput(stopFd, view.paused() ? -1.0 : next - Beacon::monoSeconds())) {
       return 0;
     }
     wint_t code = 0;

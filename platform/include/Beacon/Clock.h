@@ -13,6 +13,9 @@ std::uint64_t nowNs();
 // must not change (heartbeatMonoNs).
 std::uint64_t monoNs();
 
+// monoNs() in seconds: the deadlines and intervals of the tools' loops.
+double monoSeconds();
+
 // The wall clock in seconds since the epoch, with sub-microsecond
 // resolution: durations printed in reports.
 double time();

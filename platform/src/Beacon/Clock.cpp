@@ -18,6 +18,8 @@ std::uint64_t nowNs() { return read(CLOCK_REALTIME); }
 
 std::uint64_t monoNs() { return read(CLOCK_MONOTONIC); }
 
+double monoSeconds() { return static_cast<double>(monoNs()) / 1e9; }
+
 double time() {
   struct timespec now {};
   ::clock_gettime(CLOCK_REALTIME, &now);
