@@ -26,7 +26,7 @@ namespace Stat {
 
 namespace {
 
-using Json = nlohmann::json;
+using ParsedJson = nlohmann::json;
 
 // A manifest larger than this is not one heron-stat wrote.
 constexpr la_int64_t kMaxManifestBytes = 64LL << 20;
@@ -139,7 +139,7 @@ bool extractFile(archive* reader, const std::string& path, la_int64_t size, std:
   return ok;
 }
 
-bool readManifest(archive* reader, la_int64_t size, Json& manifest, std::string& error) {
+bool readManifest(archive* reader, la_int64_t size, ParsedJson& manifest, std::string& error) {
   if (size < 0 || size > kMaxManifestBytes) {
     error = "the manifest is too large";
     return false;
@@ -149,7 +149,7 @@ bool readManifest(archive* reader, la_int64_t size, Json& manifest, std::string&
     error = archive_error_string(reader) != nullptr ? archive_error_string(reader) : "the manifest is cut short";
     return false;
   }
-  manifest = Json::parse(text, nullptr, false);
+  manifest = ParsedJson::parse(text, nullptr, false);
   if (manifest.is_discarded() || !manifest.is_object()) {
     error = "the manifest is not a JSON object";
     return false;
@@ -158,7 +158,7 @@ bool readManifest(archive* reader, la_int64_t size, Json& manifest, std::string&
 }
 
 // One entry: the manifest, a directory or a file of tables/.
-bool readEntry(archive* reader, archive_entry* entry, const std::string& into, Json& manifest, bool& sawManifest,
+bool readEntry(archive* reader, archive_entry* entry, const std::string& into, ParsedJson& manifest, bool& sawManifest,
                std::string& error) {
   const char* rawName = archive_entry_pathname(entry);
   const std::string name = rawName != nullptr ? rawName : "";
@@ -187,7 +187,7 @@ bool readEntry(archive* reader, archive_entry* entry, const std::string& into, J
   return extractFile(reader, path, size, error);
 }
 
-bool checkManifest(const Json& manifest, std::string& error) {
+bool checkManifest(const ParsedJson& manifest, std::string& error) {
   const auto version = manifest.find("format_version");
   if (version == manifest.end() || !version->is_number_integer()) {
     error = "the manifest has no format version";
@@ -252,7 +252,7 @@ RootOverride::~RootOverride() {
   }
 }
 
-bool readBundle(const std::string& path, const std::string& into, Json& manifest, std::string& error) {
+bool readBundle(const std::string& path, const std::string& into, ParsedJson& manifest, std::string& error) {
   std::unique_ptr<archive, int (*)(archive*)> reader(archive_read_new(), archive_read_free);
   archive_read_support_format_tar(reader.get());
   archive_read_support_filter_zstd(reader.get());
@@ -289,7 +289,7 @@ bool fromBundle(const std::string& path, const CollectOptions& options, const Th
   if (!scratch.create(Mem::OrbRootPath::collectionRoot(), error)) {
     return false;
   }
-  Json manifest;
+  ParsedJson manifest;
   if (!readBundle(path, scratch.path(), manifest, error)) {
     error = "cannot read the bundle " + printable(path) + ": " + printable(error);
     return false;

@@ -13,24 +13,24 @@ namespace Stat {
 
 namespace {
 
-using Json = nlohmann::json;
+using ParsedJson = nlohmann::json;
 
-double number(const Json& object, const char* key, double fallback) {
+double number(const ParsedJson& object, const char* key, double fallback) {
   const auto found = object.find(key);
   return found != object.end() && found->is_number() ? found->get<double>() : fallback;
 }
 
-std::optional<double> optionalNumber(const Json& object, const char* key) {
+std::optional<double> optionalNumber(const ParsedJson& object, const char* key) {
   const auto found = object.find(key);
   return found != object.end() && found->is_number() ? std::optional<double>(found->get<double>()) : std::nullopt;
 }
 
-std::string text(const Json& object, const char* key) {
+std::string text(const ParsedJson& object, const char* key) {
   const auto found = object.find(key);
   return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
-Seen seen(const Json& object, const char* key) {
+Seen seen(const ParsedJson& object, const char* key) {
   const auto found = object.find(key);
   if (found == object.end() || !found->is_boolean()) {
     return Seen::Unknown;
@@ -38,11 +38,11 @@ Seen seen(const Json& object, const char* key) {
   return found->get<bool>() ? Seen::Yes : Seen::No;
 }
 
-std::vector<int> pids(const Json& object, const char* key) {
+std::vector<int> pids(const ParsedJson& object, const char* key) {
   std::vector<int> out;
   const auto found = object.find(key);
   if (found != object.end() && found->is_array()) {
-    for (const Json& pid : *found) {
+    for (const ParsedJson& pid : *found) {
       if (pid.is_number_integer()) {
         out.push_back(pid.get<int>());
       }
@@ -51,13 +51,13 @@ std::vector<int> pids(const Json& object, const char* key) {
   return out;
 }
 
-const Json& member(const Json& object, const char* key) {
-  static const Json kNull;
+const ParsedJson& member(const ParsedJson& object, const char* key) {
+  static const ParsedJson kNull;
   const auto found = object.find(key);
   return found != object.end() && found->is_object() ? *found : kNull;
 }
 
-void overlayWriter(const Json& live, Writer& writer) {
+void overlayWriter(const ParsedJson& live, Writer& writer) {
   if (!live.is_object()) {
     return;
   }
@@ -71,19 +71,19 @@ void overlayWriter(const Json& live, Writer& writer) {
   writer.mapsTable = seen(live, "maps_table");
 }
 
-void overlayTable(const Json& live, Table& table) {
+void overlayTable(const ParsedJson& live, Table& table) {
   table.identity.path = text(live, "path");
   overlayWriter(member(live, "writer"), table.writer);
-  const Json& clients = member(live, "clients");
+  const ParsedJson& clients = member(live, "clients");
   table.clients.known = clients.is_object() && clients.value("known", false);
   table.clients.writers = pids(clients, "writers");
   table.clients.shadows = pids(clients, "shadows");
-  const Json& queues = member(live, "queues");
+  const ParsedJson& queues = member(live, "queues");
   if (queues.is_object()) {
     table.queues.ratePerSecond = optionalNumber(queues, "rate_per_second");
     table.queues.secondsToSwitch = optionalNumber(queues, "seconds_to_switch");
   }
-  const Json& allocator = member(live, "allocator");
+  const ParsedJson& allocator = member(live, "allocator");
   if (allocator.is_object()) {
     table.allocator.allocationsPerSecond = optionalNumber(allocator, "allocations_per_second");
     table.allocator.releasesPerSecond = optionalNumber(allocator, "releases_per_second");
@@ -99,11 +99,11 @@ State stateOf(const std::string& name) {
   return State::Broken;
 }
 
-std::vector<Problem> problemsOf(const Json& object) {
+std::vector<Problem> problemsOf(const ParsedJson& object) {
   std::vector<Problem> out;
   const auto found = object.find("problems");
   if (found != object.end() && found->is_array()) {
-    for (const Json& entry : *found) {
+    for (const ParsedJson& entry : *found) {
       if (entry.is_object()) {
         const bool critical = text(entry, "severity") == severityName(Severity::Critical);
         out.push_back({critical ? Severity::Critical : Severity::Warning, text(entry, "text")});
@@ -113,7 +113,7 @@ std::vector<Problem> problemsOf(const Json& object) {
   return out;
 }
 
-void ownerOf(const Json& owner, Identity& id) {
+void ownerOf(const ParsedJson& owner, Identity& id) {
   id.ownerKnown = owner.is_object();
   if (id.ownerKnown) {
     id.type = static_cast<std::uint32_t>(number(owner, "type", 0));
@@ -124,21 +124,21 @@ void ownerOf(const Json& owner, Identity& id) {
   }
 }
 
-void writerOf(const Json& live, Writer& writer) {
+void writerOf(const ParsedJson& live, Writer& writer) {
   writer.known = live.is_object();
   if (!writer.known) {
     return;
   }
   overlayWriter(live, writer);
   writer.pid = static_cast<std::uint32_t>(number(live, "namespace_pid", 0));
-  const Json& ember = member(live, "ember");
+  const ParsedJson& ember = member(live, "ember");
   writer.emberPid = static_cast<std::uint16_t>(ember.is_object() ? number(ember, "pid", 0) : 0);
   writer.instance = static_cast<std::uint16_t>(ember.is_object() ? number(ember, "instance", 0) : 0);
   writer.restarts = static_cast<std::uint32_t>(number(live, "restarts", 0));
   writer.startedSeconds = number(live, "started", 0);
 }
 
-void queuesOf(const Json& live, Queues& queues) {
+void queuesOf(const ParsedJson& live, Queues& queues) {
   queues.known = live.is_object();
   if (!queues.known) {
     return;
@@ -149,7 +149,7 @@ void queuesOf(const Json& live, Queues& queues) {
   queues.fillRatio = number(live, "fill_ratio", 0);
   const auto sides = live.find("tables");
   for (std::size_t i = 0; sides != live.end() && sides->is_array() && i < 2 && i < sides->size(); ++i) {
-    const Json& side = (*sides)[i];
+    const ParsedJson& side = (*sides)[i];
     if (side.is_object()) {
       queues.tables[i] = {static_cast<std::uint32_t>(number(side, "capacity", 0)),
                           static_cast<std::uint32_t>(number(side, "position", 0)),
@@ -158,7 +158,7 @@ void queuesOf(const Json& live, Queues& queues) {
   }
 }
 
-Region regionOf(const Json& row) {
+Region regionOf(const ParsedJson& row) {
   Region region;
   region.id = static_cast<std::uint32_t>(number(row, "id", 0));
   region.entrySize = static_cast<std::uint32_t>(number(row, "entry_size", 0));
@@ -169,7 +169,7 @@ Region regionOf(const Json& row) {
   return region;
 }
 
-void allocatorOf(const Json& live, Allocator& allocator) {
+void allocatorOf(const ParsedJson& live, Allocator& allocator) {
   allocator.known = live.is_object();
   if (!allocator.known) {
     return;
@@ -179,13 +179,13 @@ void allocatorOf(const Json& live, Allocator& allocator) {
   allocator.freePages = static_cast<std::uint64_t>(number(live, "free_pages", 0));
   allocator.allocations = static_cast<std::uint64_t>(number(live, "allocations", 0));
   allocator.releases = static_cast<std::uint64_t>(number(live, "releases", 0));
-  const Json& fullest = member(live, "fullest_region");
+  const ParsedJson& fullest = member(live, "fullest_region");
   if (fullest.is_object()) {
     allocator.fullest = regionOf(fullest);
   }
   const auto rows = live.find("region_list");
   if (rows != live.end() && rows->is_array()) {
-    for (const Json& row : *rows) {
+    for (const ParsedJson& row : *rows) {
       if (row.is_object()) {
         allocator.regions.push_back(regionOf(row));
       }
@@ -193,7 +193,7 @@ void allocatorOf(const Json& live, Allocator& allocator) {
   }
 }
 
-Table tableOf(const Json& live) {
+Table tableOf(const ParsedJson& live) {
   Table table;
   table.identity.name = text(live, "name");
   ownerOf(member(live, "owner"), table.identity);
@@ -208,7 +208,7 @@ Table tableOf(const Json& live) {
 
 }  // namespace
 
-bool overlayLiveSample(const Json& live, const std::string& copiedRoot, Sample& copied, std::string& error) {
+bool overlayLiveSample(const ParsedJson& live, const std::string& copiedRoot, Sample& copied, std::string& error) {
   const auto tables = live.find("tables");
   if (!live.is_object() || tables == live.end() || !tables->is_array()) {
     error = "the sample has no table list";
@@ -222,8 +222,8 @@ bool overlayLiveSample(const Json& live, const std::string& copiedRoot, Sample& 
   copied.clientsWalked = copied.clientsKnown;
   // About the collection as sampled (an EXPR that matched nothing).
   copied.problems = problemsOf(live);
-  std::unordered_map<std::string, const Json*> byName;
-  for (const Json& table : *tables) {
+  std::unordered_map<std::string, const ParsedJson*> byName;
+  for (const ParsedJson& table : *tables) {
     if (table.is_object()) {
       byName.emplace(text(table, "name"), &table);
     }
@@ -250,7 +250,7 @@ bool overlayLiveSample(const Json& live, const std::string& copiedRoot, Sample& 
 }
 
 bool sampleFromJson(const std::string& text, const Thresholds& thresholds, Sample& sample, std::string& error) {
-  const Json live = Json::parse(text, nullptr, false);
+  const ParsedJson live = ParsedJson::parse(text, nullptr, false);
   if (!overlayLiveSample(live, std::string(), sample, error)) {
     return false;
   }
@@ -259,7 +259,7 @@ bool sampleFromJson(const std::string& text, const Thresholds& thresholds, Sampl
                          ? live["root_error"].get<std::string>()
                          : std::string();
   sample.problems = problemsOf(live);
-  for (const Json& entry : live["tables"]) {
+  for (const ParsedJson& entry : live["tables"]) {
     if (entry.is_object()) {
       sample.tables.push_back(tableOf(entry));
     }

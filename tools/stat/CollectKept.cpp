@@ -17,8 +17,6 @@ namespace Stat {
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() { return collectHandler(); }
-
 // The ids of `names` in the directory `dir`; false when one cannot be
 // stat'ed (gone, or never there).
 bool fileIds(const std::string& dir, const std::vector<std::string>& names, std::vector<FileId>& ids) {
@@ -40,8 +38,8 @@ bool fileIds(const std::string& dir, const std::vector<std::string>& names, std:
 // the file's id as it was) is then reported by a fresh reader.
 bool headersValid(const QueueHeaders& headers, const std::vector<FileId>& files) {
   std::string error;
-  return headers.primary.validateSize(handler(), static_cast<std::uint64_t>(files[0].size), 0, error) &&
-         headers.secondary.validateSize(handler(), static_cast<std::uint64_t>(files[1].size), 0, error);
+  return headers.primary.validateSize(collectHandler(), static_cast<std::uint64_t>(files[0].size), 0, error) &&
+         headers.secondary.validateSize(collectHandler(), static_cast<std::uint64_t>(files[1].size), 0, error);
 }
 
 // The allocator file and the region files among the table's entries.
@@ -56,14 +54,17 @@ std::vector<std::string> allocatorFiles(const Mem::TableFinder::Listing& listing
   return names;
 }
 
+}  // namespace
+
 // An allocator reader whose regions stay attached between reads. Only
 // their headers and bitmaps are mapped: a whole region kept mapped would
 // keep up to sixteen of its pages resident, which the kernel maps around
-// the header when it is read.
+// the header when it is read. Not in the anonymous namespace: a member of
+// KeptReaders::Table, which is not in it either, holds one.
 class KeptAllocator : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
  public:
   explicit KeptAllocator(const std::string& path)
-      : Quarry::QuarryScannerBase<Quarry::NoMapScanner>(handler(), Mem::RootPath(path), std::string(),
+      : Quarry::QuarryScannerBase<Quarry::NoMapScanner>(collectHandler(), Mem::RootPath(path), std::string(),
                                                         Mem::MapExtent::Header) {
     // Files that change are noticed by their ids, not by a watch.
     watchDeletions(false);
@@ -79,8 +80,6 @@ class KeptAllocator : public Quarry::QuarryScannerBase<Quarry::NoMapScanner> {
     return listError().empty() && badRegions().empty();
   }
 };
-
-}  // namespace
 
 struct KeptReaders::Table {
   unsigned long long seen = 0;
@@ -101,7 +100,7 @@ struct KeptReaders::Table {
   std::unique_ptr<KeptAllocator> allocator;
 };
 
-KeptReaders::KeptReaders() : dirs_(handler()) {}
+KeptReaders::KeptReaders() : dirs_(collectHandler()) {}
 KeptReaders::~KeptReaders() = default;
 
 void KeptReaders::beginSample() {
@@ -187,7 +186,7 @@ bool KeptReaders::queues(const std::string& path, QueueHeaders& headers) {
 std::unique_ptr<QueueReader> KeptReaders::newQueues(const std::string& path) {
   // A page a file: the slots would cost up to sixteen pages each, mapped
   // around the header by the kernel, for as long as the reader is kept.
-  return std::make_unique<QueueReader>(handler(), Mem::RootPath(path), false, Mem::MapExtent::Header);
+  return std::make_unique<QueueReader>(collectHandler(), Mem::RootPath(path), false, Mem::MapExtent::Header);
 }
 
 void KeptReaders::keepQueues(const std::string& path, std::unique_ptr<QueueReader> reader) {

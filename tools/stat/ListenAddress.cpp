@@ -18,7 +18,7 @@ constexpr int kListenBacklog = 256;
 
 // Text from the command line quoted in an error line: control characters
 // become '?', so nothing raw reaches a terminal.
-std::string printable(const std::string& text) {
+std::string controlsMasked(const std::string& text) {
   std::string shown;
   shown.reserve(text.size());
   for (const char c : text) {
@@ -138,7 +138,7 @@ bool parseListenAddress(const std::string& text, ListenAddress& out, std::string
     why = "the port must be a number from 0 to 65535";
   }
   if (!why.empty()) {
-    error = "invalid listen address '" + printable(text) + "': " + why;
+    error = "invalid listen address '" + controlsMasked(text) + "': " + why;
     return false;
   }
   out.host = host;
