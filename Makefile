@@ -105,4 +105,4 @@ install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(M32_BUILD) $(M32_CLANG_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(BUILD)-lint $(ASAN_BUILD) $(M32_BUILD) $(M32_CLANG_BUILD) $(FUZZ_BUILD)
