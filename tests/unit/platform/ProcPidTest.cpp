@@ -15,7 +15,7 @@ using Beacon::Proc::Access;
 using Beacon::Proc::PidNamespaceIndex;
 using Beacon::Proc::PidStatus;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 // A fake /proc: one directory per process with a status file and, when a
 // namespace is given, an ns/pid link whose text is what the kernel shows.
@@ -99,7 +99,7 @@ TEST(PidNamespaceIndex, FindsTheLiveProcessByItsInnermostPidInThatNamespace) {
   ASSERT_EQ(::mkdir((proc.path() + "/self").c_str(), 0755), 0);
   ASSERT_EQ(::mkdir((proc.path() + "/self/ns").c_str(), 0755), 0);
   ASSERT_EQ(::symlink("pid:[4026531836]", (proc.path() + "/self/ns/pid").c_str()), 0);
-  PidNamespaceIndex index(handler(), proc.path());
+  PidNamespaceIndex index(quietHandler(), proc.path());
   EXPECT_EQ(index.own(), Beacon::Proc::kInitialPidNamespace);
   EXPECT_EQ(index.find(4026532100ULL, 1), 500);
   EXPECT_EQ(index.find(4026532100ULL, 7), 501);
@@ -112,14 +112,14 @@ TEST(PidNamespaceIndex, FindsTheLiveProcessByItsInnermostPidInThatNamespace) {
 }
 
 TEST(PidNamespaceIndex, AnUnreadableProcIsIncomplete) {
-  PidNamespaceIndex index(handler(), "/nonexistent/proc");
+  PidNamespaceIndex index(quietHandler(), "/nonexistent/proc");
   EXPECT_TRUE(index.processesIn(4026532100ULL).empty());
   EXPECT_FALSE(index.complete());
   EXPECT_EQ(index.own(), 0U);
 }
 
 TEST(PidNamespaceIndex, SeesThisProcessInItsOwnNamespace) {
-  PidNamespaceIndex index(handler());
+  PidNamespaceIndex index(quietHandler());
   const std::uint64_t own = index.own();
   ASSERT_NE(own, 0U);
   PidStatus self;
