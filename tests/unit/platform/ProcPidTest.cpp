@@ -19,7 +19,7 @@ using HeronTest::quietHandler;
 
 // A fake /proc: one directory per process with a status file and, when a
 // namespace is given, an ns/pid link whose text is what the kernel shows.
-class FakeProc {
+class FakeStatusProc {
  public:
   void add(int pid, const std::string& nsLink, const std::string& status) {
     const std::string dir = root_.file(std::to_string(pid));
@@ -42,7 +42,7 @@ std::string status(const char* state, const std::string& pid, const std::string&
 }
 
 TEST(ProcPid, ReadsTheNamespaceInodeFromTheLinkText) {
-  FakeProc proc;
+  FakeStatusProc proc;
   proc.add(40, "pid:[4026532001]", status("S (sleeping)", "40", "40\t1"));
   proc.add(41, "net:[4026532001]", status("S (sleeping)", "41", "41"));
   proc.add(42, "pid:[]", status("S (sleeping)", "42", "42"));
@@ -62,7 +62,7 @@ TEST(ProcPid, OwnNamespaceIsTheInodeOfTheLinkTarget) {
 }
 
 TEST(ProcPid, StatusGivesStateAndThePidsOutermostFirst) {
-  FakeProc proc;
+  FakeStatusProc proc;
   proc.add(4711, "", status("S (sleeping)", "4711", "4711\t12\t1"));
   proc.add(4712, "", status("Z (zombie)", "4712", "4712"));
   proc.add(4713, "", status("R (running)", "4713", ""));
@@ -89,7 +89,7 @@ TEST(ProcPid, OwnStatusEndsWithOurOwnPid) {
 }
 
 TEST(PidNamespaceIndex, FindsTheLiveProcessByItsInnermostPidInThatNamespace) {
-  FakeProc proc;
+  FakeStatusProc proc;
   // Host pid 1 has the same number as the container's writer: another namespace.
   proc.add(1, "pid:[4026531836]", status("S (sleeping)", "1", "1"));
   proc.add(500, "pid:[4026532100]", status("S (sleeping)", "500", "500\t1"));
