@@ -21,6 +21,9 @@ inline const std::string& helpText() {
 inline const char* const kChrootHint =
     "The utility must be run from the same directory as the executable that produces the table.\n";
 
+// What heron prints before the output of the tests' usual table, "t".
+inline const char* const kTableNameT = "Table Name: t\n\n";
+
 class CliTest : public testing::Test {
  protected:
   // Runs heron (argv[0] "heron") with HERON_ROOT set to the fixture's root,

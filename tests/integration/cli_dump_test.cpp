@@ -24,7 +24,7 @@
 namespace HeronTest {
 namespace {
 
-const char* const kTableName = "Table Name: tab\n\n";
+const char* const kTableNameTab = "Table Name: tab\n\n";
 
 // One relay file's header fields, read from the file as the documented
 // layout places them.
@@ -144,17 +144,17 @@ class CliDump : public CliTest {
 };
 
 TEST_F(CliDump, NoArgumentsWithOneTableSetsUpBothReadersAndPrintsNothing) {
-  EXPECT_TRUE(same(heron({}), "", kTableName, 0));
+  EXPECT_TRUE(same(heron({}), "", kTableNameTab, 0));
 }
 
 TEST_F(CliDump, NoDumpFlagsPrintsNothing) {
-  EXPECT_TRUE(same(heron({"tab"}), "", kTableName, 0));
-  EXPECT_TRUE(same(heron({"-e", "-O", "tab"}), "", kTableName, 0));
+  EXPECT_TRUE(same(heron({"tab"}), "", kTableNameTab, 0));
+  EXPECT_TRUE(same(heron({"-e", "-O", "tab"}), "", kTableNameTab, 0));
 }
 
 TEST_F(CliDump, StatisticsSectionOrder) {
   RunResult result = heron({"-s", "tab"});
-  EXPECT_TRUE(same(result, result.out, kTableName, 0));
+  EXPECT_TRUE(same(result, result.out, kTableNameTab, 0));
   std::string prefix = statisticsPrefix();
   EXPECT_TRUE(startsWith(result.out, prefix)) << result.out << "\nexpected to begin with\n" << prefix;
   EXPECT_GT(result.out.size(), prefix.size()) << "no allocator statistics after the relay headers";
@@ -162,7 +162,7 @@ TEST_F(CliDump, StatisticsSectionOrder) {
 
 TEST_F(CliDump, DetailAlonePrintsTheStatisticsSection) {
   RunResult result = heron({"-d", "tab"});
-  EXPECT_TRUE(same(result, result.out, kTableName, 0));
+  EXPECT_TRUE(same(result, result.out, kTableNameTab, 0));
   EXPECT_TRUE(startsWith(result.out, statisticsPrefix())) << result.out;
 }
 
@@ -172,7 +172,7 @@ TEST_F(CliDump, StatisticsWithQueuesPrintsTheStatisticsOnly) {
        {std::vector<std::string>{"-s", "-q", "tab"}, std::vector<std::string>{"-s", "-a", "-e", "-r", "1", "tab"},
         std::vector<std::string>{"-q", "-R", "-s", "tab"}}) {
     RunResult result = heron(args);
-    EXPECT_TRUE(same(result, result.out, kTableName, 0));
+    EXPECT_TRUE(same(result, result.out, kTableNameTab, 0));
     EXPECT_TRUE(startsWith(result.out, statisticsPrefix())) << result.out;
     EXPECT_EQ(result.out.find("relay queue ("), std::string::npos) << result.out;
     EXPECT_EQ(result.out.size(), stats.out.size()) << result.out;
@@ -195,7 +195,7 @@ TEST_F(CliDump, CurrentTableOtherThanZeroIsSecondary) {
 
 TEST_F(CliDump, QueuesAloneShowTheActiveTableOnly) {
   RunResult result = heron({"-q", "tab"});
-  EXPECT_TRUE(same(result, result.out, kTableName, 0));
+  EXPECT_TRUE(same(result, result.out, kTableNameTab, 0));
   EXPECT_TRUE(startsWith(result.out, kActivePrimary)) << result.out;
   EXPECT_EQ(result.out.find("Secondary relay queue"), std::string::npos) << result.out;
   EXPECT_EQ(result.out.find("Relay headers:"), std::string::npos) << result.out;
@@ -203,7 +203,7 @@ TEST_F(CliDump, QueuesAloneShowTheActiveTableOnly) {
 
 TEST_F(CliDump, QueuesWithEmptyEntriesShowBothTablesWhole) {
   RunResult result = heron({"-q", "-e", "tab"});
-  EXPECT_TRUE(same(result, result.out, kTableName, 0));
+  EXPECT_TRUE(same(result, result.out, kTableNameTab, 0));
   EXPECT_TRUE(startsWith(result.out, kActivePrimary)) << result.out;
   EXPECT_NE(result.out.find(kBackupSecondary), std::string::npos) << result.out;
 }
@@ -211,7 +211,7 @@ TEST_F(CliDump, QueuesWithEmptyEntriesShowBothTablesWhole) {
 TEST_F(CliDump, RegionsComeBeforeTheActiveQueue) {
   RunResult regions = heron({"-R", "tab"});
   RunResult both = heron({"-R", "-q", "tab"});
-  EXPECT_TRUE(same(both, both.out, kTableName, 0));
+  EXPECT_TRUE(same(both, both.out, kTableNameTab, 0));
   EXPECT_TRUE(startsWith(both.out, regions.out + kActivePrimary)) << both.out;
   EXPECT_EQ(both.out.find("Secondary relay queue"), std::string::npos) << both.out;
 }
@@ -219,7 +219,7 @@ TEST_F(CliDump, RegionsComeBeforeTheActiveQueue) {
 TEST_F(CliDump, RegionsWithEmptyEntriesComeBeforeBothQueues) {
   RunResult regions = heron({"-R", "-e", "tab"});
   RunResult both = heron({"-R", "-q", "-e", "tab"});
-  EXPECT_TRUE(same(both, both.out, kTableName, 0));
+  EXPECT_TRUE(same(both, both.out, kTableNameTab, 0));
   EXPECT_TRUE(startsWith(both.out, regions.out + kActivePrimary)) << both.out;
   EXPECT_NE(both.out.find(kBackupSecondary), std::string::npos) << both.out;
 }
@@ -227,31 +227,31 @@ TEST_F(CliDump, RegionsWithEmptyEntriesComeBeforeBothQueues) {
 TEST_F(CliDump, AllIsRegionsAndQueues) {
   RunResult regions = heron({"-R", "tab"});
   RunResult all = heron({"-a", "tab"});
-  EXPECT_TRUE(same(all, all.out, kTableName, 0));
+  EXPECT_TRUE(same(all, all.out, kTableNameTab, 0));
   EXPECT_TRUE(startsWith(all.out, regions.out + kActivePrimary)) << all.out;
 }
 
 TEST_F(CliDump, OneRegionIdAloneDumpsRegions) {
   RunResult chosen = heron({"-r", "7", "tab"});
-  EXPECT_TRUE(same(chosen, chosen.out, kTableName, 0));
-  EXPECT_TRUE(same(heron({"-R", "-r", "7", "tab"}), chosen.out, kTableName, 0));
+  EXPECT_TRUE(same(chosen, chosen.out, kTableNameTab, 0));
+  EXPECT_TRUE(same(heron({"-R", "-r", "7", "tab"}), chosen.out, kTableNameTab, 0));
 }
 
 TEST_F(CliDump, RegionIdThatIsNotANumberIsZero) {
   RunResult zero = heron({"-r", "0", "tab"});
-  EXPECT_TRUE(same(heron({"-r", "x", "tab"}), zero.out, kTableName, 0));
-  EXPECT_TRUE(same(heron({"-r", "0", "-r", "x", "tab"}), zero.out, kTableName, 0));
+  EXPECT_TRUE(same(heron({"-r", "x", "tab"}), zero.out, kTableNameTab, 0));
+  EXPECT_TRUE(same(heron({"-r", "0", "-r", "x", "tab"}), zero.out, kTableNameTab, 0));
 }
 
 TEST_F(CliDump, RegionIdKeepsTrailingTextAndWrapsNegatives) {
   RunResult seven = heron({"-r", "7", "tab"});
-  EXPECT_TRUE(same(heron({"-r", "7abc", "tab"}), seven.out, kTableName, 0));
-  EXPECT_TRUE(same(heron({"-r", " +7", "tab"}), seven.out, kTableName, 0));
+  EXPECT_TRUE(same(heron({"-r", "7abc", "tab"}), seven.out, kTableNameTab, 0));
+  EXPECT_TRUE(same(heron({"-r", " +7", "tab"}), seven.out, kTableNameTab, 0));
   RunResult last = heron({"-r", "4294967295", "tab"});
-  EXPECT_TRUE(same(last, last.out, kTableName, 0));
-  EXPECT_TRUE(same(heron({"-r", "-1", "tab"}), last.out, kTableName, 0));
+  EXPECT_TRUE(same(last, last.out, kTableNameTab, 0));
+  EXPECT_TRUE(same(heron({"-r", "-1", "tab"}), last.out, kTableNameTab, 0));
   RunResult wrapped = heron({"-r", "2147483648", "tab"});
-  EXPECT_TRUE(same(heron({"-r", "-2147483648", "tab"}), wrapped.out, kTableName, 0));
+  EXPECT_TRUE(same(heron({"-r", "-2147483648", "tab"}), wrapped.out, kTableNameTab, 0));
 }
 
 TEST_F(CliDump, RegionIdOutsideThirtyTwoBitsIsRefused) {
@@ -266,24 +266,26 @@ TEST_F(CliDump, RegionIdOutsideThirtyTwoBitsIsRefused) {
 
 TEST_F(CliDump, RelayReaderFailureAfterTheRegionScanner) {
   ASSERT_EQ(::unlink((table + "/relay.1").c_str()), 0);
-  EXPECT_TRUE(same(heron({"-s", "tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
+  EXPECT_TRUE(
+      same(heron({"-s", "tab"}), "", std::string(kTableNameTab) + "Failed to initialize RelayReaderGeneric\n", 1));
 }
 
 TEST_F(CliDump, NoDumpFlagsStillSetUpTheRelayReader) {
   ASSERT_EQ(::unlink((table + "/relay.1").c_str()), 0);
-  EXPECT_TRUE(same(heron({"tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
+  EXPECT_TRUE(same(heron({"tab"}), "", std::string(kTableNameTab) + "Failed to initialize RelayReaderGeneric\n", 1));
 }
 
 TEST_F(CliDump, MissingSecondaryFailsTheRelayReader) {
   ASSERT_EQ(::unlink((table + "/relay.2").c_str()), 0);
-  EXPECT_TRUE(same(heron({"-q", "tab"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
+  EXPECT_TRUE(
+      same(heron({"-q", "tab"}), "", std::string(kTableNameTab) + "Failed to initialize RelayReaderGeneric\n", 1));
 }
 
 TEST_F(CliDump, InvalidRelayHeaderIsExplainedThenFails) {
   ASSERT_TRUE(patch32(table + "/relay.1", 0, 0x21212121));
   RunResult result = heron({"-s", "tab"});
   EXPECT_TRUE(same(result, "", result.err, 1));
-  EXPECT_TRUE(startsWith(result.err, std::string(kTableName) + "Relay ")) << result.err;
+  EXPECT_TRUE(startsWith(result.err, std::string(kTableNameTab) + "Relay ")) << result.err;
   std::string tail = " validation failed: ";
   EXPECT_NE(result.err.find(tail), std::string::npos) << result.err;
   std::string last = "\nFailed to initialize RelayReaderGeneric\n";
@@ -295,7 +297,7 @@ TEST_F(CliDump, StatisticsInAnOutputFileMatchStandardOutput) {
   std::string file = outputs.file("stats.txt");
   ASSERT_TRUE(writeFile(file, std::string(100000, 'x')));
   RunResult toStdout = heron({"-d", "tab"});
-  EXPECT_TRUE(same(heron({"-d", "-f", file, "tab"}), "", kTableName, 0));
+  EXPECT_TRUE(same(heron({"-d", "-f", file, "tab"}), "", kTableNameTab, 0));
   EXPECT_EQ(readFile(file), toStdout.out);
 }
 
@@ -303,7 +305,7 @@ TEST_F(CliDump, RegionsThenQueuesInAnOutputFile) {
   std::string file = outputs.file("dump.txt");
   ASSERT_TRUE(writeFile(file, std::string(100000, 'x')));
   RunResult regions = heron({"-R", "tab"});
-  EXPECT_TRUE(same(heron({"-R", "-q", "-f", file, "tab"}), "", kTableName, 0));
+  EXPECT_TRUE(same(heron({"-R", "-q", "-f", file, "tab"}), "", kTableNameTab, 0));
   std::string text = readFile(file);
   EXPECT_TRUE(startsWith(text, regions.out + kActivePrimary)) << text;
   EXPECT_EQ(text.find('x' + std::string(50, 'x')), std::string::npos) << "old contents left in the file";

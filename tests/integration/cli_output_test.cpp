@@ -13,8 +13,6 @@
 namespace HeronTest {
 namespace {
 
-const char* const kTableName = "Table Name: t\n\n";
-
 class CliOutput : public CliTest {
  protected:
   void SetUp() override { ASSERT_TRUE(root.create("t")); }
@@ -40,20 +38,20 @@ TEST_F(CliOutput, TableFileAsOutputIsRefusedAndLeftWhole) {
   const std::string relay = root.file("t/relay.1");
   const std::string before = readFile(relay);
   ASSERT_FALSE(before.empty());
-  EXPECT_TRUE(same(heron({"-f", relay, "-s", "t"}), "", std::string(kTableName) + "Error opening " + relay + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", relay, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + relay + "\n", 1));
   EXPECT_EQ(readFile(relay), before);
 }
 
 TEST_F(CliOutput, NewFileInsideTheRootIsRefusedAndNotCreated) {
   const std::string inside = root.file("dump");
   EXPECT_TRUE(
-      same(heron({"-f", inside, "-s", "t"}), "", std::string(kTableName) + "Error opening " + inside + "\n", 1));
+      same(heron({"-f", inside, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + inside + "\n", 1));
   EXPECT_FALSE(exists(inside));
 }
 
 TEST_F(CliOutput, RelativeNameThatResolvesInsideTheRootIsRefused) {
   EXPECT_TRUE(same(heron({"-f", "../x", "-s", "t"}, {}, root.file("t")), "",
-                   std::string(kTableName) + "Error opening ../x\n", 1));
+                   std::string(kTableNameT) + "Error opening ../x\n", 1));
   EXPECT_FALSE(exists(root.file("x")));
 }
 
@@ -68,10 +66,10 @@ TEST_F(CliOutput, FileOfATableOfAnotherRootIsRefused) {
   ASSERT_TRUE(other.create("u"));
   const std::string ember = other.file("u/ember");
   const std::string before = readFile(ember);
-  EXPECT_TRUE(same(heron({"-f", ember, "-s", "t"}), "", std::string(kTableName) + "Error opening " + ember + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", ember, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + ember + "\n", 1));
   EXPECT_EQ(readFile(ember), before);
   const std::string fresh = other.file("u/new");
-  EXPECT_TRUE(same(heron({"-f", fresh, "-s", "t"}), "", std::string(kTableName) + "Error opening " + fresh + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", fresh, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + fresh + "\n", 1));
   EXPECT_FALSE(exists(fresh));
 }
 
@@ -80,7 +78,7 @@ TEST_F(CliOutput, SymlinkToATableFileIsRefused) {
   const std::string link = outside.path() + "/link";
   ASSERT_EQ(::symlink(root.file("t/relay.1").c_str(), link.c_str()), 0);
   const std::string before = readFile(root.file("t/relay.1"));
-  EXPECT_TRUE(same(heron({"-f", link, "-s", "t"}), "", std::string(kTableName) + "Error opening " + link + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", link, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + link + "\n", 1));
   EXPECT_EQ(readFile(root.file("t/relay.1")), before);
 }
 
@@ -88,7 +86,7 @@ TEST_F(CliOutput, DanglingSymlinkIntoTheRootIsRefused) {
   TempDir outside("heron-output");
   const std::string link = outside.path() + "/link";
   ASSERT_EQ(::symlink(root.file("made-by-heron").c_str(), link.c_str()), 0);
-  EXPECT_TRUE(same(heron({"-f", link, "-s", "t"}), "", std::string(kTableName) + "Error opening " + link + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", link, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + link + "\n", 1));
   EXPECT_FALSE(exists(root.file("made-by-heron")));
 }
 
@@ -96,21 +94,21 @@ TEST_F(CliOutput, FileOutsideEveryTableIsWritten) {
   TempDir outside("heron-output");
   const std::string file = outside.path() + "/stats";
   RunResult result = heron({"-f", file, "-s", "t"});
-  EXPECT_TRUE(same(result, "", kTableName, 0));
+  EXPECT_TRUE(same(result, "", kTableNameT, 0));
   EXPECT_NE(readFile(file).find("Region allocator statistics"), std::string::npos);
 }
 
 TEST_F(CliOutput, FullDeviceOnStandardOutputFails) {
   RunResult result = heronWith(full_, {"-a", "-e", "t"});
   EXPECT_TRUE(
-      same(result, "", std::string(kTableName) + "Error writing standard output: No space left on device\n", 1));
+      same(result, "", std::string(kTableNameT) + "Error writing standard output: No space left on device\n", 1));
 }
 
 TEST_F(CliOutput, DeviceAsOutputFileIsRefused) {
   for (const char* option : {"-s", "-R", "-q", "-a", "-w"}) {
     SCOPED_TRACE(option);
     EXPECT_TRUE(
-        same(heron({"-f", "/dev/full", option, "t"}), "", std::string(kTableName) + "Error opening /dev/full\n", 1));
+        same(heron({"-f", "/dev/full", option, "t"}), "", std::string(kTableNameT) + "Error opening /dev/full\n", 1));
   }
   EXPECT_TRUE(same(heron({"-f", "/dev/full", "-A"}), "", "Error opening /dev/full\n", 1));
 }
@@ -120,7 +118,7 @@ TEST_F(CliOutput, FifoAsOutputFileIsRefusedWithoutWaiting) {
   const std::string fifo = outside.path() + "/fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
   // Nobody reads the FIFO: an open for writing would wait for ever.
-  EXPECT_TRUE(same(heron({"-f", fifo, "-s", "t"}), "", std::string(kTableName) + "Error opening " + fifo + "\n", 1));
+  EXPECT_TRUE(same(heron({"-f", fifo, "-s", "t"}), "", std::string(kTableNameT) + "Error opening " + fifo + "\n", 1));
   EXPECT_TRUE(same(heron({"-f", fifo, "-c", std::to_string(::getpid())}), "", "Error opening " + fifo + "\n", 1));
 }
 
@@ -136,7 +134,7 @@ TEST_F(CliOutput, HardLinkToATableFileIsRefusedAndLeftWhole) {
     ASSERT_EQ(::link(file.c_str(), link.c_str()), 0);
     // A relative name, from a directory outside the root.
     EXPECT_TRUE(same(heron({"-s", "-f", "out", "t"}, {}, outside.path()), "",
-                     std::string(kTableName) + "Error opening out\n", 1));
+                     std::string(kTableNameT) + "Error opening out\n", 1));
     EXPECT_TRUE(same(heron({"-A", "-f", link}), "", "Error opening " + link + "\n", 1));
     EXPECT_EQ(readFile(file), before);
   }
@@ -163,7 +161,7 @@ TEST_F(CliOutput, AnExistingFileIsReplacedByTheReport) {
     old += "old\n";
   }
   ASSERT_TRUE(writeFile(file, old));
-  EXPECT_TRUE(same(heron({"-f", file, "-s", "t"}), "", kTableName, 0));
+  EXPECT_TRUE(same(heron({"-f", file, "-s", "t"}), "", kTableNameT, 0));
   const std::string written = readFile(file);
   EXPECT_EQ(written.find("old"), std::string::npos);
   EXPECT_NE(written.find("Region allocator statistics"), std::string::npos);
@@ -179,7 +177,7 @@ TEST_F(CliOutput, FailedWriteToTheOutputFileFailsWithOneLine) {
   const std::string tooLarge = "Error writing " + file + ": File too large\n";
   for (const char* option : {"-s", "-R", "-q", "-a", "-w"}) {
     SCOPED_TRACE(option);
-    EXPECT_TRUE(same(limited({"-f", file, option, "t"}), "", std::string(kTableName) + tooLarge, 1));
+    EXPECT_TRUE(same(limited({"-f", file, option, "t"}), "", std::string(kTableNameT) + tooLarge, 1));
   }
   EXPECT_TRUE(
       same(limited({"-f", file, "-A"}), ::getuid() == 0 ? "" : "You should run this command as root.\n", tooLarge, 1));
@@ -196,7 +194,7 @@ TEST_F(CliOutput, ClosedStandardOutputFailsEveryReport) {
   const std::string closed = "Error writing standard output: Bad file descriptor\n";
   for (const char* option : {"-s", "-d", "-R", "-q", "-a", "-w"}) {
     SCOPED_TRACE(option);
-    EXPECT_TRUE(same(heronWith(closed_, {option, "t"}), "", std::string(kTableName) + closed, 1));
+    EXPECT_TRUE(same(heronWith(closed_, {option, "t"}), "", std::string(kTableNameT) + closed, 1));
   }
   EXPECT_TRUE(same(heronWith(closed_, {"-A"}), "", closed, 1));
   EXPECT_TRUE(same(heronWith(closed_, {"-c", std::to_string(::getpid())}), "", closed, 1));

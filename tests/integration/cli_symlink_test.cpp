@@ -11,8 +11,6 @@
 namespace HeronTest {
 namespace {
 
-const char* const kTableName = "Table Name: t\n\n";
-
 // 88 bytes that a link might lead to: text with control characters.
 std::string secret() {
   std::string bytes = "SECRET\x1b]0;pwned\x07\x1b[2J\n";
@@ -45,18 +43,18 @@ TEST_F(CliSymlink, RelayLinkedToAnotherFileIsNotOpened) {
   const std::string target = outside.path() + "/secret";
   ASSERT_TRUE(writeFile(target, secret()));
   link("relay.1", target);
-  EXPECT_TRUE(same(heron({"-s", "t"}), "", std::string(kTableName) + "Failed to initialize RelayReaderGeneric\n", 1));
+  EXPECT_TRUE(same(heron({"-s", "t"}), "", std::string(kTableNameT) + "Failed to initialize RelayReaderGeneric\n", 1));
 }
 
 TEST_F(CliSymlink, RegionLinkedToAValidCopyIsNotARegularFile) {
   ASSERT_NO_FATAL_FAILURE(linkToACopy("region.1"));
   RunResult result = heron({"-r", "1", "t"});
-  EXPECT_TRUE(same(result, "Region 1: not a regular file; skipped\n", kTableName, 0));
+  EXPECT_TRUE(same(result, "Region 1: not a regular file; skipped\n", kTableNameT, 0));
 }
 
 TEST_F(CliSymlink, AllocatorLinkedToAValidCopyIsRefused) {
   ASSERT_NO_FATAL_FAILURE(linkToACopy("quarry"));
-  EXPECT_TRUE(same(heron({"-s", "t"}), "", std::string(kTableName) + "Failed to initialize QuarryScanner\n", 1));
+  EXPECT_TRUE(same(heron({"-s", "t"}), "", std::string(kTableNameT) + "Failed to initialize QuarryScanner\n", 1));
 }
 
 TEST_F(CliSymlink, OwnerLinkedToAValidCopyMakesNoTable) {
@@ -71,7 +69,7 @@ TEST_F(CliSymlink, BadMagicIsShownInHexadecimalOnly) {
   ASSERT_TRUE(writeFile(root.file("t/relay.2"), bytes));
   RunResult result = heron({"-s", "t"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, std::string(kTableName) + "Relay " + root.file("t") +
+  EXPECT_EQ(result.err, std::string(kTableNameT) + "Relay " + root.file("t") +
                             " validation failed: bad magic 0xa0777703b305d1b, expected 0x59414c45524e5248 "
                             "(\"HRNRELAY\")\nFailed to initialize RelayReaderGeneric\n");
 }

@@ -7,21 +7,16 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 
 #include "Beacon/Platform.h"
 #include "HeronClientScanner.h"
 #include "Mem/RootPath.h"
+#include "support/Run.h"
 #include "support/TempDir.h"
 
 namespace HeronTest {
-
-inline void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);
-  file << text;
-}
 
 // A fake process table under a temp directory.
 class FakeProc {

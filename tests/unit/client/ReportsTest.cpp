@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "SharedMem/OwnerFile.h"
+#include "support/ReportText.h"
 #include "unit/client/ChildOutput.h"
 #include "unit/client/FakeProc.h"
 
@@ -17,9 +18,7 @@ namespace {
 using HeronTest::FakeProc;
 using HeronTest::mapsLine;
 
-constexpr const char* kNoHeader =
-    "Capacity: primaryNotifications:NA secondaryNotifications:NA\n"
-    "numRegions:NA totalSize:NA pagesFree:NA occupancyRate:NA%\n";
+using HeronTest::kNoHeader;
 constexpr const char* kNoReaders =
     "cannot populate heron table from quarry reader\n"
     "cannot populate heron table from relay reader\n";

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "model/Model.h"
+#include "support/ReportText.h"
 
 namespace {
 
@@ -14,9 +15,7 @@ using Heron::Model::HeaderInfo;
 using Heron::Model::HeronClient;
 using Heron::Model::HeronTable;
 
-constexpr const char* kNoHeader =
-    "Capacity: primaryNotifications:NA secondaryNotifications:NA\n"
-    "numRegions:NA totalSize:NA pagesFree:NA occupancyRate:NA%\n";
+using HeronTest::kNoHeader;
 
 std::string streamed(Heron::HeronType type) {
   std::ostringstream out;

@@ -20,7 +20,7 @@ namespace {
 using SharedMem::EmberHeader;
 using SharedMem::LoadStatus;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 ::testing::AssertionResult opened(SharedMem::EmberWriter& writer) {
   std::string error;
@@ -44,7 +44,7 @@ TEST(Ember, WriterCreatesAndReaderReads) {
   HeronTest::TempRoot root;
   Mem::RootPath table(root.path());
   std::uint64_t before = SharedMem::nowNs();
-  SharedMem::EmberWriter writer(handler(), table);
+  SharedMem::EmberWriter writer(quietHandler(), table);
   ASSERT_TRUE(opened(writer));
   std::string file = HeronTest::readFile(root.file("ember"));
   ASSERT_EQ(file.size(), 64U);
@@ -65,7 +65,7 @@ TEST(Ember, WriterCreatesAndReaderReads) {
 
 TEST(Ember, WriterRecordsItsPidNamespaceAtOffset48) {
   HeronTest::TempRoot root;
-  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  SharedMem::EmberWriter writer(quietHandler(), Mem::RootPath(root.path()));
   ASSERT_TRUE(opened(writer));
   struct stat own {};
   ASSERT_EQ(::stat("/proc/self/ns/pid", &own), 0);
@@ -82,10 +82,10 @@ TEST(Ember, RestartBumpsInstanceAndRestarts) {
   Mem::RootPath table(root.path());
   std::string error;
   {
-    SharedMem::EmberWriter first(handler(), table);
+    SharedMem::EmberWriter first(quietHandler(), table);
     ASSERT_TRUE(first.open(error)) << error;
   }
-  SharedMem::EmberWriter second(handler(), table);
+  SharedMem::EmberWriter second(quietHandler(), table);
   ASSERT_TRUE(second.open(error)) << error;
   EmberHeader header{};
   ASSERT_EQ(SharedMem::readEmber(table, header), LoadStatus::Ok);
@@ -97,7 +97,7 @@ TEST(Ember, RestartBumpsInstanceAndRestarts) {
 TEST(Ember, HeartbeatMovesForward) {
   HeronTest::TempRoot root;
   Mem::RootPath table(root.path());
-  SharedMem::EmberWriter writer(handler(), table);
+  SharedMem::EmberWriter writer(quietHandler(), table);
   ASSERT_TRUE(opened(writer));
   EmberHeader before{};
   ASSERT_EQ(SharedMem::readEmber(table, before), LoadStatus::Ok);
@@ -117,7 +117,7 @@ TEST(Ember, HeartbeatMovesForward) {
 TEST(Ember, HeartbeatStoresTheMonotonicClockAtOffset40) {
   HeronTest::TempRoot root;
   Mem::RootPath table(root.path());
-  SharedMem::EmberWriter writer(handler(), table);
+  SharedMem::EmberWriter writer(quietHandler(), table);
   ASSERT_TRUE(opened(writer));
   std::uint64_t before = SharedMem::monoNs();
   writer.heartbeat();
@@ -186,7 +186,7 @@ namespace {
 TEST(Ember, WriterReplacesAnUnreadableFileWithAFreshIdentity) {
   HeronTest::TempRoot root;
   ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), std::string(64, '\x7f')));
-  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  SharedMem::EmberWriter writer(quietHandler(), Mem::RootPath(root.path()));
   ASSERT_TRUE(opened(writer));
   EmberHeader header{};
   ASSERT_EQ(SharedMem::readEmber(Mem::RootPath(root.path()), header), LoadStatus::Ok);
@@ -200,7 +200,7 @@ TEST(Ember, WriterReplacesAnUnreadableFileWithAFreshIdentity) {
 TEST(Ember, WriterRefusesAFileShorterThanTheHeader) {
   HeronTest::TempRoot root;
   ASSERT_TRUE(HeronTest::writeFile(root.file("ember"), "short"));
-  SharedMem::EmberWriter writer(handler(), Mem::RootPath(root.path()));
+  SharedMem::EmberWriter writer(quietHandler(), Mem::RootPath(root.path()));
   std::string error;
   EXPECT_FALSE(writer.open(error));
   EXPECT_FALSE(error.empty());

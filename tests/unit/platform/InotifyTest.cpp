@@ -18,7 +18,7 @@
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 struct Seen {
   std::string name;
@@ -27,7 +27,7 @@ struct Seen {
 
 class Recorder : public Mem::InotifyMgr::Watcher {
  public:
-  Recorder() : Mem::InotifyMgr::Watcher(handler()) {}
+  Recorder() : Mem::InotifyMgr::Watcher(quietHandler()) {}
   void notify(const std::string& fileName, unsigned flags) override { seen.push_back(Seen{fileName, flags}); }
   std::vector<Seen> seen;
 

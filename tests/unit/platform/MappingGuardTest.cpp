@@ -29,7 +29,7 @@ namespace {
 
 using Beacon::MappingGuard::Range;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 std::size_t pageSize() { return static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)); }
 
@@ -110,7 +110,7 @@ bool ownFaultReachesProgram(const CutFile& own) {
 // (A region rather than a queue: other tests' `heron -A` runs read the
 // queue headers of every process, and this one cuts its file.)
 struct EmbeddedReader {
-  explicit EmbeddedReader(const std::string& dir) : root(dir), writer(handler(), root) {
+  explicit EmbeddedReader(const std::string& dir) : root(dir), writer(quietHandler(), root) {
     std::string error;
     const std::uint32_t id = writer.create(error) ? writer.createRegion(256, 64, error) : 0;
     path = root.fullPath("region." + std::to_string(id));

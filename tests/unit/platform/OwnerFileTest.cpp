@@ -18,7 +18,7 @@ namespace {
 using SharedMem::LoadStatus;
 using SharedMem::OwnerFile;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 OwnerFile::Header validHeader() {
   OwnerFile::Header header{};
@@ -52,7 +52,7 @@ TEST(OwnerFile, CreateThenReadRoundTrips) {
   EXPECT_EQ(HeronTest::readFile(root.file("owner")).size(), 128U);
   EXPECT_FALSE(HeronTest::exists(root.file("owner.tmp")));
 
-  OwnerFile owner(handler(), table, false);
+  OwnerFile owner(quietHandler(), table, false);
   EXPECT_EQ(owner.status(), LoadStatus::Ok);
   EXPECT_EQ(owner.typeName(), "HeronTable");
   EXPECT_EQ(owner.sharedMemType(), SharedMem::Table);
@@ -84,14 +84,14 @@ TEST(OwnerFile, CreateRefusesAnExistingOwner) {
   ASSERT_TRUE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Table, "A", {1, 0}, error)) << error;
   EXPECT_FALSE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Table, "B", {1, 0}, error));
   EXPECT_FALSE(error.empty());
-  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), "A");
+  EXPECT_EQ(OwnerFile(quietHandler(), Mem::RootPath(root.path()), false).typeName(), "A");
 }
 
 TEST(OwnerFile, LongTypeNameIsCutToFitItsField) {
   HeronTest::TempRoot root;
   std::string error;
   ASSERT_TRUE(OwnerFile::create(Mem::RootPath(root.path()), SharedMem::Table, std::string(40, 'x'), {1, 0}, error));
-  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), std::string(31, 'x'));
+  EXPECT_EQ(OwnerFile(quietHandler(), Mem::RootPath(root.path()), false).typeName(), std::string(31, 'x'));
 }
 
 TEST(OwnerFile, TypeNameFillingTheWholeFieldIsRead) {
@@ -99,12 +99,12 @@ TEST(OwnerFile, TypeNameFillingTheWholeFieldIsRead) {
   OwnerFile::Header header = validHeader();
   std::memset(header.typeName, 'y', sizeof header.typeName);
   ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
-  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), std::string(32, 'y'));
+  EXPECT_EQ(OwnerFile(quietHandler(), Mem::RootPath(root.path()), false).typeName(), std::string(32, 'y'));
 }
 
 TEST(OwnerFile, MissingFileIsNotReadable) {
   HeronTest::TempRoot root;
-  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  OwnerFile owner(quietHandler(), Mem::RootPath(root.path()), false);
   EXPECT_EQ(owner.status(), LoadStatus::NotReady);
   expectUnreadable(owner);
 }
@@ -133,7 +133,7 @@ class OwnerFileDamaged : public testing::TestWithParam<Damaged> {};
 TEST_P(OwnerFileDamaged, LoadsAsItsStatusAndIsNotReadable) {
   HeronTest::TempRoot root;
   ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), GetParam().bytes));
-  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  OwnerFile owner(quietHandler(), Mem::RootPath(root.path()), false);
   EXPECT_EQ(owner.status(), GetParam().status);
   expectUnreadable(owner);
 }
@@ -144,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(OwnerFile, OwnerFileDamaged, testing::ValuesIn(damagedF
 TEST(OwnerFile, LongerFileReadsItsFirst128Bytes) {
   HeronTest::TempRoot root;
   ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(validHeader()) + "trailing"));
-  EXPECT_EQ(OwnerFile(handler(), Mem::RootPath(root.path()), false).typeName(), "HeronTable");
+  EXPECT_EQ(OwnerFile(quietHandler(), Mem::RootPath(root.path()), false).typeName(), "HeronTable");
 }
 
 TEST(OwnerFile, TypeZeroInAValidFileReadsAsUnknownWithItsText) {
@@ -152,7 +152,7 @@ TEST(OwnerFile, TypeZeroInAValidFileReadsAsUnknownWithItsText) {
   OwnerFile::Header header = validHeader();
   header.sharedMemType = 0;
   ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
-  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  OwnerFile owner(quietHandler(), Mem::RootPath(root.path()), false);
   EXPECT_EQ(owner.status(), LoadStatus::Ok);
   EXPECT_EQ(owner.sharedMemType(), SharedMem::Unknown);
   EXPECT_EQ(owner.typeName(), "HeronTable");
@@ -163,7 +163,7 @@ TEST(OwnerFile, EmptyTypeNameInAValidFile) {
   OwnerFile::Header header = validHeader();
   std::memset(header.typeName, 0, sizeof header.typeName);
   ASSERT_TRUE(HeronTest::writeFile(root.file("owner"), bytes(header)));
-  OwnerFile owner(handler(), Mem::RootPath(root.path()), false);
+  OwnerFile owner(quietHandler(), Mem::RootPath(root.path()), false);
   EXPECT_EQ(owner.sharedMemType(), SharedMem::Table);
   EXPECT_EQ(owner.typeName(), "");
 }

@@ -15,11 +15,11 @@ using Beacon::Proc::Access;
 using Beacon::Proc::PidNamespaceIndex;
 using Beacon::Proc::PidStatus;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 // A fake /proc: one directory per process with a status file and, when a
 // namespace is given, an ns/pid link whose text is what the kernel shows.
-class FakeProc {
+class FakeStatusProc {
  public:
   void add(int pid, const std::string& nsLink, const std::string& status) {
     const std::string dir = root_.file(std::to_string(pid));
@@ -42,7 +42,7 @@ std::string status(const char* state, const std::string& pid, const std::string&
 }
 
 TEST(ProcPid, ReadsTheNamespaceInodeFromTheLinkText) {
-  FakeProc proc;
+  FakeStatusProc proc;
   proc.add(40, "pid:[4026532001]", status("S (sleeping)", "40", "40\t1"));
   proc.add(41, "net:[4026532001]", status("S (sleeping)", "41", "41"));
   proc.add(42, "pid:[]", status("S (sleeping)", "42", "42"));
@@ -62,7 +62,7 @@ TEST(ProcPid, OwnNamespaceIsTheInodeOfTheLinkTarget) {
 }
 
 TEST(ProcPid, StatusGivesStateAndThePidsOutermostFirst) {
-  FakeProc proc;
+  FakeStatusProc proc;
   proc.add(4711, "", status("S (sleeping)", "4711", "4711\t12\t1"));
   proc.add(4712, "", status("Z (zombie)", "4712", "4712"));
   proc.add(4713, "", status("R (running)", "4713", ""));
@@ -89,7 +89,7 @@ TEST(ProcPid, OwnStatusEndsWithOurOwnPid) {
 }
 
 TEST(PidNamespaceIndex, FindsTheLiveProcessByItsInnermostPidInThatNamespace) {
-  FakeProc proc;
+  FakeStatusProc proc;
   // Host pid 1 has the same number as the container's writer: another namespace.
   proc.add(1, "pid:[4026531836]", status("S (sleeping)", "1", "1"));
   proc.add(500, "pid:[4026532100]", status("S (sleeping)", "500", "500\t1"));
@@ -99,7 +99,7 @@ TEST(PidNamespaceIndex, FindsTheLiveProcessByItsInnermostPidInThatNamespace) {
   ASSERT_EQ(::mkdir((proc.path() + "/self").c_str(), 0755), 0);
   ASSERT_EQ(::mkdir((proc.path() + "/self/ns").c_str(), 0755), 0);
   ASSERT_EQ(::symlink("pid:[4026531836]", (proc.path() + "/self/ns/pid").c_str()), 0);
-  PidNamespaceIndex index(handler(), proc.path());
+  PidNamespaceIndex index(quietHandler(), proc.path());
   EXPECT_EQ(index.own(), Beacon::Proc::kInitialPidNamespace);
   EXPECT_EQ(index.find(4026532100ULL, 1), 500);
   EXPECT_EQ(index.find(4026532100ULL, 7), 501);
@@ -112,14 +112,14 @@ TEST(PidNamespaceIndex, FindsTheLiveProcessByItsInnermostPidInThatNamespace) {
 }
 
 TEST(PidNamespaceIndex, AnUnreadableProcIsIncomplete) {
-  PidNamespaceIndex index(handler(), "/nonexistent/proc");
+  PidNamespaceIndex index(quietHandler(), "/nonexistent/proc");
   EXPECT_TRUE(index.processesIn(4026532100ULL).empty());
   EXPECT_FALSE(index.complete());
   EXPECT_EQ(index.own(), 0U);
 }
 
 TEST(PidNamespaceIndex, SeesThisProcessInItsOwnNamespace) {
-  PidNamespaceIndex index(handler());
+  PidNamespaceIndex index(quietHandler());
   const std::uint64_t own = index.own();
   ASSERT_NE(own, 0U);
   PidStatus self;

@@ -14,7 +14,7 @@
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 // Saves and restores the environment variables and working directory that
 // root resolution depends on.
@@ -113,32 +113,32 @@ TEST_F(RootPathTest, ChrootRootIsCanonicalisedWhenItExists) {
 
 TEST_F(RootPathTest, EmptyPathGivesTheCollectionRoot) {
   ::setenv("HERON_ROOT", temp.path().c_str(), 1);
-  Mem::OrbRootPath root(handler(), "", false);
+  Mem::OrbRootPath root(quietHandler(), "", false);
   EXPECT_EQ(root.path(), temp.path());
 }
 
 TEST_F(RootPathTest, RelativeNameGivesTheTableUnderTheRoot) {
   ::setenv("HERON_ROOT", temp.path().c_str(), 1);
-  Mem::OrbRootPath root(handler(), "md/eu/quotes", true);
+  Mem::OrbRootPath root(quietHandler(), "md/eu/quotes", true);
   EXPECT_EQ(root.path(), temp.path() + "/md/eu/quotes");
 }
 
 TEST_F(RootPathTest, ExistingTableUnderASymlinkedRootResolvesThroughTheLink) {
   ASSERT_NO_FATAL_FAILURE(linkedRoot());
   ASSERT_EQ(::mkdir(temp.file("real/md").c_str(), 0755), 0);
-  Mem::OrbRootPath root(handler(), "md", false);
+  Mem::OrbRootPath root(quietHandler(), "md", false);
   EXPECT_EQ(root.path(), temp.file("real") + "/md");
 }
 
 TEST_F(RootPathTest, MissingTableUnderASymlinkedRootIsPlacedUnderTheCanonicalRoot) {
   ASSERT_NO_FATAL_FAILURE(linkedRoot());
-  Mem::OrbRootPath root(handler(), "no/such/table", false);
+  Mem::OrbRootPath root(quietHandler(), "no/such/table", false);
   EXPECT_EQ(root.path(), temp.file("real") + "/no/such/table");
 }
 
 TEST_F(RootPathTest, AbsoluteNameIsUsedAsItStands) {
   ::setenv("HERON_ROOT", temp.path().c_str(), 1);
-  Mem::OrbRootPath root(handler(), "/elsewhere/table", false);
+  Mem::OrbRootPath root(quietHandler(), "/elsewhere/table", false);
   EXPECT_EQ(root.path(), "/elsewhere/table");
 }
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 using File = Mem::Tracked<Mem::SharedMemWrapper>;
 
@@ -35,7 +35,7 @@ class SharedMemWrapperTest : public testing::Test {
 };
 
 TEST_F(SharedMemWrapperTest, AttachMapsTheRequestedSizeOnly) {
-  File file(handler(), makeFile(12376));
+  File file(quietHandler(), makeFile(12376));
   const void* base = file.attach(88, Mem::Mode::ReadOnly, nullptr);
   ASSERT_NE(base, nullptr) << file.lastError();
   EXPECT_EQ(file.mappedSize(), 88U);
@@ -43,7 +43,7 @@ TEST_F(SharedMemWrapperTest, AttachMapsTheRequestedSizeOnly) {
 }
 
 TEST_F(SharedMemWrapperTest, RemapGrowsTheMappingOverTheSameFile) {
-  File file(handler(), makeFile(12376));
+  File file(quietHandler(), makeFile(12376));
   ASSERT_NE(file.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
   const void* grown = file.remap(12376);
   ASSERT_NE(grown, nullptr) << file.lastError();
@@ -54,7 +54,7 @@ TEST_F(SharedMemWrapperTest, RemapGrowsTheMappingOverTheSameFile) {
 }
 
 TEST_F(SharedMemWrapperTest, RemapToTheMappedSizeKeepsTheMapping) {
-  File file(handler(), makeFile(4096));
+  File file(quietHandler(), makeFile(4096));
   const void* base = file.attach(4096, Mem::Mode::ReadOnly, nullptr);
   ASSERT_NE(base, nullptr);
   EXPECT_EQ(file.remap(4096), base);
@@ -62,7 +62,7 @@ TEST_F(SharedMemWrapperTest, RemapToTheMappedSizeKeepsTheMapping) {
 }
 
 TEST_F(SharedMemWrapperTest, RemapPastTheEndFailsAndKeepsTheOldMapping) {
-  File file(handler(), makeFile(200));
+  File file(quietHandler(), makeFile(200));
   const void* base = file.attach(88, Mem::Mode::ReadOnly, nullptr);
   ASSERT_NE(base, nullptr);
   EXPECT_EQ(file.remap(201), nullptr);
@@ -74,7 +74,7 @@ TEST_F(SharedMemWrapperTest, RemapPastTheEndFailsAndKeepsTheOldMapping) {
 
 TEST_F(SharedMemWrapperTest, KnownSizeIsWhatTheOpenSawUntilAskedAgain) {
   const std::string path = makeFile(4096);
-  File file(handler(), path);
+  File file(quietHandler(), path);
   EXPECT_EQ(file.knownSize(), 0U);
   ASSERT_NE(file.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
   EXPECT_EQ(file.knownSize(), 4096U);
@@ -85,7 +85,7 @@ TEST_F(SharedMemWrapperTest, KnownSizeIsWhatTheOpenSawUntilAskedAgain) {
 }
 
 TEST_F(SharedMemWrapperTest, RemapWithAGivenSizeMapsWithinItOnly) {
-  File file(handler(), makeFile(4096));
+  File file(quietHandler(), makeFile(4096));
   const void* base = file.attach(88, Mem::Mode::ReadOnly, nullptr);
   ASSERT_NE(base, nullptr);
   EXPECT_EQ(file.remap(2048, 1024), nullptr);
@@ -98,9 +98,9 @@ TEST_F(SharedMemWrapperTest, RemapWithAGivenSizeMapsWithinItOnly) {
 }
 
 TEST_F(SharedMemWrapperTest, AttachFailsOnAMissingOrShortFile) {
-  File missing(handler(), temp.file("none"));
+  File missing(quietHandler(), temp.file("none"));
   EXPECT_EQ(missing.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
-  File empty(handler(), makeFile(0));
+  File empty(quietHandler(), makeFile(0));
   EXPECT_EQ(empty.attach(88, Mem::Mode::ReadOnly, nullptr), nullptr);
   EXPECT_EQ(empty.lastError(), "file holds 0 bytes, 88 requested");
 }

@@ -20,7 +20,7 @@ namespace {
 
 // A fake /proc: each process a directory with a maps file and, unless it is
 // to look gone, an exe link; namespace data when given.
-class FakeProc {
+class FakeMapsProc {
  public:
   void add(int pid, const std::string& maps, bool exe = true, const std::string& nsPid = "") {
     const std::string dir = root_.path() + "/" + std::to_string(pid);
@@ -54,7 +54,7 @@ std::string line(const std::string& permissions, const std::string& path) {
 }  // namespace
 
 TEST(TableClientsTest, GroupsTheMappingsOfTableFilesByDirectory) {
-  FakeProc proc;
+  FakeMapsProc proc;
   proc.add(100,
            line("rw-s", "/r/orders/relay.1") + line("r--p", "/usr/lib/libc.so.6") + line("rw-s", "/r/orders/ember"));
   proc.add(200, line("r--s", "/r/orders/relay.1") + line("r--s", "/r/md/eu/ember"));
@@ -75,13 +75,13 @@ TEST(TableClientsTest, GroupsTheMappingsOfTableFilesByDirectory) {
 }
 
 TEST(TableClientsTest, AProcessWithoutAnExecutableLinkContributesNothing) {
-  FakeProc proc;
+  FakeMapsProc proc;
   proc.add(100, line("rw-s", "/r/orders/relay.1"), false);
   EXPECT_TRUE(SharedMem::findTableMappings(proc.walk()).empty());
 }
 
 TEST(TableClientsTest, NamespaceDataIsReadWhenAskedFor) {
-  FakeProc proc;
+  FakeMapsProc proc;
   proc.add(4711, line("rw-s", "/r/orders/relay.1"), true, "4711\t1");
   const SharedMem::TableMappings mapped = SharedMem::findTableMappings(proc.walk(true));
   const SharedMem::TableMapping& mapping = mapped.at("/r/orders").front();
@@ -148,9 +148,9 @@ std::unique_ptr<HeronTest::Child> mapper(const std::vector<Mapped>& files) {
 
 // The mappings of processes `pids` only: (pid, readWrite, ember) in the
 // order found, by directory.
-using Seen = std::map<std::string, std::vector<std::tuple<int, bool, bool>>>;
-Seen seenOf(const SharedMem::TableMappings& mapped, const std::set<int>& pids) {
-  Seen seen;
+using SeenMappings = std::map<std::string, std::vector<std::tuple<int, bool, bool>>>;
+SeenMappings seenOf(const SharedMem::TableMappings& mapped, const std::set<int>& pids) {
+  SeenMappings seen;
   for (const auto& group : mapped) {
     for (const SharedMem::TableMapping& mapping : group.second) {
       if (pids.count(mapping.pid) != 0) {
@@ -190,8 +190,8 @@ TEST(TableClientsWalkTest, TheQueryFindsWhatTheTextShows) {
                               {pageFile(orders, "ember"), false}});
   const std::set<int> pids = {first->pid(), second->pid()};
 
-  const Seen text = seenOf(SharedMem::findTableMappings(), pids);
-  const Seen queried = seenOf(SharedMem::findTableMappings(onDevices({deviceOf(dir.path())})), pids);
+  const SeenMappings text = seenOf(SharedMem::findTableMappings(), pids);
+  const SeenMappings queried = seenOf(SharedMem::findTableMappings(onDevices({deviceOf(dir.path())})), pids);
   EXPECT_EQ(queried, text);
   ASSERT_EQ(text.count(orders), 1U);
   EXPECT_EQ(text.at(orders).size(), 4U);
@@ -209,10 +209,10 @@ TEST(TableClientsWalkTest, TheDeviceSetLeavesOutOnlyMappingsOnOtherDevices) {
   }
   const auto child = mapper({{pageFile(disk.file("t"), "relay.1"), false}, {pageFile(shm.file("t"), "relay.1"), true}});
   const std::set<int> pids = {child->pid()};
-  const Seen all = seenOf(SharedMem::findTableMappings(), pids);
-  const Seen onDisk = seenOf(SharedMem::findTableMappings(onDevices({deviceOf(disk.path())})), pids);
+  const SeenMappings all = seenOf(SharedMem::findTableMappings(), pids);
+  const SeenMappings onDisk = seenOf(SharedMem::findTableMappings(onDevices({deviceOf(disk.path())})), pids);
   EXPECT_EQ(all.size(), 2U);
-  EXPECT_EQ(onDisk, Seen({{disk.file("t"), {{child->pid(), false, false}}}}));
+  EXPECT_EQ(onDisk, SeenMappings({{disk.file("t"), {{child->pid(), false, false}}}}));
 }
 
 TEST(TableClientsWalkTest, ARefusedQueryFallsBackToTheText) {
@@ -227,7 +227,7 @@ TEST(TableClientsWalkTest, ARefusedQueryFallsBackToTheText) {
 }
 
 TEST(TableClientsTest, AMapsFileThatIsNoMapsFileIsReadAsText) {
-  FakeProc proc;
+  FakeMapsProc proc;
   proc.add(100, line("rw-s", "/r/orders/relay.1"));
   SharedMem::MappingWalk walk = proc.walk();
   walk.devices = std::vector<std::uint64_t>();

@@ -17,7 +17,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 void makeDirs(const std::string& path) {
   for (std::size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
@@ -36,7 +36,7 @@ void makeTable(const HeronTest::TempRoot& root, const std::string& name,
 }
 
 Names find(const HeronTest::TempRoot& root, const char* expr, SharedMem::SharedMemType kind = SharedMem::Table) {
-  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath(root.path()));
   finder.find(expr, kind);
   return finder.matches();
 }
@@ -135,14 +135,14 @@ TEST_F(TableFinderTest, SymlinkedDirectoriesAreNotFollowed) {
 }
 
 TEST_F(TableFinderTest, FindReplacesEarlierMatches) {
-  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath(root.path()));
   finder.find("tab", SharedMem::Table);
   finder.find("xtab", SharedMem::Table);
   EXPECT_EQ(finder.matches(), (Names{"xtab"}));
 }
 
 TEST(TableFinder, MissingRootFindsNothing) {
-  Mem::TableFinder finder(handler(), Mem::RootPath("/nonexistent/heron/root"));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath("/nonexistent/heron/root"));
   finder.find("", SharedMem::Table);
   EXPECT_TRUE(finder.matches().empty());
 }
@@ -168,7 +168,7 @@ TEST_F(TableFinderTest, FindOwnedListsDirectoriesWhoseOwnerFileIsDamagedOrOfAnyT
   }
   makeTable(root, "seg", SharedMem::Segment);
   makeDirs(root.file("empty/dir"));
-  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath(root.path()));
   finder.findOwned("");
   EXPECT_EQ(finder.matches(),
             (Names{"B", "a", "b", "garbage", "md/eu/quotes", "seg", "tab", "tab2", "table/x", "xtab"}));
@@ -182,7 +182,7 @@ TEST_F(TableFinderTest, FindOwnedListsDirectoriesWhoseOwnerFileIsDamagedOrOfAnyT
 TEST_F(TableFinderTest, FindOwnedIgnoresAnOwnerThatIsNotARegularFile) {
   makeDirs(root.file("fifo"));
   ASSERT_EQ(::mkfifo(root.file("fifo/owner").c_str(), 0644), 0);
-  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath(root.path()));
   finder.findOwned("fi");
   EXPECT_EQ(finder.matches(), Names{});
 }
@@ -198,7 +198,7 @@ struct Visited {
 
 std::vector<Visited> visit(const HeronTest::TempRoot& root, const char* expr,
                            SharedMem::SharedMemType kind = SharedMem::Table) {
-  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath(root.path()));
   std::vector<Visited> seen;
   finder.visit(expr, kind, [&seen](const std::string& name, const Mem::TableFinder::Listing* entries) {
     Visited one{name, entries != nullptr, entries != nullptr ? *entries : Names{}};
@@ -239,7 +239,7 @@ TEST_F(TableFinderTest, VisitOwnedMeetsTheDirectoriesThatFindOwnedLists) {
   makeDirs(root.file("garbage"));
   ASSERT_TRUE(HeronTest::writeFile(root.file("garbage/owner"), "not an owner file"));
   makeTable(root, "seg", SharedMem::Segment);
-  Mem::TableFinder finder(handler(), Mem::RootPath(root.path()));
+  Mem::TableFinder finder(quietHandler(), Mem::RootPath(root.path()));
   for (const char* expr : {"", "g*", "s", "md"}) {
     finder.findOwned(expr);
     const Names listed = finder.matches();

@@ -25,7 +25,7 @@
 
 namespace {
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 TEST(DecodeMagic, ShowsTheBytesInFileOrder) {
   EXPECT_EQ(Beacon::Util::decodeMagic(Beacon::Util::encodeMagic("HRNOWNER")), "HRNOWNER");
@@ -50,7 +50,7 @@ class ReadPidCmdline : public testing::Test {
     ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
     ASSERT_TRUE(HeronTest::writeFile(dir + "/cmdline", bytes));
   }
-  std::string read(int pid) { return Beacon::Util::readPidCmdline(handler(), pid, proc.path()); }
+  std::string read(int pid) { return Beacon::Util::readPidCmdline(quietHandler(), pid, proc.path()); }
   HeronTest::TempRoot proc;
 };
 
@@ -88,11 +88,11 @@ TEST(ReadPidCmdlineLive, RealProcess) {
   ASSERT_TRUE(sleeper.started()) << sleeper.error();
   // The child has executed sleep by now; the read is still polled, with a
   // deadline, in case the kernel shows the new cmdline a little later.
-  std::string text = Beacon::Util::readPidCmdline(handler(), sleeper.pid());
+  std::string text = Beacon::Util::readPidCmdline(quietHandler(), sleeper.pid());
   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (text != "/bin/sleep 30" && std::chrono::steady_clock::now() < giveUp) {
     std::this_thread::yield();
-    text = Beacon::Util::readPidCmdline(handler(), sleeper.pid());
+    text = Beacon::Util::readPidCmdline(quietHandler(), sleeper.pid());
   }
   EXPECT_EQ(text, "/bin/sleep 30");
 }
@@ -101,7 +101,7 @@ TEST(ReadPidCmdlineLive, VanishedProcessIsEmpty) {
   HeronTest::Child child([] { return 0; });
   ASSERT_TRUE(child.started()) << child.error();
   ASSERT_EQ(child.wait().status, 0);
-  EXPECT_EQ(Beacon::Util::readPidCmdline(handler(), child.pid()), "");
+  EXPECT_EQ(Beacon::Util::readPidCmdline(quietHandler(), child.pid()), "");
 }
 
 TEST(VersionedRef, PrintsValueThenVersionInDecimal) {

@@ -19,7 +19,7 @@ using RelayTest::Header;
 using RelayTest::Notification;
 using RelayTest::Table;
 
-Header readHeader(const std::string& path) {
+Header readTableHeader(const std::string& path) {
   Header header{};
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   EXPECT_GE(fd, 0) << path;
@@ -93,7 +93,7 @@ TEST_F(RelayWriterTest, CreateFilesWritesAValidEmptyHeader) {
   std::string error;
   ASSERT_TRUE(RelayWriter::createFiles(root, 5, ember, error)) << error;
   for (const std::string& path : {primary, secondary}) {
-    Header header = readHeader(path);
+    Header header = readTableHeader(path);
     EXPECT_EQ(header.magic, Table::kMagic);
     EXPECT_EQ(header.version, 1U);
     EXPECT_EQ(header.ember.pid, 4711);
@@ -158,12 +158,12 @@ TEST_F(RelayWriterTest, AppendWritesSlotAndPublishesPosition) {
   EXPECT_EQ(first.offset, Quarry::Offset::encode(3, 4));
   EXPECT_EQ(first.size, 64U);
   EXPECT_EQ(readSlot(primary, 1).sequence, 2U);
-  Header header = readHeader(primary);
+  Header header = readTableHeader(primary);
   EXPECT_EQ(header.currentPos, 2U);
   EXPECT_EQ(header.corralStart.value, 1U);
   EXPECT_EQ(header.corralEnd.value, 3U);
   EXPECT_EQ(header.latestWriterSequence, 2U);
-  EXPECT_EQ(readHeader(secondary).currentPos, 0U);
+  EXPECT_EQ(readTableHeader(secondary).currentPos, 0U);
 }
 
 TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
@@ -175,8 +175,8 @@ TEST_F(RelayWriterTest, AppendSwitchesToTheOtherTableWhenFull) {
   EXPECT_EQ(writer.append(3, 3), 3U);
   EXPECT_EQ(writer.currentTable(), Table::SECONDARY);
   // The full table keeps its contents: its currentPos stays 2.
-  EXPECT_EQ(switchFields(readHeader(primary)), (std::vector<std::uint64_t>{1, 1, 0, 1, 2}));
-  Header second = readHeader(secondary);
+  EXPECT_EQ(switchFields(readTableHeader(primary)), (std::vector<std::uint64_t>{1, 1, 0, 1, 2}));
+  Header second = readTableHeader(secondary);
   EXPECT_EQ(second.currentPos, 1U);
   EXPECT_EQ(second.corralStart.value, 3U);
   EXPECT_EQ(second.corralEnd.value, 4U);
@@ -190,7 +190,7 @@ TEST_F(RelayWriterTest, SwitchingBackResetsThePrimary) {
   for (std::uint32_t i = 1; i <= 3; ++i) {
     writer.append(i, i);
   }
-  const Header first = readHeader(primary);
+  const Header first = readTableHeader(primary);
   EXPECT_EQ(switchFields(first), (std::vector<std::uint64_t>{0, 2, 1, 1, 1}));
   EXPECT_EQ(first.corralStart.value, 3U);
   EXPECT_EQ(readSlot(primary, 0).sequence, 3U);
@@ -251,7 +251,7 @@ TEST_F(RelayWriterTest, GrowExtendsBothFilesAndBumpsTheVersion) {
   EXPECT_EQ(writer.capacity(), 10U);
   for (const std::string& path : {primary, secondary}) {
     EXPECT_EQ(fileSize(path), 88U + 120U);
-    Header header = readHeader(path);
+    Header header = readTableHeader(path);
     EXPECT_EQ(header.notifications.version, 2U);
     EXPECT_EQ(header.notifications.value, 10U);
   }
@@ -311,13 +311,13 @@ TEST_F(RelayWriterTest, CapacityZeroTakesNoAppends) {
   ASSERT_TRUE(create(0));
   RelayWriter& writer = *writer_;
   EXPECT_EQ(writer.append(1, 1), 0U);
-  EXPECT_EQ(readHeader(primary).currentPos, 0U);
+  EXPECT_EQ(readTableHeader(primary).currentPos, 0U);
 }
 
 TEST_F(RelayWriterTest, SetConnectedReadersWritesThePrimary) {
   ASSERT_TRUE(create(1));
   RelayWriter& writer = *writer_;
   writer.setConnectedReaders(3);
-  EXPECT_EQ(readHeader(primary).connectedReaders, 3U);
-  EXPECT_EQ(readHeader(secondary).connectedReaders, 0U);
+  EXPECT_EQ(readTableHeader(primary).connectedReaders, 3U);
+  EXPECT_EQ(readTableHeader(secondary).connectedReaders, 0U);
 }

@@ -18,7 +18,7 @@ namespace {
 using Stat::Liveness;
 using Stat::Seen;
 
-Beacon::Platform::DebugHandler& handler() { return HeronTest::quietHandler(); }
+using HeronTest::quietHandler;
 
 constexpr std::uint64_t kBox = 4026532100ULL;
 
@@ -67,7 +67,7 @@ Stat::Writer boxedWriter(std::uint32_t pid, std::uint64_t ns) {
 
 TEST(StatWriterLiveness, WriterInAVisibleNamespaceIsFoundByItsInnermostPid) {
   FakeProc proc(Beacon::Proc::kInitialPidNamespace);
-  Beacon::Proc::PidNamespaceIndex index(handler(), proc.path());
+  Beacon::Proc::PidNamespaceIndex index(quietHandler(), proc.path());
   Stat::Writer writer = boxedWriter(1, kBox);
   const std::vector<int> readWrite = {500};
   Stat::judgeWriter(writer, index, &readWrite, true);
@@ -82,7 +82,7 @@ TEST(StatWriterLiveness, WriterInAVisibleNamespaceIsFoundByItsInnermostPid) {
 
 TEST(StatWriterLiveness, HostProcessWithTheSamePidNeverKeepsADeadWriterAlive) {
   FakeProc proc(Beacon::Proc::kInitialPidNamespace);
-  Beacon::Proc::PidNamespaceIndex index(handler(), proc.path());
+  Beacon::Proc::PidNamespaceIndex index(quietHandler(), proc.path());
   // Its namespace gone: seen from the initial namespace, it is dead.
   Stat::Writer writer = boxedWriter(1, 4026532999ULL);
   Stat::judgeWriter(writer, index, nullptr, true);
@@ -102,7 +102,7 @@ TEST(StatWriterLiveness, HostProcessWithTheSamePidNeverKeepsADeadWriterAlive) {
 
 TEST(StatWriterLiveness, NamespaceOutOfSightIsJudgedByTheHeartbeat) {
   FakeProc proc(4026532555ULL);  // we run in a container of our own
-  Beacon::Proc::PidNamespaceIndex index(handler(), proc.path());
+  Beacon::Proc::PidNamespaceIndex index(quietHandler(), proc.path());
   Stat::Writer writer = boxedWriter(77, 4026532999ULL);
   Stat::judgeWriter(writer, index, nullptr, true);
   EXPECT_EQ(writer.liveness, Liveness::Heartbeat);
@@ -141,7 +141,7 @@ TEST(StatWriterLiveness, OwnNamespaceShowsTheEmberPidWithoutMark) {
 
 TEST(StatWriterLiveness, OwnNamespaceIsJudgedByPid) {
   FakeProc proc(4026532555ULL);
-  Beacon::Proc::PidNamespaceIndex index(handler(), proc.path());
+  Beacon::Proc::PidNamespaceIndex index(quietHandler(), proc.path());
   Stat::Writer writer = boxedWriter(static_cast<std::uint32_t>(::getpid()), 4026532555ULL);
   Stat::judgeWriter(writer, index, nullptr, true);
   EXPECT_EQ(writer.liveness, Liveness::Process);
