@@ -19,6 +19,14 @@ TEST(Clock, WallClockInNanosecondsAgreesWithSeconds) {
   EXPECT_LT(std::fabs(fromNs - seconds), 5.0);
 }
 
+TEST(Clock, MonotonicSecondsLieBetweenTheNanosecondsReadAround) {
+  const std::uint64_t before = Beacon::monoNs();
+  const double seconds = Beacon::monoSeconds();
+  const std::uint64_t after = Beacon::monoNs();
+  EXPECT_GE(seconds, static_cast<double>(before) / 1e9);
+  EXPECT_LE(seconds, static_cast<double>(after) / 1e9);
+}
+
 TEST(Clock, MonotonicClockNeverGoesBack) {
   const std::uint64_t first = Beacon::monoNs();
   const std::uint64_t second = Beacon::monoNs();
