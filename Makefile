@@ -69,7 +69,8 @@ m32-clang: deps
 	cmake --build $(M32_CLANG_BUILD) -j $(JOBS) --target heronrt
 	ctest --test-dir $(M32_CLANG_BUILD) --output-on-failure -R '^m32\.SharedWords'
 
-lint: build
+# Reads a compile database of its own (configured, not built): no build needed.
+lint: deps
 	bash scripts/lint.sh $(BUILD)
 
 # Every C++ source and header of the project (the build directories sit at
