@@ -25,27 +25,32 @@ build:
 	@test -f $(BUILD)/build.ninja || $(CONFIGURE) -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHERON_BENCH=$(BENCH)
 	cmake --build $(BUILD) -j $(JOBS)
 
-# The sanitizer build compiles at the lowest priority while the native tests
-# run: they spend much of their time waiting on the processes they start,
-# and the build fills the idle cores without taking them from the tests.
+# The tests spend much of their time waiting on the processes they start.
+# Beside them, at the lowest priority, on the cores they leave idle: the
+# sanitizer build while the native tests run, and a short run of every fuzz
+# target (TEST_FUZZ_SECONDS each, 0 for none) while the sanitizer tests run.
+TEST_FUZZ_SECONDS ?= 10
+
 test: deps build
-	@log=$$(mktemp) && { nice -n 19 $(MAKE) --no-print-directory asan-build >"$$log" 2>&1 & pid=$$!; } && \
-	  status=0 && { $(MAKE) --no-print-directory test-native || status=$$?; } && \
-	  { wait $$pid || { cat "$$log"; rm -f "$$log"; echo "the sanitizer build failed"; exit 1; }; } && \
-	  rm -f "$$log" && exit $$status
-	$(MAKE) test-asan
+	@bash scripts/beside.sh -q '$(MAKE) --no-print-directory asan-build' $(MAKE) --no-print-directory test-native
+	@bash scripts/beside.sh '$(FUZZ_BESIDE)' $(MAKE) --no-print-directory test-asan
 
 test-native: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 600
 
 # clang: it compiles this code in about 60 % of GCC's time, and GCC already
 # builds the native and 32-bit sides. The fuzz targets are built here too,
-# over the same instrumented libraries: CI runs them from this build instead
-# of compiling everything once more.
+# over the same instrumented libraries: make test runs them from this build
+# instead of compiling everything once more.
 asan-build:
-	@test -f $(ASAN_BUILD)/build.ninja || CC=clang CXX=clang++ $(CONFIGURE) -B $(ASAN_BUILD) \
+	@grep -qs '^HERON_FUZZ:BOOL=ON' $(ASAN_BUILD)/CMakeCache.txt || CC=clang CXX=clang++ $(CONFIGURE) -B $(ASAN_BUILD) \
 	  -DCMAKE_BUILD_TYPE=Debug -DHERON_SANITIZE=ON -DHERON_FUZZ=ON
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+# Every fuzz target over its seed corpus, briefly, from the sanitizer build:
+# a regression input in the corpus that crashes again, or a shallow finding,
+# fails the tests. Longer runs: make fuzz.
+FUZZ_BESIDE := $(if $(filter 0,$(TEST_FUZZ_SECONDS)),true,FUZZ_SECONDS=$(TEST_FUZZ_SECONDS) FUZZ_JOBS=1 bash scripts/fuzz.sh $(ASAN_BUILD))
 
 test-asan: asan-build
 	# Tests labelled `once` (packaging, installing, the soak, a real
