@@ -19,6 +19,7 @@
 
 #include "Beacon/MapsReader.h"
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 #include "Beacon/Util.h"
 #include "Mem/TableFinder.h"
 #include "SharedMem/OwnerFile.h"
@@ -155,23 +156,6 @@ std::string HeronClientScanner::getProcNameForPid(const std::string& pidText) co
 // Mapping extraction
 
 namespace {
-
-// A descriptor owned until destruction.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // How a maps file reaches the extraction: opened by the walk (or found but
 // not openable, fd -1), or only named (the single-file members open it).
@@ -310,7 +294,7 @@ void extractProcess(const HeronClientScanner& scanner, Beacon::Proc::MapsReader&
   // The line callback below is a lambda; its traces name this function.
   const char* const function = __func__;
   form.traceStart(source.path);
-  FileDescriptor opened(source.opened ? source.fd : -1);
+  Beacon::UniqueFd opened(source.opened ? source.fd : -1);
   // errno is not cleared on purpose: a failure left by the directory walk
   // drops a non-numeric entry that follows it.
   const long pid = std::strtol(pidText.c_str(), nullptr, 10);
@@ -327,7 +311,7 @@ void extractProcess(const HeronClientScanner& scanner, Beacon::Proc::MapsReader&
       return;
     }
   }
-  FileDescriptor ownOpen(source.opened ? -1 : ::open(source.path.c_str(), O_RDONLY | O_CLOEXEC));
+  Beacon::UniqueFd ownOpen(source.opened ? -1 : ::open(source.path.c_str(), O_RDONLY | O_CLOEXEC));
   const int fd = source.opened ? opened.get() : ownOpen.get();
   if (fd < 0) {
     Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, kClass, "file {} no longer exists", source.path);
