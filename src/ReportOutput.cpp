@@ -239,21 +239,18 @@ ReportOutput::ReportOutput()
 ReportOutput::~ReportOutput() {
   stdout_.flush();
   file_.flush();
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
 }
 
 bool ReportOutput::open(const std::string& name, const std::vector<std::string>& protectedDirs) {
   if (name.empty()) {
     return true;
   }
-  fd_ = openReportFile(name, protectedDirs);
-  if (fd_ < 0) {
+  fd_.reset(openReportFile(name, protectedDirs));
+  if (!fd_.valid()) {
     std::cerr << "Error opening " << name << std::endl;
     return false;
   }
-  fileBuffer_.attach(fd_);
+  fileBuffer_.attach(fd_.get());
   stream_ = &file_;
   fileName_ = name;
   name_ = name;

@@ -28,6 +28,8 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/UniqueFd.h"
+
 namespace Heron {
 
 // A write-only stream buffer on a file descriptor that remembers the first
@@ -110,7 +112,7 @@ class ReportOutput {
   std::ostream file_{&fileBuffer_};
   std::ostream* stream_;
   bool coutWasGood_;
-  int fd_ = -1;
+  Beacon::UniqueFd fd_;  // the named file's; closed after the final flush
   std::string fileName_;
   std::string name_ = "standard output";
 };

@@ -105,9 +105,9 @@ bool copyPlain(int in, int out, CopiedFile& file) {
 }
 
 bool stagePlain(CopiedFile& file) {
-  const FileHandle in(openTableFile(file.live));
-  const FileHandle out(createStaged(file.staged));
-  return in.ok() && out.ok() && copyPlain(in.get(), out.get(), file);
+  const Beacon::UniqueFd in(openTableFile(file.live));
+  const Beacon::UniqueFd out(createStaged(file.staged));
+  return in.valid() && out.valid() && copyPlain(in.get(), out.get(), file);
 }
 
 // Tries between pauses while the generation word moves.
@@ -139,9 +139,9 @@ unsigned copyByGeneration(const HeaderView& view, std::size_t at, char* into, st
 // The allocator file: copied until its generation is even and unchanged.
 // A file too short for its header is copied as it is: its reader says why.
 bool stageQuarry(CopiedFile& file) {
-  const FileHandle in(openTableFile(file.live));
-  const FileHandle out(createStaged(file.staged));
-  if (!in.ok() || !out.ok()) {
+  const Beacon::UniqueFd in(openTableFile(file.live));
+  const Beacon::UniqueFd out(createStaged(file.staged));
+  if (!in.valid() || !out.valid()) {
     return false;
   }
   const HeaderView view(in.get(), sizeof(Quarry::QuarryHeader));
@@ -163,9 +163,9 @@ bool stageQuarry(CopiedFile& file) {
 // of the region's size; the units are read when the bundle is written. A
 // header that cannot be trusted makes the whole file one plain copy.
 bool stageRegion(CopiedFile& file) {
-  FileHandle in(openTableFile(file.live));
-  const FileHandle out(createStaged(file.staged));
-  if (!in.ok() || !out.ok()) {
+  Beacon::UniqueFd in(openTableFile(file.live));
+  const Beacon::UniqueFd out(createStaged(file.staged));
+  if (!in.valid() || !out.valid()) {
     return false;
   }
   const std::uint64_t size = fileSize(in.get());
@@ -215,11 +215,11 @@ QueueToken queueToken(const HeaderView& primary, const HeaderView& secondary) {
 
 // relay.1 and relay.2 together, retried until nothing moved.
 bool stageQueues(CopiedFile& primary, CopiedFile& secondary) {
-  const FileHandle in1(openTableFile(primary.live));
-  const FileHandle in2(openTableFile(secondary.live));
-  const FileHandle out1(createStaged(primary.staged));
-  const FileHandle out2(createStaged(secondary.staged));
-  if (!in1.ok() || !in2.ok() || !out1.ok() || !out2.ok()) {
+  const Beacon::UniqueFd in1(openTableFile(primary.live));
+  const Beacon::UniqueFd in2(openTableFile(secondary.live));
+  const Beacon::UniqueFd out1(createStaged(primary.staged));
+  const Beacon::UniqueFd out2(createStaged(secondary.staged));
+  if (!in1.valid() || !in2.valid() || !out1.valid() || !out2.valid()) {
     return false;
   }
   const HeaderView view1(in1.get(), sizeof(RelayHeader));
@@ -381,23 +381,6 @@ bool streamRange(int fd, std::uint64_t from, std::uint64_t to, Sha256& sum, bool
 
 }  // namespace
 
-FileHandle::~FileHandle() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
-}
-
-FileHandle& FileHandle::operator=(FileHandle&& other) noexcept {
-  if (this != &other) {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-    fd_ = other.fd_;
-    other.fd_ = -1;
-  }
-  return *this;
-}
-
 bool stageTables(const Sample& sample, const std::string& stagedRoot, std::vector<CopiedFile>& files,
                  std::string& error) {
   for (const Table& table : sample.tables) {
@@ -415,16 +398,16 @@ bool streamCopy(CopiedFile& file, const std::function<bool(const void*, std::siz
   Sha256 sum;
   bool cut = false;
   {
-    const FileHandle staged(::open(file.staged.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!staged.ok() || !streamRange(staged.get(), 0, file.stagedBytes, sum, cut, sink)) {
+    const Beacon::UniqueFd staged(::open(file.staged.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!staged.valid() || !streamRange(staged.get(), 0, file.stagedBytes, sum, cut, sink)) {
       return false;
     }
   }
   if (file.dataFromLive) {
-    if (!file.liveFile.ok()) {
-      file.liveFile = FileHandle(openTableFile(file.live));
+    if (!file.liveFile.valid()) {
+      file.liveFile = Beacon::UniqueFd(openTableFile(file.live));
     }
-    const FileHandle live(std::move(file.liveFile));
+    const Beacon::UniqueFd live(std::move(file.liveFile));
     if (!streamRange(live.get(), file.stagedBytes, file.size, sum, cut, sink)) {
       return false;
     }

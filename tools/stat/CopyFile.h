@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/UniqueFd.h"
 #include "Model.h"
 
 namespace Stat {
@@ -20,22 +21,6 @@ constexpr unsigned kQueueCopyAttempts = 64;
 // The same for the allocator file's and a region's header and bitmap,
 // copied from a mapping: an attempt takes a few microseconds.
 constexpr unsigned kHeaderCopyAttempts = 4096;
-
-// A file descriptor closed with its owner; movable.
-class FileHandle {
- public:
-  explicit FileHandle(int fd = -1) : fd_(fd) {}
-  ~FileHandle();
-  FileHandle(FileHandle&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-  FileHandle& operator=(FileHandle&& other) noexcept;
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-  int get() const { return fd_; }
-  bool ok() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
 
 struct CopiedFile {
   std::string entry;   // its name in the bundle: "tables/NAME/FILE"
@@ -49,7 +34,7 @@ struct CopiedFile {
   bool dataFromLive = false;
   // The region file as opened for its header: its units are read from the
   // same file even if the writer has since replaced the region.
-  FileHandle liveFile;
+  Beacon::UniqueFd liveFile;
   std::uint64_t generation = 0;  // the region's when its header was copied
   unsigned attempts = 1;
   bool torn = false;

@@ -53,11 +53,7 @@ Recorder::Recorder(std::string dir, std::uint64_t maxBytes)
       maxBytes_(maxBytes),
       fileBytesLimit_(std::max<std::uint64_t>(maxBytes / kFilesPerBudget, 1)) {}
 
-Recorder::~Recorder() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
-}
+Recorder::~Recorder() = default;
 
 bool Recorder::open(std::string& error) {
   if (::mkdir(dir_.c_str(), 0755) != 0 && errno != EEXIST) {
@@ -73,18 +69,15 @@ bool Recorder::open(std::string& error) {
 }
 
 bool Recorder::startFile(double timeSeconds, std::string& error) {
-  if (fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
+  fd_.reset();
   // Named by the start in milliseconds: names sort as the files were made,
   // and a restart never appends to a file whose end it did not write.
   const auto ms = static_cast<long long>(timeSeconds * 1000);
-  for (int extra = 0; extra < 1000 && fd_ < 0; ++extra) {
+  for (int extra = 0; extra < 1000 && !fd_.valid(); ++extra) {
     current_ = dir_ + "/" + kRecordPrefix + std::to_string(ms + extra) + kRecordSuffix;
-    fd_ = ::open(current_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644);
+    fd_.reset(::open(current_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
   }
-  if (fd_ < 0) {
+  if (!fd_.valid()) {
     error = current_ + ": " + std::strerror(errno);
     return false;
   }
@@ -115,7 +108,7 @@ bool Recorder::append(const std::string& line, double timeSeconds, std::string& 
     error = "cannot compress the sample";
     return false;
   }
-  if ((fd_ < 0 || currentBytes_ + frame.size() > fileBytesLimit_) && !startFile(timeSeconds, error)) {
+  if ((!fd_.valid() || currentBytes_ + frame.size() > fileBytesLimit_) && !startFile(timeSeconds, error)) {
     return false;
   }
   if (!makeRoom(frame.size())) {
@@ -123,7 +116,7 @@ bool Recorder::append(const std::string& line, double timeSeconds, std::string& 
     return false;
   }
   for (int attempt = 0; attempt < 2; ++attempt) {
-    const ssize_t wrote = ::write(fd_, frame.data(), frame.size());
+    const ssize_t wrote = ::write(fd_.get(), frame.data(), frame.size());
     if (wrote == static_cast<ssize_t>(frame.size())) {
       currentBytes_ += frame.size();
       return true;
@@ -132,7 +125,7 @@ bool Recorder::append(const std::string& line, double timeSeconds, std::string& 
     const int why = wrote < 0 ? errno : ENOSPC;
     error = current_ + ": " + std::strerror(why);
     // A part of a frame would make the rest of the file unreadable.
-    if (::ftruncate(fd_, static_cast<off_t>(currentBytes_)) != 0 || why != ENOSPC) {
+    if (::ftruncate(fd_.get(), static_cast<off_t>(currentBytes_)) != 0 || why != ENOSPC) {
       break;
     }
     // A full disk: the oldest recordings make room for the newest.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Beacon/UniqueFd.h"
 #include "Model.h"
 
 namespace Stat {
@@ -42,7 +43,7 @@ class Recorder {
   std::string dir_;
   std::uint64_t maxBytes_;
   std::uint64_t fileBytesLimit_;
-  int fd_ = -1;
+  Beacon::UniqueFd fd_;
   std::string current_;
   std::uint64_t currentBytes_ = 0;
 };

@@ -35,14 +35,10 @@ WatchedDirs::WatchedDirs(Beacon::Platform::DebugHandler& handler) : WatchedDirs(
 WatchedDirs::WatchedDirs(Beacon::Platform::DebugHandler& handler, std::size_t budget)
     : handler_(handler), fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)), budget_(budget) {}
 
-WatchedDirs::~WatchedDirs() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
-}
+WatchedDirs::~WatchedDirs() = default;
 
 void WatchedDirs::refresh() {
-  if (fd_ < 0) {
+  if (!fd_.valid()) {
     return;
   }
   takeEvents();
@@ -64,7 +60,7 @@ void WatchedDirs::refresh() {
 void WatchedDirs::takeEvents() {
   alignas(struct inotify_event) char buffer[16 * 1024];
   for (;;) {
-    const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+    const ssize_t n = ::read(fd_.get(), buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) {
       continue;
     }
@@ -88,7 +84,7 @@ void WatchedDirs::takeEvents() {
       if ((event.mask & (IN_IGNORED | IN_MOVE_SELF | IN_DELETE_SELF)) != 0) {
         forgetTree(dir);
         if ((event.mask & IN_MOVE_SELF) != 0) {
-          ::inotify_rm_watch(fd_, event.wd);  // it now lives elsewhere
+          ::inotify_rm_watch(fd_.get(), event.wd);  // it now lives elsewhere
         }
         paths_.erase(event.wd);
         continue;
@@ -119,11 +115,11 @@ Mem::TableFinder::Directory WatchedDirs::read(const std::string& path) {
     return kept->second.directory;
   }
   Entry entry;
-  entry.wd = fd_ >= 0 && paths_.size() < budget_ ? ::inotify_add_watch(fd_, path.c_str(), kMask) : -1;
+  entry.wd = fd_.valid() && paths_.size() < budget_ ? ::inotify_add_watch(fd_.get(), path.c_str(), kMask) : -1;
   // Read after the watch is in place: a change from now on is an event.
   struct stat st {};
   if (entry.wd >= 0 && ::stat(path.c_str(), &st) != 0) {
-    ::inotify_rm_watch(fd_, entry.wd);  // cannot be told apart from its successor: not kept
+    ::inotify_rm_watch(fd_.get(), entry.wd);  // cannot be told apart from its successor: not kept
     entry.wd = -1;
   }
   entry.device = static_cast<unsigned long long>(st.st_dev);

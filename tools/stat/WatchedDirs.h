@@ -22,6 +22,7 @@
 #include <unordered_map>
 
 #include "Beacon/Platform.h"
+#include "Beacon/UniqueFd.h"
 #include "Mem/TableFinder.h"
 
 namespace Stat {
@@ -72,7 +73,7 @@ class WatchedDirs : public Mem::TableFinder::DirectorySource {
   void takeEvents();
 
   Beacon::Platform::DebugHandler& handler_;
-  int fd_ = -1;
+  Beacon::UniqueFd fd_;
   std::size_t budget_;
   std::unordered_map<std::string, Entry> dirs_;
   std::unordered_map<int, std::string> paths_;  // by watch descriptor

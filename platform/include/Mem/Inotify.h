@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "Beacon/Debuggable.h"
+#include "Beacon/UniqueFd.h"
 
 namespace Mem {
 
@@ -89,7 +90,7 @@ class InotifyMgr {
   static void queue(WatchDescriptor& descriptor, Event event);
 
   mutable std::mutex mutex_;
-  int fd_ = -1;
+  Beacon::UniqueFd fd_;
   int ownerPid_ = 0;
   // Bumped whenever a new instance replaces the old one (after a fork), so
   // that watch numbers of the old one are never used on the new one.

@@ -15,6 +15,7 @@
 
 #include "Beacon/Debuggable.h"
 #include "Beacon/MappingGuard.h"
+#include "Beacon/UniqueFd.h"
 
 namespace Mem {
 
@@ -45,7 +46,7 @@ class SharedMemWrapper : public Beacon::Debuggable {
   const void* base() const { return base_; }
   void* writableBase() const { return mode_ == Mode::ReadWrite ? base_ : nullptr; }
   std::size_t mappedSize() const { return size_; }
-  bool isOpen() const { return fd_ >= 0; }
+  bool isOpen() const { return fd_.valid(); }
 
   // Writer side: creates the file (it must not exist) at `size` bytes.
   static bool createFile(const std::string& path, std::size_t size, std::string& error);
@@ -64,7 +65,7 @@ class SharedMemWrapper : public Beacon::Debuggable {
   void unmap();
 
   std::string path_;
-  int fd_ = -1;
+  Beacon::UniqueFd fd_;
   void* base_ = nullptr;
   std::size_t size_ = 0;
   mutable std::size_t knownSize_ = 0;

@@ -31,20 +31,19 @@ std::size_t InotifyMgr::watchCount() const {
 
 int InotifyMgr::instanceFd() {
   const int pid = static_cast<int>(::getpid());
-  if (fd_ >= 0 && ownerPid_ == pid) {
-    return fd_;
+  if (fd_.valid() && ownerPid_ == pid) {
+    return fd_.get();
   }
-  if (fd_ >= 0) {
+  if (fd_.valid()) {
     // Inherited through fork: the parent keeps reading that instance, so
     // the child must not. Closing our copy only drops a reference.
-    ::close(fd_);
-    fd_ = -1;
+    fd_.reset();
     subscribers_.clear();
     ++generation_;
   }
-  fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  fd_.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   ownerPid_ = pid;
-  return fd_;
+  return fd_.get();
 }
 
 int InotifyMgr::add(const std::string& directory, WatchDescriptor& descriptor, unsigned& generation) {
@@ -83,7 +82,7 @@ void InotifyMgr::remove(int wd, unsigned generation, WatchDescriptor& descriptor
     subscribers_.erase(found);
     // Fails harmlessly (EINVAL) when the kernel already dropped the watch
     // because the directory is gone.
-    ::inotify_rm_watch(fd_, wd);
+    ::inotify_rm_watch(fd_.get(), wd);
   }
 }
 
@@ -101,7 +100,7 @@ void InotifyMgr::queue(WatchDescriptor& descriptor, Event event) {
 }
 
 void InotifyMgr::drainLocked() {
-  if (fd_ < 0) {
+  if (!fd_.valid()) {
     return;
   }
   alignas(struct inotify_event) char buffer[16384];
@@ -109,7 +108,7 @@ void InotifyMgr::drainLocked() {
   // the largest event emptied the queue, so no read is made to learn that.
   constexpr std::size_t kLargestEvent = sizeof(struct inotify_event) + NAME_MAX + 1;
   for (ssize_t n = sizeof buffer; static_cast<std::size_t>(n) > sizeof buffer - kLargestEvent;) {
-    n = ::read(fd_, buffer, sizeof buffer);
+    n = ::read(fd_.get(), buffer, sizeof buffer);
     if (n <= 0) {
       break;
     }

@@ -17,34 +17,29 @@ namespace Mem {
 SharedMemWrapper::SharedMemWrapper(Beacon::Platform::DebugHandler& handler, std::string path)
     : Beacon::Debuggable(handler), path_(std::move(path)) {}
 
-SharedMemWrapper::~SharedMemWrapper() {
-  unmap();
-  if (fd_ >= 0) {
-    ::close(fd_);
-  }
-}
+SharedMemWrapper::~SharedMemWrapper() { unmap(); }
 
 std::size_t SharedMemWrapper::memSize() const {
   struct stat st {};
   // lstat: a symbolic link is not a table file, whatever it points at.
-  int rc = fd_ >= 0 ? ::fstat(fd_, &st) : ::lstat(path_.c_str(), &st);
+  int rc = fd_.valid() ? ::fstat(fd_.get(), &st) : ::lstat(path_.c_str(), &st);
   if (rc != 0 || !S_ISREG(st.st_mode)) {
     return 0;
   }
-  if (fd_ >= 0) {
+  if (fd_.valid()) {
     knownSize_ = static_cast<std::size_t>(st.st_size);
   }
   return static_cast<std::size_t>(st.st_size);
 }
 
 bool SharedMemWrapper::open(Mode mode, std::size_t* size) {
-  if (fd_ >= 0) {
+  if (fd_.valid()) {
     return mode_ == mode || mode == Mode::ReadOnly;
   }
   struct stat st {};
-  fd_ = mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_, &st)
-                               : ::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (fd_ < 0) {
+  fd_.reset(mode == Mode::ReadOnly ? Beacon::Util::openRegularFile(path_, lastError_, &st)
+                                   : ::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd_.valid()) {
     if (mode != Mode::ReadOnly) {
       lastError_ = std::strerror(errno);
     }
@@ -81,7 +76,7 @@ const void* SharedMemWrapper::map(std::size_t size, Mode mode) {
 }
 
 const void* SharedMemWrapper::remap(std::size_t size) {
-  if (fd_ < 0) {
+  if (!fd_.valid()) {
     lastError_ = "not open";
     return nullptr;
   }
@@ -89,7 +84,7 @@ const void* SharedMemWrapper::remap(std::size_t size) {
 }
 
 const void* SharedMemWrapper::remap(std::size_t size, std::size_t real) {
-  if (fd_ < 0) {
+  if (!fd_.valid()) {
     lastError_ = "not open";
     return nullptr;
   }
@@ -124,7 +119,7 @@ const void* SharedMemWrapper::mapAt(std::size_t size, std::size_t real) {
     }
   }
   const int prot = mode_ == Mode::ReadOnly ? PROT_READ : PROT_READ | PROT_WRITE;
-  void* base = ::mmap(nullptr, size, prot, MAP_SHARED, fd_, 0);
+  void* base = ::mmap(nullptr, size, prot, MAP_SHARED, fd_.get(), 0);
   if (base == MAP_FAILED) {
     lastError_ = std::strerror(errno);
     return nullptr;
@@ -139,28 +134,27 @@ const void* SharedMemWrapper::mapAt(std::size_t size, std::size_t real) {
 }
 
 bool SharedMemWrapper::createFile(const std::string& path, std::size_t size, std::string& error) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!fd.valid()) {
     error = path + ": " + std::strerror(errno);
     return false;
   }
-  bool ok = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+  const bool ok = ::ftruncate(fd.get(), static_cast<off_t>(size)) == 0;
   if (!ok) {
     error = path + ": " + std::strerror(errno);
   }
-  ::close(fd);
   return ok;
 }
 
 bool SharedMemWrapper::extend(std::size_t size) {
-  if (fd_ < 0 || mode_ != Mode::ReadWrite) {
+  if (!fd_.valid() || mode_ != Mode::ReadWrite) {
     lastError_ = "not open for writing";
     return false;
   }
   if (size <= memSize()) {
     return true;
   }
-  if (::ftruncate(fd_, static_cast<off_t>(size)) != 0) {
+  if (::ftruncate(fd_.get(), static_cast<off_t>(size)) != 0) {
     lastError_ = std::strerror(errno);
     return false;
   }
