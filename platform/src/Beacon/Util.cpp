@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 
 namespace Beacon {
 
@@ -19,37 +20,36 @@ namespace Util {
 int openRegularFile(const std::string& path, std::string& error, struct stat* status) {
   // O_NOFOLLOW: a symbolic link in place of a table file could point at
   // any file or device on the host; it is refused like a FIFO.
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
-  if (fd < 0) {
+  Beacon::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+  if (!fd.valid()) {
     error = errno == ELOOP ? "not a regular file" : std::strerror(errno);
     return -1;
   }
   struct stat st {};
-  if (::fstat(fd, &st) != 0) {
+  if (::fstat(fd.get(), &st) != 0) {
     error = std::strerror(errno);
-    ::close(fd);
     return -1;
   }
   if (!S_ISREG(st.st_mode)) {
     error = "not a regular file";
-    ::close(fd);
+    fd.reset();  // closed first, so that nothing overwrites the errno set next
     errno = EINVAL;
     return -1;
   }
   if (status != nullptr) {
     *status = st;
   }
-  return fd;
+  return fd.release();  // the caller owns it
 }
 
 bool readWholeFile(const std::string& path, std::string& text, int flags) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
+  if (!fd.valid()) {
     return false;
   }
   char buffer[4096];
   for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) {
       continue;
     }
@@ -58,7 +58,6 @@ bool readWholeFile(const std::string& path, std::string& text, int flags) {
     }
     text.append(buffer, static_cast<std::size_t>(n));
   }
-  ::close(fd);
   return true;
 }
 

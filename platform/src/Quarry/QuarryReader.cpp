@@ -14,6 +14,7 @@
 
 #include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 #include "Beacon/Util.h"
 #include "Quarry/Region.h"
 
@@ -30,18 +31,16 @@ NoMapReader::~NoMapReader() {
 
 bool NoMapReader::open(const std::string& path, std::string& error) {
   struct stat st {};
-  int fd = Beacon::Util::openRegularFile(path, error, &st);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(Beacon::Util::openRegularFile(path, error, &st));
+  if (!fd.valid()) {
     error = path + ": " + error;
     return false;
   }
   if (st.st_size < static_cast<off_t>(sizeof(QuarryHeader))) {
     error = path + ": shorter than an allocator header";
-    ::close(fd);
     return false;
   }
-  void* base = ::mmap(nullptr, sizeof(QuarryHeader), PROT_READ, MAP_SHARED, fd, 0);
-  ::close(fd);
+  void* base = ::mmap(nullptr, sizeof(QuarryHeader), PROT_READ, MAP_SHARED, fd.get(), 0);
   if (base == MAP_FAILED) {
     error = path + ": mmap: " + std::strerror(errno);
     return false;

@@ -12,6 +12,7 @@
 #include "Beacon/Clock.h"
 #include "Beacon/SharedWord.h"
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 #include "Quarry/QuarryFormat.h"
 
 namespace Quarry {
@@ -94,8 +95,8 @@ bool QuarryWriter::mapQuarry(int fd, std::string& error) {
 
 bool QuarryWriter::create(std::string& error) {
   const std::string path = root_.fullPath(kQuarryFileName);
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!fd.valid()) {
     error = path + ": " + std::strerror(errno);
     return false;
   }
@@ -105,33 +106,31 @@ bool QuarryWriter::create(std::string& error) {
   initial.pageSize = pageSize_;
   initial.maxRegionId = QuarryHeader::kMaxRegionId;
   initial.nextRegionId = 1;
-  bool ok = ::pwrite(fd, &initial, sizeof initial, 0) == static_cast<ssize_t>(sizeof initial);
-  if (!ok) {
+  if (::pwrite(fd.get(), &initial, sizeof initial, 0) != static_cast<ssize_t>(sizeof initial)) {
     error = path + ": write: " + std::strerror(errno);
-  } else {
-    ok = mapQuarry(fd, error);
+    return false;
   }
-  ::close(fd);
-  return ok;
+  return mapQuarry(fd.get(), error);
 }
 
 bool QuarryWriter::open(std::string& error) {
   const std::string path = root_.fullPath(kQuarryFileName);
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
-    error = path + ": " + std::strerror(errno);
-    return false;
-  }
-  struct stat st {};
-  bool ok = ::fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(QuarryHeader));
-  if (!ok) {
-    error = path + ": shorter than an allocator header";
-  } else {
-    ok = mapQuarry(fd, error);
-  }
-  ::close(fd);
-  if (!ok) {
-    return false;
+  {
+    // Held only until mapped: the mapping keeps the file, and the region
+    // files are opened below.
+    const Beacon::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!fd.valid()) {
+      error = path + ": " + std::strerror(errno);
+      return false;
+    }
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || st.st_size < static_cast<off_t>(sizeof(QuarryHeader))) {
+      error = path + ": shorter than an allocator header";
+      return false;
+    }
+    if (!mapQuarry(fd.get(), error)) {
+      return false;
+    }
   }
   if (header_->magic != QuarryHeader::kMagic || header_->version != QuarryHeader::kVersion || header_->pageSize == 0) {
     error = path + ": not a region allocator file";
@@ -155,25 +154,21 @@ bool QuarryWriter::open(std::string& error) {
 
 bool QuarryWriter::adoptRegion(std::uint32_t regionId) {
   const std::string path = root_.fullPath(kRegionFilePrefix + std::to_string(regionId));
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd.valid()) {
     return false;
   }
   struct stat st {};
   auto mapping = std::make_unique<Mapping>();
-  bool ok = ::fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(RegionHeader));
-  if (ok) {
-    void* base = ::mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ok = base != MAP_FAILED;
-    if (ok) {
-      mapping->base = static_cast<unsigned char*>(base);
-      mapping->size = static_cast<std::size_t>(st.st_size);
-    }
-  }
-  ::close(fd);
-  if (!ok) {
+  if (::fstat(fd.get(), &st) != 0 || st.st_size < static_cast<off_t>(sizeof(RegionHeader))) {
     return false;
   }
+  void* base = ::mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  if (base == MAP_FAILED) {
+    return false;
+  }
+  mapping->base = static_cast<unsigned char*>(base);
+  mapping->size = static_cast<std::size_t>(st.st_size);
   RegionHeader* header = reinterpret_cast<RegionHeader*>(mapping->base);
   RegionLayout layout;
   if (header->magic != RegionHeader::kMagic || header->regionId != regionId ||
@@ -214,20 +209,17 @@ std::uint32_t QuarryWriter::freeRegionId() const {
 
 std::unique_ptr<QuarryWriter::Mapping> QuarryWriter::mapNewFile(const std::string& temporary, std::size_t size,
                                                                 std::string& error) {
-  int fd = ::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  if (!fd.valid()) {
     error = temporary + ": " + std::strerror(errno);
     return nullptr;
   }
   void* base = MAP_FAILED;
-  if (::ftruncate(fd, static_cast<off_t>(size)) == 0) {
-    base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (::ftruncate(fd.get(), static_cast<off_t>(size)) == 0) {
+    base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   }
   if (base == MAP_FAILED) {
     error = temporary + ": " + std::strerror(errno);
-  }
-  ::close(fd);
-  if (base == MAP_FAILED) {
     return nullptr;
   }
   auto mapping = std::make_unique<Mapping>();

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 #include "Quarry/Offset.h"
 
 namespace Relay {
@@ -20,8 +21,8 @@ constexpr const char* kFileNames[2] = {"relay.1", "relay.2"};
 // Writes the header of a fresh, zero-filled file: everything but the magic
 // first, the magic last, so that a reader that sees the magic sees the rest.
 bool writeHeader(const std::string& path, const RelayWriter::Header& header, std::string& error) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  if (!fd.valid()) {
     error = path + ": " + std::strerror(errno);
     return false;
   }
@@ -30,12 +31,11 @@ bool writeHeader(const std::string& path, const RelayWriter::Header& header, std
   constexpr std::size_t magicSize = sizeof header.magic;
   static_assert(Shared::kMagic == 0, "the magic opens the file");
   const std::size_t body = Shared::kSlots - magicSize;
-  bool ok = ::pwrite(fd, bytes + magicSize, body, magicSize) == static_cast<ssize_t>(body) &&
-            ::pwrite(fd, bytes, magicSize, 0) == static_cast<ssize_t>(magicSize);
+  bool ok = ::pwrite(fd.get(), bytes + magicSize, body, magicSize) == static_cast<ssize_t>(body) &&
+            ::pwrite(fd.get(), bytes, magicSize, 0) == static_cast<ssize_t>(magicSize);
   if (!ok) {
     error = path + ": " + std::strerror(errno);
   }
-  ::close(fd);
   return ok;
 }
 

@@ -8,6 +8,7 @@
 
 #include "Beacon/ProcPid.h"
 #include "Beacon/SharedWord.h"
+#include "Beacon/UniqueFd.h"
 #include "Beacon/Util.h"
 
 namespace SharedMem {
@@ -15,13 +16,12 @@ namespace SharedMem {
 LoadStatus readEmber(const Mem::RootPath& root, EmberHeader& out) {
   std::string path = root.fullPath("ember");
   std::string error;
-  int fd = Beacon::Util::openRegularFile(path, error);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(Beacon::Util::openRegularFile(path, error));
+  if (!fd.valid()) {
     return LoadStatus::NotReady;
   }
   EmberHeader loaded{};
-  ssize_t n = ::pread(fd, &loaded, sizeof loaded, 0);
-  ::close(fd);
+  ssize_t n = ::pread(fd.get(), &loaded, sizeof loaded, 0);
   if (n != static_cast<ssize_t>(sizeof loaded)) {
     return LoadStatus::NotReady;
   }

@@ -9,6 +9,7 @@
 
 #include "Beacon/Clock.h"
 #include "Beacon/Trace.h"
+#include "Beacon/UniqueFd.h"
 #include "Beacon/Util.h"
 
 namespace SharedMem {
@@ -43,14 +44,13 @@ OwnerFile::OwnerFile(Beacon::Platform::DebugHandler& handler, const Mem::RootPat
     : Beacon::Debuggable(handler) {
   std::string path = root.fullPath("owner");
   std::string error;
-  int fd = Beacon::Util::openRegularFile(path, error);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(Beacon::Util::openRegularFile(path, error));
+  if (!fd.valid()) {
     Beacon::fmtrace(handler, 5, __FILE__, __func__, __LINE__, "OwnerFile", "cannot open {}: {}", path, error);
     return;
   }
   Header loaded{};
-  ssize_t n = ::pread(fd, &loaded, sizeof loaded, 0);
-  ::close(fd);
+  ssize_t n = ::pread(fd.get(), &loaded, sizeof loaded, 0);
   if (n != static_cast<ssize_t>(sizeof loaded)) {
     status_ = LoadStatus::NotReady;
   } else if (loaded.magic != kMagic) {
@@ -104,13 +104,14 @@ bool OwnerFile::create(const Mem::RootPath& root, SharedMemType type, const std:
   // Written under a temporary name and renamed, so a reader never sees a
   // half-written owner file.
   std::string temporary = path + ".tmp";
-  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  Beacon::UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!fd.valid()) {
     error = temporary + ": " + std::strerror(errno);
     return false;
   }
-  bool ok = ::write(fd, &header, sizeof header) == static_cast<ssize_t>(sizeof header);
-  ok = (::close(fd) == 0) && ok;
+  bool ok = ::write(fd.get(), &header, sizeof header) == static_cast<ssize_t>(sizeof header);
+  // Closed by hand: a written file whose close fails is not made the owner.
+  ok = (::close(fd.release()) == 0) && ok;
   if (ok && ::link(temporary.c_str(), path.c_str()) != 0) {
     error = path + ": " + std::strerror(errno);
     ok = false;

@@ -16,6 +16,7 @@
 #include "Beacon/MapQuery.h"
 #include "Beacon/MapsReader.h"
 #include "Beacon/ProcPid.h"
+#include "Beacon/UniqueFd.h"
 
 namespace SharedMem {
 
@@ -241,18 +242,17 @@ TableMappings findTableMappings(const MappingWalk& walk) {
       continue;
     }
     const std::string pidName = entry->d_name;
-    const int fd = ::open((walk.procRoot + "/" + pidName + "/maps").c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const Beacon::UniqueFd fd(::open((walk.procRoot + "/" + pidName + "/maps").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
       continue;
     }
     ProcessMappings process(walk, pid, pidName, tables);
-    if (query && queryMappings(walk, devices, fd, process, name, printed) == Queried::Unsupported) {
+    if (query && queryMappings(walk, devices, fd.get(), process, name, printed) == Queried::Unsupported) {
       query = false;
     }
     if (!query) {
-      readText(reader, fd, process);
+      readText(reader, fd.get(), process);
     }
-    ::close(fd);
   }
   ::closedir(dir);
   return tables;
