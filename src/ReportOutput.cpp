@@ -107,14 +107,14 @@ namespace {
 // directory loop made with bind mounts from running away.
 constexpr int kWalkDepth = 64;
 
-// True when a file under the directory `dirFd` (which it closes), on the
-// directory's own file system, is the file `target`.
-bool holdsFile(int dirFd, const struct stat& target, int depth) {
-  DIR* dir = ::fdopendir(dirFd);
+// True when a file under the directory `dirFd`, on the directory's own file
+// system, is the file `target`.
+bool holdsFile(Beacon::UniqueFd dirFd, const struct stat& target, int depth) {
+  DIR* dir = ::fdopendir(dirFd.get());
   if (dir == nullptr) {
-    ::close(dirFd);
     return false;
   }
+  dirFd.release();  // the stream owns it now
   bool found = false;
   while (!found) {
     const struct dirent* entry = ::readdir(dir);
@@ -132,8 +132,8 @@ bool holdsFile(int dirFd, const struct stat& target, int depth) {
     if (st.st_ino == target.st_ino) {
       found = true;
     } else if (S_ISDIR(st.st_mode) && depth > 0) {
-      const int sub = ::openat(::dirfd(dir), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      found = sub >= 0 && holdsFile(sub, target, depth - 1);
+      Beacon::UniqueFd sub(::openat(::dirfd(dir), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      found = sub.valid() && holdsFile(std::move(sub), target, depth - 1);
     }
   }
   ::closedir(dir);
@@ -144,16 +144,15 @@ bool holdsFile(int dirFd, const struct stat& target, int depth) {
 
 bool isFileUnder(const struct stat& st, const std::vector<std::string>& protectedDirs) {
   for (const std::string& name : protectedDirs) {
-    const int dir = ::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir < 0) {
+    Beacon::UniqueFd dir(::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir.valid()) {
       continue;
     }
     struct stat dirStat {};
-    if (::fstat(dir, &dirStat) != 0 || dirStat.st_dev != st.st_dev) {
-      ::close(dir);  // another file system cannot hold it
-      continue;
+    if (::fstat(dir.get(), &dirStat) != 0 || dirStat.st_dev != st.st_dev) {
+      continue;  // another file system cannot hold it
     }
-    if (holdsFile(dir, st, kWalkDepth)) {
+    if (holdsFile(std::move(dir), st, kWalkDepth)) {
       return true;
     }
   }
@@ -178,18 +177,17 @@ int openReportFile(const std::string& name, const std::vector<std::string>& prot
     return -1;
   }
   const int create = existed ? 0 : O_CREAT | O_EXCL;
-  const int fd = ::open(name.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | create, 0666);
-  if (fd < 0) {
+  Beacon::UniqueFd fd(::open(name.c_str(), O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | create, 0666));
+  if (!fd.valid()) {
     return -1;
   }
   struct stat st {};
-  const bool same = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+  const bool same = ::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
                     (!existed || (st.st_dev == before.st_dev && st.st_ino == before.st_ino));
-  if (!same || ::ftruncate(fd, 0) != 0) {
-    ::close(fd);
+  if (!same || ::ftruncate(fd.get(), 0) != 0) {
     return -1;
   }
-  return fd;
+  return fd.release();  // the caller owns it
 }
 
 }  // namespace
