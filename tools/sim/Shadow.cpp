@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "Beacon/StopSignals.h"
+#include "Beacon/UniqueFd.h"
 #include "Beacon/Util.h"
 #include "Sim.h"
 
@@ -46,21 +47,17 @@ class Mapping {
     // Read-only as every reader opens a table file (a link or a FIFO in its
     // place is refused, never followed or waited on); --rw is a test hook.
     struct stat status {};
-    int fd = -1;
+    Beacon::UniqueFd fd;
     if (readWrite) {
-      fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-      if (fd >= 0 && ::fstat(fd, &status) != 0) {
-        ::close(fd);
-        fd = -1;
-      }
-      if (fd < 0) {
+      fd.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+      if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
         error = path + ": " + std::strerror(errno);
         return false;
       }
     } else {
       std::string why;
-      fd = Beacon::Util::openRegularFile(path, why, &status);
-      if (fd < 0) {
+      fd.reset(Beacon::Util::openRegularFile(path, why, &status));
+      if (!fd.valid()) {
         error = path + ": " + why;
         return false;
       }
@@ -69,11 +66,9 @@ class Mapping {
     // the process shows up in its maps file.
     long page = ::sysconf(_SC_PAGESIZE);
     length_ = status.st_size > 0 ? static_cast<std::size_t>(status.st_size) : static_cast<std::size_t>(page);
-    address_ = ::mmap(nullptr, length_, readWrite ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-    int mapErrno = errno;
-    ::close(fd);
+    address_ = ::mmap(nullptr, length_, readWrite ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd.get(), 0);
     if (address_ == MAP_FAILED) {
-      error = path + ": mmap: " + std::strerror(mapErrno);
+      error = path + ": mmap: " + std::strerror(errno);
       return false;
     }
     return true;

@@ -18,6 +18,7 @@
 #include <memory>
 #include <vector>
 
+#include "Beacon/UniqueFd.h"
 #include "Mem/RootPath.h"
 #include "Output.h"
 #include "Render.h"
@@ -106,8 +107,8 @@ bool isZeros(const void* data, std::size_t size) {
 
 // Writes the entry's data to `path` (a new file), leaving holes for zeros.
 bool extractFile(archive* reader, const std::string& path, la_int64_t size, std::string& error) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) {
+  const Beacon::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd.valid()) {
     error = std::string("cannot extract a file: ") + std::strerror(errno);
     return false;
   }
@@ -125,17 +126,17 @@ bool extractFile(archive* reader, const std::string& path, la_int64_t size, std:
       ok = false;
       break;
     }
-    if (length != 0 && !isZeros(block, length) && ::pwrite(fd, block, length, offset) != static_cast<ssize_t>(length)) {
+    if (length != 0 && !isZeros(block, length) &&
+        ::pwrite(fd.get(), block, length, offset) != static_cast<ssize_t>(length)) {
       error = std::string("cannot extract a file: ") + std::strerror(errno);
       ok = false;
       break;
     }
   }
-  if (ok && ::ftruncate(fd, size) != 0) {
+  if (ok && ::ftruncate(fd.get(), size) != 0) {
     error = std::string("cannot extract a file: ") + std::strerror(errno);
     ok = false;
   }
-  ::close(fd);
   return ok;
 }
 

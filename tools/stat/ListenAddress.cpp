@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Beacon/UniqueFd.h"
+
 namespace Stat {
 
 namespace {
@@ -98,19 +100,20 @@ bool splitPlain(const std::string& text, std::string& host, std::string& portTex
 // A socket of `info`'s family bound to its address and listening, or -1
 // with errno set.
 int bindAndListen(const addrinfo& info) {
-  const int fd = ::socket(info.ai_family, info.ai_socktype | SOCK_CLOEXEC, info.ai_protocol);
-  if (fd < 0) {
+  Beacon::UniqueFd fd(::socket(info.ai_family, info.ai_socktype | SOCK_CLOEXEC, info.ai_protocol));
+  if (!fd.valid()) {
     return -1;
   }
   const int on = 1;
-  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (::bind(fd, info.ai_addr, info.ai_addrlen) != 0 || ::listen(fd, kListenBacklog) != 0) {
+  ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (::bind(fd.get(), info.ai_addr, info.ai_addrlen) != 0 || ::listen(fd.get(), kListenBacklog) != 0) {
+    // Closed here, not on return, so that the caller reads the failed call's errno.
     const int cause = errno;
-    ::close(fd);
+    fd.reset();
     errno = cause;
     return -1;
   }
-  return fd;
+  return fd.release();  // the caller owns it
 }
 
 std::uint16_t boundPort(int fd) {

@@ -14,6 +14,7 @@
 #include <functional>
 #include <vector>
 
+#include "Beacon/UniqueFd.h"
 #include "ReportOutput.h"
 
 namespace Stat {
@@ -114,18 +115,19 @@ bool replaceFileBy(const std::string& path, const std::function<bool(int, std::s
   std::string temporary = directoryOf(path) + "/." + base + ".tmp.XXXXXX";
   std::vector<char> name(temporary.begin(), temporary.end());
   name.push_back('\0');
-  const int fd = ::mkstemp(name.data());
-  if (fd < 0) {
+  Beacon::UniqueFd fd(::mkstemp(name.data()));
+  if (!fd.valid()) {
     error = path + ": cannot create a temporary file beside it: " + std::strerror(errno);
     return false;
   }
   temporary = name.data();
-  bool ok = write(fd, error);
-  if (ok && ::fchmod(fd, 0644) != 0) {
+  bool ok = write(fd.get(), error);
+  if (ok && ::fchmod(fd.get(), 0644) != 0) {
     error = std::strerror(errno);
     ok = false;
   }
-  if (::close(fd) != 0 && ok) {
+  // Closed by hand: a failed close can lose what was written.
+  if (::close(fd.release()) != 0 && ok) {
     error = std::strerror(errno);
     ok = false;
   }

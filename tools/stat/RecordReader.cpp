@@ -17,6 +17,7 @@
 #include <memory>
 #include <utility>
 
+#include "Beacon/UniqueFd.h"
 #include "Recorder.h"
 
 namespace Stat {
@@ -29,26 +30,22 @@ class Bytes {
  public:
   // False when the file cannot be read; a short read keeps what came.
   bool read(const std::string& path, std::size_t limit) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const Beacon::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
-    if (fd < 0 || ::fstat(fd, &st) != 0) {
-      if (fd >= 0) {
-        ::close(fd);
-      }
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0) {
       return false;
     }
     const std::size_t want = std::min(static_cast<std::size_t>(st.st_size), limit);
     data_.reset(new char[want]);
     size_ = 0;
     while (size_ < want) {
-      const ssize_t got = ::read(fd, data_.get() + size_, want - size_);
+      const ssize_t got = ::read(fd.get(), data_.get() + size_, want - size_);
       if (got <= 0) {
         break;
       }
       size_ += static_cast<std::size_t>(got);
     }
     whole_ = size_ == static_cast<std::size_t>(st.st_size);
-    ::close(fd);
     return true;
   }
   char operator[](std::size_t i) const { return data_[i]; }
