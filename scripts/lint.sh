@@ -39,10 +39,12 @@ jq -r '.[] | [.file, .directory, .command] | @tsv' "$LINT_DB/compile_commands.js
 # makes the units hashed below, and the configuration.
 tidy_bin=$(readlink -f "$(command -v clang-tidy)")
 LINT_TOOL=$({
-  sha256sum "$tidy_bin" $(ldd "$tidy_bin" | awk '/libclang|libLLVM/ { print $3 }' | xargs -r readlink -f)
+  sha256sum "$tidy_bin" $(ldd "$tidy_bin" | awk '/libclang|libLLVM/ { print $3 }' | xargs -r readlink -f) |
+    sed 's|^\([0-9a-f]*\)  .*/|\1  |'
   clang++ --version | head -n 1
-  cat .clang-tidy
-} | sed 's|^\([0-9a-f]*\)  .*/|\1  |' | sha256sum | cut -d' ' -f1)
+  # Every configuration file clang-tidy could meet in the tree, by path.
+  git ls-files -z '.clang-tidy' '*/.clang-tidy' | xargs -0 -r sha256sum
+} | sha256sum | cut -d' ' -f1)
 
 # Prints "hash  source" for one source checked with the given extra arguments.
 unit_hash() {
