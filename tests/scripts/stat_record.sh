@@ -25,13 +25,34 @@ start_recorder() {
   STARTED+=("$RECORDER")
 }
 
+# True when every thread of process $1 is stopped.
+all_stopped() {
+  local task
+  for task in /proc/"$1"/task/*/stat; do
+    [[ $(sed 's/.*) //' "$task" 2>/dev/null | cut -c1) == [tT] ]] || return 1
+  done
+}
+# The recordings' size, read while the recorder is stopped: a listing read
+# while it runs can count both the oldest file, removed meanwhile, and the
+# frame appended in its place. Fails when the recorder does not stop.
+bytes_at_rest() {
+  kill -STOP "$RECORDER"
+  if ! wait_until 10 all_stopped "$RECORDER"; then
+    kill -CONT "$RECORDER"
+    return 1
+  fi
+  total_bytes "$REC"
+  kill -CONT "$RECORDER"
+}
+
 # within_budget_until SECONDS COMMAND...: COMMAND comes true, and the
 # recordings never exceed the budget meanwhile.
 within_budget_until() {
-  local deadline=$(($(date +%s) + $1))
+  local deadline=$(($(date +%s) + $1)) bytes
   shift
   until "$@"; do
-    (($(total_bytes "$REC") <= BUDGET)) || fail "recordings take $(total_bytes "$REC") bytes, over $BUDGET"
+    bytes=$(bytes_at_rest) || fail "the recorder did not stop on SIGSTOP"
+    ((bytes <= BUDGET)) || fail "recordings take $bytes bytes, over $BUDGET"
     (($(date +%s) < deadline)) || return 1
     sleep 0.05
   done
