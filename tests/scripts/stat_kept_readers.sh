@@ -24,15 +24,20 @@ wait_until 30 at_least 2 || fail "no samples: $(cat "$WORK/stat.err")"
 # bitmap) and no more: one page each here, where a whole region.1 is two.
 root=$(realpath "$HERON_ROOT")
 page=$(getconf PAGESIZE)
+# Read with heron-stat stopped: a maps file read line by line while its
+# process maps and unmaps can shift under the reader.
+pause_pid "$STAT_PID" || fail "heron-stat did not stop on SIGSTOP"
+maps=$(<"/proc/$STAT_PID/maps")
+kill -CONT "$STAT_PID"
 mapped=0
 while read -r range _ _ _ _ file; do
   [[ $file == "$root"/*/relay.[12] || $file == "$root"/*/quarry || $file == "$root"/*/region.* ]] || continue
   length=$((16#${range#*-} - 16#${range%-*}))
-  ((length == page)) || fail "$file is mapped $length bytes: $(grep -F "$root" "/proc/$STAT_PID/maps")"
+  ((length == page)) || fail "$file is mapped $length bytes: $(grep -F "$root" <<<"$maps")"
   mapped=$((mapped + 1))
-done <"/proc/$STAT_PID/maps"
+done <<<"$maps"
 # Queues and allocator of each table, a region each of md/a and md/b at least.
-((mapped >= 11)) || fail "$mapped table files mapped, not 11 or more: $(grep -F "$root" "/proc/$STAT_PID/maps")"
+((mapped >= 11)) || fail "$mapped table files mapped, not 11 or more: $(grep -F "$root" <<<"$maps")"
 
 # From now on every open of the sampler is traced.
 strace -f -qq -e trace=openat -p "$STAT_PID" -o "$WORK/trace" 2>"$WORK/strace.err" &
@@ -46,12 +51,13 @@ wait_until 30 at_least $((traced_from + 3)) || fail "the samples stopped"
 "$SIM" create md/b --capacity 128 --regions 64x16,256x4 >/dev/null
 "$SIM" remove md/c >/dev/null
 replaced=$(samples)
-# after N: the last sample begun after the Nth; false while there is none
+# after N: the last whole sample begun after the Nth (a sample is written
+# in pieces: a line not yet ended is not one); false while there is none
 # (jq -e takes an empty input for true).
 after() {
-  local line
-  line=$(tail -n +$(($1 + 2)) "$OUT" | tail -1)
-  [[ -n $line ]] && printf '%s\n' "$line"
+  local n
+  n=$(samples)
+  ((n >= $1 + 2)) && sed -n "${n}p" "$OUT"
 }
 now() { after "$replaced"; }
 seen_now() {
@@ -72,19 +78,20 @@ done
 # A queue header damaged in place with the file's id kept (as a write
 # through a mapping leaves it): the kept reader checks the headers again.
 # heron-stat is stopped meanwhile, so that no sample sees the passing mtime.
-kill -STOP "$STAT_PID"
+pause_pid "$STAT_PID" || fail "heron-stat did not stop on SIGSTOP"
 touch -r "$HERON_ROOT/md/a/relay.1" "$WORK/mtime"
 printf 'XXXXXXXX' | dd of="$HERON_ROOT/md/a/relay.1" conv=notrunc status=none
 touch -m -r "$WORK/mtime" "$HERON_ROOT/md/a/relay.1"
 kill -CONT "$STAT_PID"
 damaged=$(samples)
-broken() { after "$damaged" | jq -e '.tables[0].state == "broken"' >/dev/null 2>&1; }
-wait_until 30 broken || fail "a damaged queue header went unnoticed: $(tail -1 "$OUT" | jq -c '.tables[0].problems')"
+# The sample that showed it is kept in SEEN, for the comparison below.
+broken() { SEEN=$(after "$damaged") && jq -e '.tables[0].state == "broken"' <<<"$SEEN" >/dev/null 2>&1; }
+wait_until 30 broken || fail "a damaged queue header went unnoticed: $(jq -c '.tables[0].problems' <<<"$SEEN")"
 
 # Kept and fresh readers say the same of the same files.
 facts='[.tables[] | {name, state, problems, owner, queues: (.queues | del(.rate_per_second, .seconds_to_switch)),
   allocator: (.allocator | del(.allocations_per_second, .releases_per_second))}]'
-kept=$(after "$damaged" | jq -S "$facts")
+kept=$(jq -S "$facts" <<<"$SEEN")
 fresh=$("$STAT" -i 0 --json --no-clients | jq -S "$facts")
 [[ $kept == "$fresh" ]] || fail "a kept sample differs from a fresh one: $(diff <(echo "$kept") <(echo "$fresh") | head -20)"
 stop_pid "$STAT_PID" || fail "heron-stat --watch did not end with status 0 on SIGTERM"

@@ -25,22 +25,11 @@ start_recorder() {
   STARTED+=("$RECORDER")
 }
 
-# True when every thread of process $1 is stopped.
-all_stopped() {
-  local task
-  for task in /proc/"$1"/task/*/stat; do
-    [[ $(sed 's/.*) //' "$task" 2>/dev/null | cut -c1) == [tT] ]] || return 1
-  done
-}
 # The recordings' size, read while the recorder is stopped: a listing read
 # while it runs can count both the oldest file, removed meanwhile, and the
 # frame appended in its place. Fails when the recorder does not stop.
 bytes_at_rest() {
-  kill -STOP "$RECORDER"
-  if ! wait_until 10 all_stopped "$RECORDER"; then
-    kill -CONT "$RECORDER"
-    return 1
-  fi
+  pause_pid "$RECORDER" || return 1
   total_bytes "$REC"
   kill -CONT "$RECORDER"
 }

@@ -134,3 +134,21 @@ stop_pid() {
   wait "$1" || status=$?
   return $status
 }
+
+# True when every thread of process $1 is stopped.
+all_stopped() {
+  local task
+  for task in /proc/"$1"/task/*/stat; do
+    [[ $(sed 's/.*) //' "$task" 2>/dev/null | cut -c1) == [tT] ]] || return 1
+  done
+}
+
+# pause_pid PID: SIGSTOP, returning once every thread of PID has stopped
+# (the signal alone lets it run on for a moment); false, with PID continued,
+# when it does not stop within 10 s. kill -CONT resumes it.
+pause_pid() {
+  kill -STOP "$1" || return 1
+  wait_until 10 all_stopped "$1" && return 0
+  kill -CONT "$1"
+  return 1
+}
