@@ -87,8 +87,12 @@ watched=$WORK/out.d/watched.prom
 watch_pid=$!
 STARTED+=("$watch_pid")
 wait_until 10 test -f "$watched" || fail "--watch -o wrote nothing"
-rm -f "$watched"
-mkfifo "$watched"
+# The FIFO takes the file's place in one rename: with a report every 0.1 s,
+# one could land between an rm and a mkfifo.
+mkfifo "$WORK/out.d/fifo.next"
+mv -T "$WORK/out.d/fifo.next" "$watched"
+gone() { ! kill -0 "$1" 2>/dev/null; }
+wait_until 30 gone "$watch_pid" || fail "--watch went on with a FIFO in place: $(ls -l "$watched")"
 status=0
 wait "$watch_pid" || status=$?
 [[ $status -eq 1 ]] || fail "--watch with a FIFO in place ended with $status: $(cat "$WORK/watch.err")"
