@@ -35,10 +35,12 @@ none_runs() {
   return 0
 }
 
-# assert_all_gone PIDS...: within 3 s none of them runs any more.
+# assert_all_gone PIDS...: soon none of them runs any more. That they die
+# with the demo is the point, not how fast: the deadline leaves room for a
+# dozen exits under the sanitizers on busy cores.
 assert_all_gone() {
   local pid left=""
-  wait_until 3 none_runs "$@" && return 0
+  wait_until 30 none_runs "$@" && return 0
   for pid in "$@"; do
     is_sim "$pid" && left="$left $pid"
   done
