@@ -33,7 +33,12 @@ writer_field() {
   "$STAT" --json -i 0 "$@" | jq -r --arg t "$table" ".tables[] | select(.name == \$t) | $filter"
 }
 
-state_is() { [[ $(writer_field "$1" .state "${@:3}") == "$2" ]]; }
+# The state compared last stays in STATE, for the failure message: sampled
+# again, it could already have moved on.
+state_is() {
+  STATE=$(writer_field "$1" .state "${@:3}")
+  [[ $STATE == "$2" ]]
+}
 
 "$SIM" create boxed >/dev/null
 in_namespace "$WORK/boxed.log" "$SIM" write boxed --rate 1000
@@ -62,7 +67,7 @@ state_is boxed ok --no-clients || fail "boxed is not ok without the client walk"
 
 # SIGKILL: host pid 1 runs, yet the writer is dead within 2 s.
 kill -KILL "$BOXED"
-wait_until 2 state_is boxed dead || fail "boxed is '$(writer_field boxed .state)' 2 s after SIGKILL"
+wait_until 2 state_is boxed dead || fail "boxed is '$STATE' 2 s after SIGKILL"
 state_is boxed dead --no-clients || fail "boxed is not dead without the client walk"
 "$STAT" -i 0 | matches "boxed: writer 1 (pid namespace $ns) is not running" || fail "dead text: $("$STAT" -i 0)"
 status=0

@@ -25,6 +25,8 @@ stuck() {
     return 1
   fi
 }
+# ended PID: PID has exited (gone, or a zombie not yet reaped).
+ended() { [[ ! -e /proc/$1/io || -z $(ps -o stat= -p "$1" | grep -v Z) ]]; }
 
 for signal in TERM INT; do
   rm -f "$WORK/fifo"
@@ -42,7 +44,7 @@ for signal in TERM INT; do
   wait_until 30 stuck "$pid" || fail "heron-stat never filled the pipe: $(written "$pid") bytes"
   start=$(date +%s%N)
   kill -"$signal" "$pid"
-  wait_until 5 test ! -e "/proc/$pid/io" -o -z "$(ps -o stat= -p "$pid" | grep -v Z)" ||
+  wait_until 5 ended "$pid" ||
     fail "SIG$signal did not end heron-stat while its reader did not read"
   status=0
   wait "$pid" || status=$?
