@@ -63,7 +63,8 @@ unit_hash() {
     esac
     i=$((i + 1))
   done
-  # A unit that does not preprocess gets no hash: it is checked, and fails.
+  # A unit that does not preprocess gets no hash: the lint stops on the
+  # preprocessor's message.
   local unit
   unit=$(mktemp -p "$LINT_WORK")
   (cd "$dir" && clang++ "${args[@]}" -E -C -dD -o "$unit") || { rm -f "$unit"; return 1; }
@@ -75,11 +76,11 @@ unit_hash() {
   } | perl -pe 'BEGIN { ($db, $root) = splice @ARGV, 0, 2 } s/\Q$db\E/\@DB/g; s/\Q$root\E/\@ROOT/g' \
     "$LINT_DB" "$LINT_ROOT" | sha256sum | sed "s|-\$|$source|"
 }
-# Checks one source; a clean one is appended to the list of new verdicts.
+# Checks the source of one "hash  source" line; a clean one's line is
+# appended to the new verdicts.
 check_unit() {
-  local source=$1 checks=$2 line
-  line=$(unit_hash "$source" "$checks")
-  clang-tidy -p "$LINT_DB" --quiet --warnings-as-errors='*' ${checks:+"$checks"} "$source" || return 1
+  local line=$1 checks=$2
+  clang-tidy -p "$LINT_DB" --quiet --warnings-as-errors='*' ${checks:+"$checks"} "${line##* }" || return 1
   printf '%s\n' "$line" >>"$LINT_WORK/clean"
 }
 export -f unit_hash check_unit
@@ -99,7 +100,8 @@ echo "lint: $(wc -l <"$work/clean") of $(wc -l <"$work/current") sources unchang
 
 # The rest, one clang-tidy per source, as many at once as there are cores.
 status=0
-pending() { grep -vxF -f "$work/clean" "$work/current" | cut -d' ' -f3 | grep -xF -f <(printf '%s\n' $1) || true; }
+# The lines of the sources named in $1 that are not known clean.
+pending() { { grep -vxF -f "$work/clean" "$work/current" || true; } | awk 'NR == FNR { want[$1]; next } $2 in want' <(printf '%s\n' $1) -; }
 pending "$analysed" >"$work/analysed"
 pending "$tools" >"$work/tools"
 xargs -r -P "$(nproc)" -I{} bash -c 'check_unit "$1" ""' _ {} <"$work/analysed" || status=1
