@@ -18,6 +18,7 @@
 #include <cstring>
 #include <iostream>
 
+#include "Beacon/Clock.h"
 #include "Beacon/ProcPid.h"
 #include "Beacon/StopSignals.h"
 #include "Mem/RootPath.h"
@@ -29,11 +30,7 @@ namespace Sim {
 
 namespace {
 
-long long monotonicNs() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
-}
+long long monotonicNs() { return static_cast<long long>(Beacon::monoNs()); }
 
 // One writer per table: the previous one counts as alive while its pid runs
 // and its last beat is younger than two seconds (it beats every 100 ms). The

@@ -42,12 +42,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kRecordBytes = 128 << 10;
 
-double wallNow() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 void sleepUntil(double monotonic) {
   for (;;) {
     const double left = monotonic - Beacon::monoSeconds();
@@ -278,7 +272,7 @@ bool writeBundle(int fd, bool zstd, std::vector<CopiedFile>& files, Json& manife
     list.push_back(fileJson(file));
   }
   manifest["files"] = std::move(list);
-  manifest["capture"]["end"] = wallNow();
+  manifest["capture"]["end"] = Beacon::time();
   manifest["capture"]["end_monotonic"] = Beacon::monoSeconds();
   return writeText(writer, kManifestName, manifest.dump(2) + "\n", time, error) && writer.close(error);
 }
@@ -329,7 +323,7 @@ int capture(const Options& options) {
     std::cerr << "heron-stat: " << error << std::endl;
     return 1;
   }
-  const double startWall = wallNow();
+  const double startWall = Beacon::time();
   const double startMono = Beacon::monoSeconds();
   const Sample live = liveSample(options);
   const std::string trouble = sampleTrouble(live);

@@ -10,10 +10,10 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <functional>
 #include <vector>
 
+#include "Beacon/Clock.h"
 #include "Beacon/UniqueFd.h"
 #include "ReportOutput.h"
 
@@ -35,16 +35,6 @@ bool writeAll(int fd, const std::string& text, std::string& error) {
   return true;
 }
 
-namespace {
-
-double monotonicSeconds() {
-  struct timespec now {};
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-}  // namespace
-
 Written writeUnlessStopped(int fd, const std::string& text, int stopFd, std::string& error) {
   // A piece that a descriptor reported writable takes without blocking: a
   // pipe with a free slot takes PIPE_BUF bytes at once.
@@ -54,7 +44,7 @@ Written writeUnlessStopped(int fd, const std::string& text, int stopFd, std::str
   while (done < text.size()) {
     // Once asked to stop, a moving reader still gets the rest of the
     // document for a short while; a reader that does not read, nothing more.
-    const double now = monotonicSeconds();
+    const double now = Beacon::monoSeconds();
     if (stoppedAt >= 0 && now - stoppedAt >= kStopGraceSeconds) {
       return Written::Stopped;
     }
@@ -69,7 +59,7 @@ Written writeUnlessStopped(int fd, const std::string& text, int stopFd, std::str
       return Written::Failed;
     }
     if (watchStop && (fds[1].revents & POLLIN) != 0) {
-      stoppedAt = monotonicSeconds();
+      stoppedAt = Beacon::monoSeconds();
     }
     if ((fds[0].revents & POLLNVAL) != 0) {
       error = std::strerror(EBADF);
